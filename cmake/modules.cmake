@@ -1,0 +1,36 @@
+# orv_module(name SOURCES a.cc b.cc LINK libs...): the static library of one folder. The libraries
+# it names are the folders to its left; they and the compiler settings reach whoever links it.
+function(orv_module name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  if(ARG_SOURCES)
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC orv_compiler ${ARG_LINK})
+  else()
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE orv_compiler ${ARG_LINK})
+  endif()
+endfunction()
+
+# orv_test(name SOURCES a_test.cc ... LINK libs...): one GoogleTest binary; every TEST in it is a
+# test of its own for ctest.
+function(orv_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} orv_test_support GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endfunction()
+
+# orv_bench(name SOURCES a_bench.cc LINK libs...): one Google Benchmark program.
+function(orv_bench name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} benchmark::benchmark benchmark::benchmark_main)
+endfunction()
+
+# orv_fuzzer(name SOURCES a_fuzz.cc LINK libs...): one libFuzzer target.
+function(orv_fuzzer name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINK})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+endfunction()

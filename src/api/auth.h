@@ -1,0 +1,72 @@
+// Authentication of API requests: Bearer secrets, signed requests with a time window and nonces, and
+// the signature of responses.
+#ifndef ORV_API_AUTH_H_
+#define ORV_API_AUTH_H_
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "api/tokens.h"
+#include "common/digest.h"
+#include "common/fixed_text.h"
+#include "net/ipc.h"
+
+namespace orv {
+
+inline constexpr std::int64_t kTimestampWindow = 300;  // seconds, either way
+inline constexpr std::int64_t kNonceLifetime = 600;    // seconds
+inline constexpr std::size_t kNonceSlots = 4096;
+inline constexpr std::size_t kNonceLength = 32;  // lower-case hexadecimal digits
+inline constexpr std::size_t kMaxCanonicalText = 4095;  // bytes
+
+enum class AuthResult : std::uint32_t {
+  Ok = 0,
+  NoCredentials = 1,
+  Malformed = 2,
+  UnknownToken = 3,
+  WrongSecret = 4,
+  AdminMustSign = 5,
+  OutsideWindow = 6,
+  NonceUsed = 7,
+  TooManyRequests = 8,
+};
+[[nodiscard]] const char* auth_result_text(AuthResult result);
+
+// The nonces of the last kNonceSlots signed requests. Checking and storing one costs the same
+// whether the ring is empty or full.
+class NonceCache {
+ public:
+  NonceCache();
+  ~NonceCache();
+  NonceCache(const NonceCache&) = delete;
+  NonceCache& operator=(const NonceCache&) = delete;
+  // Ok (and the nonce is remembered), NonceUsed or TooManyRequests.
+  [[nodiscard]] AuthResult accept(std::string_view nonce, std::int64_t now);
+
+ private:
+  struct Ring;
+  Ring* ring_;
+};
+
+struct Authenticated {
+  const ApiToken* token = nullptr;  // borrowed from the store
+  bool is_signed = false;
+  FixedText<kNonceLength> nonce;  // of a signed request
+};
+
+[[nodiscard]] AuthResult authenticate(const TokenStore& store, NonceCache& nonces, std::int64_t now,
+                                      const ApiRequest& request, Authenticated& out);
+
+// The text that a request's signature covers. False when it is longer than kMaxCanonicalText.
+[[nodiscard]] bool canonical_request(const ApiRequest& request, std::string_view timestamp,
+                                     std::string_view nonce, std::string& out);
+
+[[nodiscard]] HexDigest sign_response(std::string_view secret, std::string_view nonce,
+                                      std::uint32_t status, std::string_view body);
+
+}  // namespace orv
+
+#endif  // ORV_API_AUTH_H_

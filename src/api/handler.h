@@ -1,0 +1,48 @@
+// The API's entry point: keeps the tokens current, authenticates a request, routes it, signs the
+// response. Everything that the requests of one daemon share is in its ApiContext.
+#ifndef ORV_API_HANDLER_H_
+#define ORV_API_HANDLER_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "api/auth.h"
+#include "api/reply.h"
+#include "api/tokens.h"
+#include "common/files.h"
+#include "net/ipc.h"
+#include "sched/live_state.h"
+
+namespace orv {
+
+enum class TokenFileState : int { NotLoaded = 0, Loaded = 1, Failed = -1 };
+
+struct ApiContext {
+  explicit ApiContext(LiveState& live_state) : live(live_state) {}
+  LiveState& live;
+  TokenStore tokens;
+  std::string tokens_path;       // last loaded
+  FileIdentity tokens_identity;  // at that load
+  TokenFileState tokens_state = TokenFileState::NotLoaded;
+  NonceCache nonces;
+  ApiReply reply;
+};
+
+// One authenticated request on its way through the router.
+struct RoutedRequest {
+  const ApiRequest& http;
+  std::string_view token_name;
+  TokenRole role;
+};
+
+// An ApiHandler; `context` is an ApiContext. The response's body lies in the context's reply buffer.
+void api_handle_request(void* context, const ApiRequest& request, ApiResponse& response);
+
+// Decides which operation a request names, applies the rules common to all, and runs it; the reply is
+// left in context.reply.
+void api_route(ApiContext& context, const RoutedRequest& request);
+
+}  // namespace orv
+
+#endif  // ORV_API_HANDLER_H_

@@ -1,0 +1,54 @@
+// A strict, bounded reader of JSON (RFC 8259). Every failure is one message that ends "at byte <n>",
+// the offset at which reading stopped.
+#ifndef ORV_API_JSON_H_
+#define ORV_API_JSON_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orv {
+
+enum class JsonKind : std::uint32_t {
+  Null = 0, Boolean = 1, Number = 2, String = 3, Array = 4, Object = 5
+};
+
+struct JsonValue {
+  JsonKind kind = JsonKind::Null;
+  bool boolean = false;
+  bool is_integer = false;   // no fraction, no exponent, and it fits 64 bits
+  std::int64_t integer = 0;  // valid when is_integer
+  double number = 0;
+  std::string string;                               // decoded, UTF-8, never holds a NUL byte
+  std::vector<std::unique_ptr<JsonValue>> values;   // elements, or members' values in their order
+  std::vector<std::string> keys;                    // keys[i] names values[i]; unique
+};
+
+struct JsonLimits {
+  std::size_t max_bytes = 4194304;
+  std::uint32_t max_depth = 32;
+  std::uint32_t max_values = 200000;
+};
+inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
+
+// 0 with the root in `out`; -1 with one message, `out` empty. `text` needs no NUL.
+[[nodiscard]] int json_parse(std::string_view text, const JsonLimits& limits,
+                             std::unique_ptr<JsonValue>& out, std::span<char> err);
+
+// Accessors; each takes an absent node (null) and one of another kind, and finds nothing in it.
+[[nodiscard]] JsonKind json_kind(const JsonValue* node);  // absent reads as Null
+[[nodiscard]] const JsonValue* json_member(const JsonValue* object, std::string_view key);
+[[nodiscard]] const std::string* json_string(const JsonValue* node);
+[[nodiscard]] std::optional<std::int64_t> json_integer(const JsonValue* node);
+[[nodiscard]] std::optional<bool> json_boolean(const JsonValue* node);
+[[nodiscard]] std::size_t json_size(const JsonValue* node);  // elements or members
+[[nodiscard]] const JsonValue* json_element(const JsonValue* array, std::size_t index);
+
+}  // namespace orv
+
+#endif  // ORV_API_JSON_H_

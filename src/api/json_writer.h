@@ -1,0 +1,57 @@
+// JsonWriter builds one reply in a buffer of fixed size, commas placed by themselves. Nothing fails
+// on its own: the first write that does not fit sets `overflow`, and all later ones are skipped.
+#ifndef ORV_API_JSON_WRITER_H_
+#define ORV_API_JSON_WRITER_H_
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace orv {
+
+class JsonWriter {
+ public:
+  // Writes from the start of `buffer`, which is borrowed and always NUL-terminated.
+  explicit JsonWriter(std::span<char> buffer);
+  void reset();  // starts anew, overflow cleared
+
+  void begin_object();
+  void end_object();
+  void begin_array();
+  void end_array();
+  void key(std::string_view name);
+  void string(std::string_view text);
+  void string_or_null(std::string_view text);  // empty: null
+  void integer(std::int64_t value);
+  void boolean(bool value);
+  void null();
+  void raw(std::string_view json);  // a value already in JSON
+
+  // A string whose escaped content is at most `limit` bytes and fits the buffer: it stops before the
+  // first piece that would not, and is closed. Returns the number of bytes of `text` it covers.
+  std::size_t string_limited(std::string_view text, std::size_t limit);
+
+  [[nodiscard]] bool overflow() const { return overflow_; }
+  [[nodiscard]] std::string_view text() const { return {buffer_.data(), length_}; }
+
+ private:
+  static constexpr std::size_t kLevels = 16;
+  bool fits(std::size_t bytes, std::size_t reserve) const;
+  void put(std::string_view text);
+  void separate();
+  void open(char bracket);
+  void close(char bracket);
+
+  std::span<char> buffer_;
+  std::size_t length_ = 0;
+  bool overflow_ = false;
+  std::array<bool, kLevels> first_{};
+  std::size_t depth_ = 0;
+  bool after_key_ = false;
+};
+
+}  // namespace orv
+
+#endif  // ORV_API_JSON_WRITER_H_

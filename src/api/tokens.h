@@ -1,0 +1,52 @@
+// API tokens and the file that keeps them: root-only, one token a line, replaced whole.
+#ifndef ORV_API_TOKENS_H_
+#define ORV_API_TOKENS_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "common/fixed_text.h"
+#include "sched/live_state.h"
+
+namespace orv {
+
+inline constexpr std::size_t kMaxTokens = 256;
+inline constexpr std::size_t kTokenSecretLength = 43;  // base64url of 32 random bytes
+
+enum class TokenRole : std::uint32_t { Read = 0, Admin = 1 };
+[[nodiscard]] const char* role_name(TokenRole role);  // "admin" or "read"
+[[nodiscard]] bool parse_role(std::string_view text, TokenRole& out);
+
+struct ApiToken {
+  FixedText<kMaxTokenName> name;
+  TokenRole role = TokenRole::Read;
+  std::int64_t created = 0;  // Unix seconds
+  FixedSecret<kTokenSecretLength> secret;
+};
+
+// The tokens in the order of the file, each on the heap so that its secret never moves in memory.
+struct TokenStore {
+  std::vector<std::unique_ptr<ApiToken>> tokens;  // at most kMaxTokens
+};
+
+// 1..64 letters, digits, "_" and "-".
+[[nodiscard]] bool check_token_name(std::string_view text);
+// Exact, case-sensitive; null when there is none.
+[[nodiscard]] const ApiToken* find_token(const TokenStore& store, std::string_view name);
+
+// Reads the file into `out`. 0, with no tokens when the file does not exist; -1 with a message and an
+// empty store. The file must be a regular one, no link, closed to group and others.
+[[nodiscard]] int read_tokens(const char* path, TokenStore& out, std::span<char> err);
+// Replaces the file. 0; -1 with a message, the old file in place.
+[[nodiscard]] int write_tokens(const char* path, const TokenStore& store, std::span<char> err);
+
+// A fresh secret. 0; -1 when there are no random numbers.
+[[nodiscard]] int new_token_secret(FixedSecret<kTokenSecretLength>& out);
+
+}  // namespace orv
+
+#endif  // ORV_API_TOKENS_H_

@@ -1,0 +1,94 @@
+#include "common/files.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace orv {
+namespace {
+
+ErrorCode make_directory(const char* path) {
+  if (::mkdir(path, 0777) == 0) return ErrorCode::Ok;
+  const int saved = errno;
+  struct stat st {};
+  if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return ErrorCode::Ok;
+  return error_from_errno(saved);
+}
+
+}  // namespace
+
+ErrorCode make_directories(std::string_view path) {
+  std::string part;
+  part.reserve(path.size() + 1);
+  for (std::size_t at = 0; at < path.size();) {
+    const std::size_t slash = path.find('/', at);
+    const std::size_t end = slash == std::string_view::npos ? path.size() : slash;
+    part.append(path.substr(at, end - at));
+    if (end > at) {
+      if (ErrorCode rc = make_directory(part.c_str()); rc != ErrorCode::Ok) return rc;
+    }
+    part += '/';
+    at = end + 1;
+  }
+  return ErrorCode::Ok;
+}
+
+ErrorCode make_parent_directories(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return ErrorCode::Ok;
+  return make_directories(path.substr(0, slash));
+}
+
+ScopedFd open_file(const char* path, int flags, mode_t mode) {
+  int fd = -1;
+  do {
+    fd = ::open(path, flags | O_CLOEXEC, mode);
+  } while (fd < 0 && errno == EINTR);
+  return ScopedFd(fd);
+}
+
+ErrorCode write_all(int fd, std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t wrote = ::write(fd, bytes.data(), bytes.size());
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote < 0) return error_from_errno(errno);
+    if (wrote == 0) return ErrorCode::IoError;
+    bytes = bytes.subspan(static_cast<std::size_t>(wrote));
+  }
+  return ErrorCode::Ok;
+}
+
+ErrorCode write_all(int fd, std::string_view text) {
+  return write_all(fd, std::as_bytes(std::span(text.data(), text.size())));
+}
+
+ErrorCode read_at(int fd, std::uint64_t offset, std::span<char> into, std::size_t& got) {
+  std::size_t done = 0;
+  while (done < into.size()) {
+    const ssize_t n = ::pread(fd, into.data() + done, into.size() - done,
+                              static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return error_from_errno(errno);
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  got = done;
+  return ErrorCode::Ok;
+}
+
+FileIdentity file_identity(const char* path) {
+  struct stat st {};
+  if (::stat(path, &st) != 0) return {};
+  return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ino, st.st_size};
+}
+
+std::string_view host_name(std::span<char, kMaxHostName + 1> buffer) {
+  if (::gethostname(buffer.data(), buffer.size()) != 0) std::strcpy(buffer.data(), "localhost");
+  buffer.back() = '\0';  // gethostname() leaves a cut name unterminated
+  return buffer.data();
+}
+
+}  // namespace orv

@@ -1,0 +1,52 @@
+// File helpers. Every descriptor is opened close-on-exec; interrupted calls are retried.
+#ifndef ORV_COMMON_FILES_H_
+#define ORV_COMMON_FILES_H_
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "common/scoped_fd.h"
+#include "common/status.h"
+
+namespace orv {
+
+// Creates the directory with all missing parents, each with mode 0777 before the umask. A component
+// that exists is accepted when it is a directory (or a link to one). An empty path is Ok.
+[[nodiscard]] ErrorCode make_directories(std::string_view path);
+
+// The same for the directory that `path` lies in; a path without a slash needs none.
+[[nodiscard]] ErrorCode make_parent_directories(std::string_view path);
+
+// open(2) with O_CLOEXEC added, retried on EINTR; an empty owner on failure, errno kept.
+[[nodiscard]] ScopedFd open_file(const char* path, int flags, mode_t mode = 0);
+
+// Writes all of `bytes`. A write that makes no progress is an IoError.
+[[nodiscard]] ErrorCode write_all(int fd, std::span<const std::byte> bytes);
+[[nodiscard]] ErrorCode write_all(int fd, std::string_view text);
+
+// Reads from `offset` until `into` is full or the file ends; `got` is the number of bytes read.
+[[nodiscard]] ErrorCode read_at(int fd, std::uint64_t offset, std::span<char> into,
+                                std::size_t& got);
+
+// What tells one content of a file from the next without reading it. All zero when the status
+// cannot be read. Links are followed.
+struct FileIdentity {
+  std::int64_t mtime_s = 0;
+  std::int64_t mtime_ns = 0;
+  std::uint64_t inode = 0;
+  std::int64_t size = 0;  // bytes
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+[[nodiscard]] FileIdentity file_identity(const char* path);
+
+// The host's name, at most 255 bytes, "localhost" when it cannot be read.
+inline constexpr std::size_t kMaxHostName = 255;
+[[nodiscard]] std::string_view host_name(std::span<char, kMaxHostName + 1> buffer);
+
+}  // namespace orv
+
+#endif  // ORV_COMMON_FILES_H_

@@ -1,0 +1,35 @@
+#include "common/status.h"
+
+#include <cerrno>
+
+namespace orv {
+
+const char* error_text(ErrorCode code) {
+  switch (code) {
+    case ErrorCode::Ok: return "ok";
+    case ErrorCode::IoError: return "I/O error";
+    case ErrorCode::OutOfMemory: return "out of memory";
+    case ErrorCode::Invalid: return "invalid argument or request";
+    case ErrorCode::NotFound: return "not found";
+    case ErrorCode::AlreadyExists: return "already exists";
+    case ErrorCode::NotSupported: return "not supported";
+    case ErrorCode::Corrupt: return "corrupt or inconsistent data";
+    case ErrorCode::Protocol: return "protocol error";
+    case ErrorCode::Unavailable: return "temporarily unavailable";
+    case ErrorCode::Decryption: return "decryption failed (wrong key or corrupted data)";
+  }
+  return "unknown error";
+}
+
+ErrorCode error_from_errno(int error_number) {
+  switch (error_number) {
+    case ENOENT: return ErrorCode::NotFound;
+    case EAGAIN: return ErrorCode::Unavailable;
+    case ENOMEM: return ErrorCode::OutOfMemory;
+    case EEXIST: return ErrorCode::AlreadyExists;
+    case EINVAL: return ErrorCode::Invalid;
+    default: return ErrorCode::IoError;
+  }
+}
+
+}  // namespace orv

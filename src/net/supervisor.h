@@ -1,0 +1,98 @@
+// The scheduler's side of the network process: finds and starts orv_sched_net, hands it settings,
+// handles what it sends, and replaces it when it dies or misbehaves.
+//
+// The network process is not trusted. Any violation of the protocol closes the socket and kills it;
+// nothing it does blocks the scheduler, because every send is non-blocking and a pump handles at most
+// kNetPumpRecords records. Everything runs on the caller's thread.
+#ifndef ORV_NET_SUPERVISOR_H_
+#define ORV_NET_SUPERVISOR_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "common/fixed_text.h"
+#include "common/scoped_fd.h"
+#include "common/secret.h"
+#include "config/config.h"
+#include "net/ipc.h"
+
+namespace orv {
+
+inline constexpr int kNetPumpRecords = 32;
+inline constexpr std::uint32_t kNetFirstBackoff = 5;  // seconds
+inline constexpr std::uint32_t kNetMaxBackoff = 300;  // seconds
+
+// Answers one request. `response.body` must stay valid until the next call.
+using ApiHandler = void (*)(void* context, const ApiRequest& request, ApiResponse& response);
+// Told of each mail's outcome; `error` is empty when it was sent.
+using MailResultCallback = void (*)(void* context, std::uint32_t mail_id, std::uint32_t status,
+                                    std::string_view error);
+
+struct NetSupervisor {
+  pid_t pid = -1;  // the child, -1 when none
+  ScopedFd fd;     // our end of the socket pair
+  std::int64_t started_at = 0;    // Unix seconds of the last successful start
+  std::int64_t next_restart = 0;  // Unix seconds before which none is tried
+  std::uint32_t backoff = kNetFirstBackoff;
+  std::uint32_t next_id = 1;
+  bool wanted = false;   // the child should be running
+  bool in_pump = false;  // guards against re-entry
+  IpcMailConfig mail;    // `valid` when mail is configured
+  std::uint32_t last_mail_id = 0;
+  std::uint32_t last_mail_status = 0;
+  FixedText<kIpcMaxMailError> last_mail_error;
+  MailResultCallback on_mail_result = nullptr;
+  void* on_mail_result_context = nullptr;
+  bool api_enabled = false;
+  ScopedFd listen_fd;
+  FixedText<199> listen_label;  // address and port, IPv6 in brackets
+  std::string cert_pem;
+  SecretBytes key_pem;
+  std::uint32_t max_clients = 0;
+  ApiHandler api_handler = nullptr;
+  void* api_handler_context = nullptr;
+  std::unique_ptr<IpcMessage> buffer;  // the record being received or sent; made when first needed
+};
+
+// Takes the [mail] settings (none when the section is absent), starting the network process when it
+// was not wanted yet, else sending it the new settings.
+void net_set_mail(NetSupervisor& sup, const MailSection& mail);
+
+// Starts, changes or stops the API according to [api]; nothing happens when nothing changed.
+void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context);
+void net_stop_api(NetSupervisor& sup);
+
+// One round: handles what the child has sent, reaps it, starts a new one when it is due. Returns at
+// once when it is already running further up the stack.
+void net_pump(NetSupervisor& sup);
+
+// Sleeps up to `timeout_ms`, less when the child sends something, then pumps. A signal ends it early.
+void net_wait(NetSupervisor& sup, int timeout_ms);
+
+// The descriptor that becomes readable when the child has sent something; -1 when not connected.
+[[nodiscard]] inline int net_wait_fd(const NetSupervisor& sup) { return sup.fd.get(); }
+
+// Hands a mail to the child. Its id (>= 1; the outcome comes later), or 0 when it could not be handed
+// over; either is logged.
+std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body);
+
+// Waits for the outcome of one mail. 0 when it was sent; -1 with the reason.
+[[nodiscard]] int net_wait_mail_result(NetSupervisor& sup, std::uint32_t mail_id,
+                                       std::uint32_t timeout_s, std::span<char> err);
+
+// Sends one mail through a network process of its own, which has the mail settings only, and waits
+// for the outcome. 0; -1 with the reason.
+[[nodiscard]] int net_send_mail_now(const MailSection& mail, std::string_view subject,
+                                    std::string_view body, std::span<char> err);
+
+// Stops everything: API, socket, child (which gets 5 seconds to leave), settings wiped.
+void net_shutdown(NetSupervisor& sup);
+
+}  // namespace orv
+
+#endif  // ORV_NET_SUPERVISOR_H_

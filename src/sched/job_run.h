@@ -1,0 +1,65 @@
+// One run of one job, start to finish: argument vector, RUNNING in the queue, job log, the tool as a
+// child with a time limit, trailer, rotation, outcome in the queue.
+#ifndef ORV_SCHED_JOB_RUN_H_
+#define ORV_SCHED_JOB_RUN_H_
+
+#include <cstdint>
+#include <string>
+
+#include "common/fixed_text.h"
+#include "common/scoped_fd.h"
+#include "config/config.h"
+#include "sched/queue_state.h"
+
+namespace orv {
+
+enum class RunResult : std::uint32_t { Done = 0, Failed = 1, Busy = 2 };
+
+inline constexpr std::size_t kMaxCommandText = 1023;  // bytes
+inline constexpr std::size_t kMaxLogPath = 1399;      // bytes
+inline constexpr std::uint32_t kDefaultJobTimeout = 86400;  // seconds
+
+struct JobRunResult {
+  RunResult result = RunResult::Done;
+  std::int64_t started = 0;   // Unix seconds
+  std::int64_t finished = 0;  // Unix seconds
+  std::int32_t exit_code = 0;  // -1: not started, killed by a signal, or no argument vector
+  bool timed_out = false;
+  FixedText<kMaxCommandText> command;  // arguments joined with blanks
+  FixedText<kMaxLogPath> log_path;     // empty when no log was written
+};
+
+// Who is running now, and whether the API wants it stopped. Shared by the run and the API.
+struct CancelSlot {
+  JobName job;  // empty when none
+  bool cancel_requested = false;
+  FixedText<64> cancelled_by;  // name of the API token
+};
+
+// What a run does for others while it waits for its child. The run knows nothing of the network
+// process: it calls `serve` at least every 50 ms, and at once when `wait_fd` (if there is one now) is
+// readable. `cancel` may be null.
+struct RunServices {
+  void (*serve)(void* context) = nullptr;
+  int (*wait_fd)(void* context) = nullptr;  // -1: none now
+  void* context = nullptr;
+  CancelSlot* cancel = nullptr;
+};
+
+struct JobRunSettings {
+  bool background = false;         // --background for the tool, when its command takes it
+  std::uint32_t timeout_s = 0;     // 0: kDefaultJobTimeout
+  std::string job_log_dir;
+  std::uint32_t job_log_keep = 0;  // logs kept for each job; 0 keeps all
+};
+
+// Runs `job`. Needs the queue lock in `lock`; it is given up while the tool runs and taken again
+// afterwards (empty when that failed). The record of the job holds the outcome on return, but the
+// queue is not saved: the caller does so once it has set the next run. Pointers into `queue` are
+// stale. `services` may be null.
+RunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue, ScopedFd& lock,
+                  const RunServices* services, JobRunResult& result);
+
+}  // namespace orv
+
+#endif  // ORV_SCHED_JOB_RUN_H_
