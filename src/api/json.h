@@ -1,5 +1,5 @@
-// A strict, bounded reader of JSON (RFC 8259). Every failure is one message that ends "at byte <n>",
-// the offset at which reading stopped.
+// A strict, bounded reader of JSON (RFC 8259). Every failure is one message; but for "document too
+// large" it ends "at byte <n>", the offset at which reading stopped. Clients see these messages.
 #ifndef ORV_API_JSON_H_
 #define ORV_API_JSON_H_
 
@@ -18,7 +18,13 @@ enum class JsonKind : std::uint32_t {
   Null = 0, Boolean = 1, Number = 2, String = 3, Array = 4, Object = 5
 };
 
+// One value of a document. Its texts are zeroed when it goes, because a request may carry a password.
 struct JsonValue {
+  JsonValue() = default;
+  JsonValue(const JsonValue&) = delete;
+  JsonValue& operator=(const JsonValue&) = delete;
+  ~JsonValue();
+
   JsonKind kind = JsonKind::Null;
   bool boolean = false;
   bool is_integer = false;   // no fraction, no exponent, and it fits 64 bits
@@ -28,6 +34,9 @@ struct JsonValue {
   std::vector<std::unique_ptr<JsonValue>> values;   // elements, or members' values in their order
   std::vector<std::string> keys;                    // keys[i] names values[i]; unique
 };
+
+inline constexpr std::size_t kMaxJsonString = 65535;  // bytes of a decoded string
+inline constexpr std::size_t kMaxJsonNumber = 40;     // bytes of a number's text
 
 struct JsonLimits {
   std::size_t max_bytes = 4194304;

@@ -38,16 +38,17 @@ class JsonWriter {
 
  private:
   static constexpr std::size_t kLevels = 16;
-  bool fits(std::size_t bytes, std::size_t reserve) const;
   void put(std::string_view text);
   void separate();
   void open(char bracket);
   void close(char bracket);
+  // The escaped content of a string, as far as it fits; returns the bytes of `text` it covers.
+  std::size_t put_escaped(std::string_view text, std::size_t limit);
 
   std::span<char> buffer_;
   std::size_t length_ = 0;
   bool overflow_ = false;
-  std::array<bool, kLevels> first_{};
+  std::array<bool, kLevels> first_{};  // no element was written at that level yet
   std::size_t depth_ = 0;
   bool after_key_ = false;
 };

@@ -19,7 +19,8 @@ namespace orv {
 
 inline constexpr std::size_t kReplyBufferSize = 61440;  // bytes, NUL included
 
-// One request's reply. The body lies in `buffer` until the next request is handled.
+// One request's reply. The body lies in `buffer` until the next request is handled. The buffer is made
+// by the first reset(), so that a daemon whose API is never used does not pay for it.
 struct ApiReply {
   ApiReply();
   std::unique_ptr<char[]> buffer;  // kReplyBufferSize bytes
@@ -28,14 +29,14 @@ struct ApiReply {
   std::string_view body;
   FixedText<79> etag;  // the entity tag that goes with the reply, empty: none
 
-  void reset();  // for the next request
+  void reset();  // for the next request; needed before anything is written
 };
 
 // Finishes the reply with what was written; 500 "internal" "response too large" when it overflowed.
 void reply_finish(ApiReply& reply, std::uint32_t status);
 
-// Discards what was written and replies {"error":{"code":...,"message":...}}; the message is cut at
-// 1,023 bytes.
+// Discards what was written, the entity tag included, and replies
+// {"error":{"code":...,"message":...}}; the message is cut at 1,023 bytes.
 [[gnu::format(printf, 4, 5)]] void reply_error(ApiReply& reply, std::uint32_t status,
                                                const char* code, const char* format, ...);
 

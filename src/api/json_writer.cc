@@ -1,0 +1,201 @@
+#include "api/json_writer.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+namespace orv {
+namespace {
+
+unsigned byte_at(std::string_view text, std::size_t at) {
+  return static_cast<unsigned char>(text[at]);
+}
+
+bool is_plain(char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; }
+
+// Bytes at the front of `text` that need no escape and can be cut anywhere.
+std::size_t plain_run(std::string_view text) {
+  std::size_t n = 0;
+  while (n < text.size() && is_plain(text[n])) ++n;
+  return n;
+}
+
+struct Utf8Lead {
+  unsigned first, last;      // lead bytes
+  std::size_t length;        // of the whole sequence
+  unsigned mask;             // payload of the lead byte
+  unsigned lowest, highest;  // code points it may encode
+};
+constexpr Utf8Lead kUtf8Leads[] = {
+    {0xc2, 0xdf, 2, 0x1f, 0x80, 0x7ff},
+    {0xe0, 0xef, 3, 0x0f, 0x800, 0xffff},
+    {0xf0, 0xf4, 4, 0x07, 0x10000, 0x10ffff},
+};
+
+// Length of the valid sequence at the front of `text`; 0 when there is none.
+std::size_t utf8_sequence(std::string_view text) {
+  const unsigned lead = byte_at(text, 0);
+  for (const Utf8Lead& row : kUtf8Leads) {
+    if (lead < row.first || lead > row.last) continue;
+    if (text.size() < row.length) return 0;
+    unsigned point = lead & row.mask;
+    for (std::size_t i = 1; i < row.length; ++i) {
+      const unsigned next = byte_at(text, i);
+      if ((next & 0xc0) != 0x80) return 0;
+      point = point << 6 | (next & 0x3f);
+    }
+    const bool surrogate = point >= 0xd800 && point <= 0xdfff;
+    return point >= row.lowest && point <= row.highest && !surrogate ? row.length : 0;
+  }
+  return 0;
+}
+
+// How one byte or sequence that is not plain is written.
+struct Piece {
+  char text[8];
+  std::size_t length;    // bytes of `text`
+  std::size_t consumed;  // bytes of the input
+};
+
+Piece make_piece(std::string_view out, std::size_t consumed) {
+  Piece piece{{}, out.size(), consumed};
+  std::memcpy(piece.text, out.data(), out.size());
+  return piece;
+}
+
+Piece escape(std::string_view rest) {
+  constexpr char kHex[] = "0123456789abcdef";
+  const unsigned byte = byte_at(rest, 0);
+  switch (byte) {
+    case '"':
+      return make_piece("\\\"", 1);
+    case '\\':
+      return make_piece("\\\\", 1);
+    case '\n':
+      return make_piece("\\n", 1);
+    case '\r':
+      return make_piece("\\r", 1);
+    case '\t':
+      return make_piece("\\t", 1);
+    default:
+      break;
+  }
+  if (byte < 0x80) {
+    const char code[] = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 0xf]};
+    return make_piece({code, sizeof code}, 1);
+  }
+  const std::size_t length = utf8_sequence(rest);
+  return length != 0 ? make_piece(rest.substr(0, length), length) : make_piece("\\ufffd", 1);
+}
+
+}  // namespace
+
+JsonWriter::JsonWriter(std::span<char> buffer) : buffer_(buffer) { reset(); }
+
+void JsonWriter::reset() {
+  length_ = 0;
+  overflow_ = false;
+  depth_ = 0;
+  after_key_ = false;
+  if (!buffer_.empty()) buffer_[0] = '\0';
+}
+
+void JsonWriter::put(std::string_view text) {
+  if (overflow_) return;
+  if (length_ + text.size() + 1 > buffer_.size()) {
+    overflow_ = true;
+    return;
+  }
+  std::memcpy(buffer_.data() + length_, text.data(), text.size());
+  length_ += text.size();
+  buffer_[length_] = '\0';
+}
+
+// The comma before a value, a key or an opening bracket, where one belongs.
+void JsonWriter::separate() {
+  if (after_key_) {
+    after_key_ = false;
+    return;
+  }
+  if (depth_ == 0) return;
+  if (!first_[depth_]) put(",");
+  first_[depth_] = false;
+}
+
+void JsonWriter::open(char bracket) {
+  separate();
+  put({&bracket, 1});
+  depth_ = std::min(depth_ + 1, kLevels - 1);
+  first_[depth_] = true;
+}
+
+void JsonWriter::close(char bracket) {
+  put({&bracket, 1});
+  if (depth_ > 0) --depth_;
+}
+
+void JsonWriter::begin_object() { open('{'); }
+void JsonWriter::end_object() { close('}'); }
+void JsonWriter::begin_array() { open('['); }
+void JsonWriter::end_array() { close(']'); }
+
+void JsonWriter::key(std::string_view name) {
+  string(name);
+  put(":");
+  after_key_ = true;
+}
+
+std::size_t JsonWriter::put_escaped(std::string_view text, std::size_t limit) {
+  // Room is kept for the closing quote and the terminating NUL.
+  if (overflow_ || length_ + 2 > buffer_.size()) return 0;
+  std::size_t room = std::min(limit, buffer_.size() - length_ - 2);
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const std::string_view rest = text.substr(done);
+    if (const std::size_t run = std::min(plain_run(rest), room); run > 0) {
+      put(rest.substr(0, run));
+      room -= run;
+      done += run;
+      continue;
+    }
+    const Piece piece = escape(rest);
+    if (room == 0 || piece.length > room) break;
+    put({piece.text, piece.length});
+    room -= piece.length;
+    done += piece.consumed;
+  }
+  return done;
+}
+
+void JsonWriter::string(std::string_view text) {
+  separate();
+  put("\"");
+  if (put_escaped(text, SIZE_MAX) < text.size()) overflow_ = true;
+  put("\"");
+}
+
+std::size_t JsonWriter::string_limited(std::string_view text, std::size_t limit) {
+  separate();
+  put("\"");
+  const std::size_t covered = put_escaped(text, limit);
+  put("\"");
+  return covered;
+}
+
+void JsonWriter::string_or_null(std::string_view text) { text.empty() ? null() : string(text); }
+
+void JsonWriter::integer(std::int64_t value) {
+  char digits[32];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
+  raw({digits, static_cast<std::size_t>(end.ptr - digits)});
+}
+
+void JsonWriter::boolean(bool value) { raw(value ? "true" : "false"); }
+void JsonWriter::null() { raw("null"); }
+
+void JsonWriter::raw(std::string_view json) {
+  separate();
+  put(json);
+}
+
+}  // namespace orv
