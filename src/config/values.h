@@ -33,7 +33,13 @@ struct ListenAddress {
 [[nodiscard]] bool parse_listen(std::string_view text, ListenAddress& out);
 
 // How long a backup is kept: a count of days, weeks, months or years, or for ever.
-enum class RetentionUnit : std::uint32_t { Forever = 0, Days = 1, Weeks = 2, Months = 3, Years = 4 };
+enum class RetentionUnit : std::uint32_t {
+  Forever = 0,
+  Days = 1,
+  Weeks = 2,
+  Months = 3,
+  Years = 4
+};
 struct Retention {
   RetentionUnit unit = RetentionUnit::Forever;
   std::uint32_t count = 0;
