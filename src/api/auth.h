@@ -3,9 +3,9 @@
 #ifndef ORV_API_AUTH_H_
 #define ORV_API_AUTH_H_
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -36,19 +36,20 @@ enum class AuthResult : std::uint32_t {
 [[nodiscard]] const char* auth_result_text(AuthResult result);
 
 // The nonces of the last kNonceSlots signed requests. Checking and storing one costs the same
-// whether the ring is empty or full.
+// whether the ring is empty or full. Its memory is taken by the first signed request.
 class NonceCache {
  public:
   NonceCache();
   ~NonceCache();
   NonceCache(const NonceCache&) = delete;
   NonceCache& operator=(const NonceCache&) = delete;
-  // Ok (and the nonce is remembered), NonceUsed or TooManyRequests.
+  // Ok (and the nonce, of kNonceLength bytes, is remembered), NonceUsed or TooManyRequests. A nonce
+  // whose time lies ahead of `now`, because the clock was put back, counts as a young one.
   [[nodiscard]] AuthResult accept(std::string_view nonce, std::int64_t now);
 
  private:
   struct Ring;
-  Ring* ring_;
+  std::unique_ptr<Ring> ring_;
 };
 
 struct Authenticated {
@@ -57,6 +58,9 @@ struct Authenticated {
   FixedText<kNonceLength> nonce;  // of a signed request
 };
 
+// Checks the Authorization header against the tokens: first its form, then the token, the secret or
+// signature, the time, and last the nonce, so that only a request that is good in all else uses its
+// nonce up. `out` is filled for Ok only.
 [[nodiscard]] AuthResult authenticate(const TokenStore& store, NonceCache& nonces, std::int64_t now,
                                       const ApiRequest& request, Authenticated& out);
 
@@ -64,6 +68,7 @@ struct Authenticated {
 [[nodiscard]] bool canonical_request(const ApiRequest& request, std::string_view timestamp,
                                      std::string_view nonce, std::string& out);
 
+// The signature of a response to the request that carried `nonce`, under its token's secret.
 [[nodiscard]] HexDigest sign_response(std::string_view secret, std::string_view nonce,
                                       std::uint32_t status, std::string_view body);
 
