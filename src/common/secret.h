@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -52,6 +53,13 @@ class SecretBytes {
   std::size_t capacity_ = 0;
   std::size_t size_ = 0;
 };
+
+// Zeroes a heap text that held a secret, its unused capacity included, and empties it.
+inline void wipe_text(std::string& text) noexcept {
+  text.resize(text.capacity());  // within the capacity: nothing is allocated or moved
+  ::explicit_bzero(text.data(), text.size());
+  text.clear();
+}
 
 // Zeroes a stack or borrowed buffer when the scope ends.
 class ScopedWipe {

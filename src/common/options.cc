@@ -1,0 +1,39 @@
+#include "common/options.h"
+
+#include <cstdlib>
+
+#include <algorithm>
+#include <limits>
+
+namespace orv {
+
+const char* option_value(const ArgList& args, std::string_view name, const char* fallback,
+                         std::string_view alias) {
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string_view word = args[i];
+    if (word == name || (!alias.empty() && word == alias)) {
+      return i + 1 < args.size() ? args[i + 1] : fallback;
+    }
+    if (word.size() > name.size() && word.starts_with(name) && word[name.size()] == '=') {
+      return args[i] + name.size() + 1;
+    }
+  }
+  return fallback;
+}
+
+bool option_present(const ArgList& args, std::string_view name, std::string_view alias) {
+  if (args.empty()) return false;
+  return std::any_of(args.begin() + 1, args.end(), [&](const char* word) {
+    return name == word || (!alias.empty() && alias == word);
+  });
+}
+
+std::uint32_t option_u32(const ArgList& args, std::string_view name, std::uint32_t fallback) {
+  const char* const text = option_value(args, name, nullptr);
+  if (text == nullptr) return fallback;
+  const unsigned long value = std::strtoul(text, nullptr, 10);
+  return static_cast<std::uint32_t>(
+      std::min<unsigned long>(value, std::numeric_limits<std::uint32_t>::max()));
+}
+
+}  // namespace orv
