@@ -33,6 +33,9 @@ inline constexpr std::size_t kIpcMaxRecord = 65536;  // bytes, header included
 inline constexpr std::size_t kIpcHeaderSize = 16;
 inline constexpr std::size_t kIpcMaxPayload = kIpcMaxRecord - kIpcHeaderSize;
 
+inline constexpr std::string_view kIpcMagic = "ORVS";
+inline constexpr std::uint16_t kIpcVersion = 1;
+
 inline constexpr std::size_t kIpcMaxRequestBody = 32768;   // bytes
 inline constexpr std::size_t kIpcMaxResponseBody = 61440;  // bytes
 inline constexpr std::size_t kIpcMaxPem = 16384;           // bytes
@@ -48,8 +51,9 @@ enum class MessageType : std::uint16_t {
   ApiResponse = 7,  // scheduler -> network process; the id is the request's
 };
 
-// One record in the making or as received. Keep it on the heap. wipe() zeroes what it held; a record
-// that may carry a secret is wiped by its owner before it goes.
+// One record in the making or as received. Keep it on the heap. wipe() zeroes all of it, also what an
+// earlier and longer record left behind; a record that may carry a secret is wiped by its owner
+// before it goes.
 struct IpcMessage {
   std::array<unsigned char, kIpcMaxRecord> bytes{};
   std::size_t length = 0;  // bytes in use
@@ -64,7 +68,7 @@ struct IpcParsed {
 };
 
 // Building. ipc_begin() writes the header; each ipc_put_*() appends one item, or returns -1 without
-// writing anything when the record would grow beyond kIpcMaxRecord.
+// writing anything when the record would grow beyond kIpcMaxRecord or a string has a NUL in it.
 void ipc_begin(IpcMessage& msg, MessageType type, std::uint32_t id);
 [[nodiscard]] int ipc_put_bytes(IpcMessage& msg, std::uint16_t tag, std::string_view bytes);
 [[nodiscard]] int ipc_put_string(IpcMessage& msg, std::uint16_t tag, std::string_view text);
