@@ -1,0 +1,76 @@
+#include "api_fixture.h"
+
+#include "api/config_text.h"
+#include "common/text.h"
+
+namespace orv::test {
+
+const JsonValue* Answer::at(std::string_view path) const {
+  const JsonValue* node = json.get();
+  while (!path.empty()) {
+    const std::size_t slash = std::min(path.find('/'), path.size());
+    std::uint32_t index = 0;
+    const std::string_view part = path.substr(0, slash);
+    node = parse_u32(part, index) ? json_element(node, index) : json_member(node, part);
+    path.remove_prefix(std::min(slash + 1, path.size()));
+  }
+  return node;
+}
+
+std::string Answer::text(std::string_view path) const {
+  const std::string* found = json_string(at(path));
+  return found != nullptr ? *found : "(none)";
+}
+
+std::int64_t Answer::number(std::string_view path) const {
+  return json_integer(at(path)).value_or(-99);
+}
+
+std::string Answer::verdict() const {
+  std::string out = std::to_string(status);
+  if (at("error") != nullptr) out += " " + text("error/code") + ": " + text("error/message");
+  return out;
+}
+
+ApiFixture::ApiFixture() {
+  live.config_path = dir.file("sched.cfg");
+  live.queue_path = dir.file("queue.state");
+  live.job_log_dir = dir.file("logs");
+  live.daemon_started = kNow - 60;
+  live.config = std::make_unique<Config>();
+}
+
+void ApiFixture::load(std::string_view config) {
+  dir.write("sched.cfg", config);
+  live.config = std::make_unique<Config>();
+  char err[kConfigMessageSize] = "";
+  ASSERT_EQ(config_load(live.config_path.c_str(), *live.config, err), 0) << err;
+}
+
+std::string ApiFixture::tag() { return std::string(entity_tag(config_text()).view()); }
+
+Answer ApiFixture::send(std::string_view method, std::string_view path, std::string_view body,
+                        std::string_view if_match, TokenRole role) {
+  ApiRequest http;
+  std::string full(path);
+  if (!full.starts_with('/')) full.insert(0, "/api/v1/");
+  const std::size_t question = full.find('?');
+  http.method.set_truncated(method);
+  http.path.set_truncated(full.substr(0, question));
+  if (question != std::string::npos) http.query.set_truncated(full.substr(question + 1));
+  http.if_match.set_truncated(if_match);
+  http.client.set_truncated("192.0.2.7");
+  http.body = body;
+  context.reply.reset();
+  api_route(context, {http, "ops", role, kNow});
+
+  const ApiReply& reply = context.reply;
+  Answer answer{reply.status, std::string(reply.body), std::string(reply.etag.view()), nullptr};
+  std::unique_ptr<JsonValue> root;
+  char err[256] = "";
+  EXPECT_EQ(json_parse(answer.body, {}, root, err), 0) << err << " in " << answer.body;
+  answer.json = std::move(root);
+  return answer;
+}
+
+}  // namespace orv::test

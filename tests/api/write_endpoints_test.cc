@@ -1,0 +1,258 @@
+#include "api/config_text.h"
+#include "api_fixture.h"
+
+namespace orv::test {
+namespace {
+
+constexpr const char* kNeedsTag =
+    "428 precondition_required: If-Match with the current config_etag is required for changes";
+constexpr const char* kStale =
+    "412 precondition_failed: the configuration was changed in the meantime: reload it and retry";
+constexpr const char* kBadName =
+    "400 invalid_name: job names created through the API must match "
+    "[A-Za-z0-9][A-Za-z0-9._-]{0,63} and must not be sched, mail or api";
+
+class WriteEndpoints : public ApiFixture {
+ protected:
+  static constexpr const char* kConfig =
+      "# head\n[api]\nhistory-keep=2\n"
+      "[base] ; nightly\ncommand = verify  # check\nargs= --all \"a b\"\nschedule=0 1 * * *\n\n"
+      "[next]\nafter=base\n"
+      "[gone]\ncommand=restore\nenabled=no";
+};
+
+TEST_F(WriteEndpoints, ChecksThePreconditionsInTheirOrder) {
+  load(kConfig);
+  struct Case {
+    const char* method;
+    const char* path;
+    const char* body;
+    const char* tag;
+    const char* verdict;
+  };
+  static constexpr Case kCases[] = {
+      {"PUT", "jobs/n", "", "", "400 invalid_json: a JSON body is required"},
+      {"PUT", "jobs/n", "[]", "", "400 invalid_json: the body must be a JSON object"},
+      {"PUT", "jobs/n", R"({"name":"n"})", "", "400 unknown_field: unknown field 'name'"},
+      {"PUT", "jobs/n", "{}", "", kNeedsTag},
+      {"PUT", "jobs/n", R"({"enabled":1})", "\"old\"", kStale},
+      {"PUT", "jobs/api", "{}", "", kBadName},
+      {"DELETE", "jobs/sched", "", "", "404 not_found: no job named 'sched'"},
+      {"DELETE", "jobs/none", "", "", "404 not_found: no job named 'none'"},
+      {"DELETE", "jobs/base", "", "", kNeedsTag},
+      {"PUT", "settings/sched", R"({"sched":1})", "",
+       "400 invalid_value: body must be {\"sched\": {...}}"},
+      {"PUT", "settings/sched", R"({"sched":{"job_log_dir":null}})", "",
+       "403 read_only: job_log_dir cannot be changed through the API"},
+      {"PUT", "settings/sched", R"({"sched":{"port":1}})", "",
+       "400 unknown_field: unknown field 'port'"},
+      {"PUT", "settings/sched", R"({"sched":{"poll_interval":-1}})", "x", kStale},
+      {"PUT", "settings/mail", "{}", "",
+       "400 invalid_value: body must be {\"mail\": {...}} or {\"mail\": null}"},
+      {"PUT", "settings/mail", R"({"mail":null})", "", kNeedsTag},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + c.body);
+    EXPECT_EQ(send(c.method, c.path, c.body, c.tag).verdict(), c.verdict);
+  }
+  EXPECT_EQ(config_text(), kConfig);
+  EXPECT_FALSE(live.config_changed);
+}
+
+TEST_F(WriteEndpoints, CreatesAJobAndReportsTheTagThatTheNextChangeNeeds) {
+  load(kConfig);
+  const Answer made = put_job(
+      "new.1", R"({"retention":"4w","command":"agent","profile":"it's #1","after":["base","next"],)"
+               R"("after_mode":"finished","enabled":true,"timeout_seconds":0,"notify":"inherit",)"
+               R"("run_background":false,"args":null})");
+  EXPECT_EQ(made.verdict(), "201");
+  EXPECT_EQ(config_text(), std::string(kConfig) +
+                               "\n\n[new.1]\ncommand=agent\nprofile=\"it's #1\"\nafter=base,next\n"
+                               "after-mode=finished\nenabled=yes\ntimeout-seconds=0\n"
+                               "run-background=no\nretention=4w\n");
+  EXPECT_EQ(made.text("config_etag"), tag());
+  EXPECT_EQ(made.etag, tag());
+  EXPECT_EQ(made.text("job/profile"), "it's #1");
+  EXPECT_EQ(made.text("job/state/status"), "PENDING");
+  EXPECT_TRUE(live.config_changed);
+  EXPECT_EQ(read_file(dir.file("cfg-history/20270115T080000Z-000.cfg")), kConfig);
+  EXPECT_EQ(send("PUT", "jobs/new.1", R"({"after":[]})", made.etag).verdict(),
+            "400 config_invalid: [new.1]: needs at least one of 'schedule', 'once' or 'after' (or "
+            "set enabled=no)");
+  EXPECT_EQ(send("PUT", "jobs/new.1", R"({"enabled":false})", made.etag).verdict(), "200");
+}
+
+TEST_F(WriteEndpoints, UpdatesOnlyTheLinesOfTheFieldsThatWereSent) {
+  load(kConfig);
+  const std::string before = config_text();
+  EXPECT_EQ(put_job("base", R"({"schedule":null,"once":"1900000000","args":"--some"})").verdict(),
+            "200");
+  std::string expected = before;
+  expected.replace(expected.find("args= --all \"a b\"\nschedule=0 1 * * *\n"), 36,
+                   "args=--some\nonce=1900000000\n");
+  EXPECT_EQ(config_text(), expected);
+}
+
+TEST_F(WriteEndpoints, RefusesFieldsAndPoliciesThatAPutBreaks) {
+  load(kConfig);
+  const std::string long_after(1000, 'x');
+  struct Case {
+    const char* name;
+    std::string body;
+    const char* verdict;
+  };
+  const Case kCases[] = {
+      {"a b", "{}", kBadName},
+      {".a", "{}", kBadName},
+      {"0123456789012345678901234567890123456789012345678901234567890123x", "{}", kBadName},
+      {"n", R"({"command":"format"})", "400 invalid_value: unknown command 'format'"},
+      {"n", R"({"profile":" x"})",
+       "400 invalid_value: 'profile' must be 1..127 characters without control characters or "
+       "leading/trailing spaces"},
+      {"n", R"({"after":"base"})",
+       "400 invalid_value: 'after' must be an array of at most 16 job names"},
+      {"n", R"({"after":["a,b"]})", "400 invalid_value: 'after' entries must be job names"},
+      {"n", R"({"after":["base"," "]})", "400 invalid_value: 'after' entries must be job names"},
+      {"n", R"({"after":[")" + long_after + R"(","base","next","more"],"enabled":true})",
+       "400 invalid_value: a value cannot be written to the configuration file"},
+      {"n", R"({"after_mode":"inherit"})",
+       "400 invalid_value: 'after_mode' must be \"success\", \"finished\" or null"},
+      {"n", R"({"enabled":null})", "400 invalid_value: 'enabled' must be true or false"},
+      {"n", R"({"timeout_seconds":10000001})",
+       "400 invalid_value: 'timeout_seconds' must be an integer 0..10000000 or null"},
+      {"n", R"({"notify":1})",
+       "400 invalid_value: 'notify' must be inherit, never, failed or always"},
+      {"n", R"({"run_background":"yes"})",
+       "400 invalid_value: 'run_background' must be true, false or null"},
+      {"n", R"({"retention":"0d"})",
+       "400 invalid_value: 'retention' must be <n>d, <n>w, <n>m, <n>y (n >= 1, at most 100 "
+       "years), \"forever\" or null"},
+      {"n", R"({"retention_class":"A"})",
+       "400 invalid_value: 'retention_class' may only contain a-z, 0-9, '_' and '-'"},
+      {"n", R"({"command":"maint-prune","enabled":false})",
+       "403 command_not_allowed: command 'maint-prune' may not be used through the API ([api] "
+       "allowed-commands)"},
+      {"gone", R"({"command":"agent"})",
+       "403 command_not_allowed: job 'gone' has command 'restore', which the API may not change "
+       "([api] allowed-commands)"},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name + c.body);
+    const std::string path = c.name == std::string("a b") ? "a%20b" : c.name;
+    EXPECT_EQ(put_job(path, c.body).verdict(), c.verdict);
+
+    std::string body = c.body;
+    body.insert(1, std::string(R"("name":")") + c.name + (body == "{}" ? "\"" : "\","));
+    const Answer checked = send("POST", "validate/job", body, {}, TokenRole::Read);
+    EXPECT_EQ(checked.status, 200u);
+    EXPECT_EQ(json_boolean(checked.at("valid")), false);
+    EXPECT_TRUE(contains(c.verdict, checked.text("result/error/code") + ": " +
+                                        checked.text("result/error/message")));
+  }
+  EXPECT_EQ(config_text(), kConfig);
+}
+
+TEST_F(WriteEndpoints, ValidatesAJobWithoutWritingAnything) {
+  load(kConfig);
+  EXPECT_EQ(send("POST", "validate/job", "{}").verdict(),
+            "400 invalid_value: 'name' (string) is required");
+  EXPECT_EQ(send("POST", "validate/job", R"({"name":"n","after":["base"]})").body,
+            R"({"valid":true,"result":null})");
+  const Answer bad = send("POST", "validate/job", R"({"name":"base","schedule":"* *"})");
+  EXPECT_EQ(bad.text("result/error/code"), "config_invalid");
+  EXPECT_TRUE(bad.text("result/error/message").starts_with(live.config_path + ":7: invalid"));
+  EXPECT_EQ(config_text(), kConfig);
+  EXPECT_FALSE(exists(dir.file("cfg-history")));
+  EXPECT_FALSE(live.config_changed);
+}
+
+TEST_F(WriteEndpoints, LeavesArgumentsAloneWhenTheyMayNotBeChanged) {
+  load(std::string("[api]\nallow-args=no\n") + (kConfig + std::string("# head\n[api]\n").size()));
+  constexpr const char* kRefused =
+      "403 args_not_allowed: 'args' may not be set or changed through the API ([api] "
+      "allow-args=no)";
+  EXPECT_EQ(put_job("base", R"({"args":"--all"})").verdict(), kRefused);
+  EXPECT_EQ(put_job("base", R"({"args":null})").verdict(), kRefused);
+  EXPECT_EQ(put_job("n", R"({"args":"-x","after":["base"]})").verdict(), kRefused);
+  EXPECT_EQ(put_job("next", R"({"args":null})").verdict(), "200");
+  EXPECT_EQ(put_job("base", R"({"args":"--all \"a b\"","timeout_seconds":7})").verdict(), "200");
+  EXPECT_TRUE(contains(config_text(), "args= --all \"a b\"\n"));
+}
+
+TEST_F(WriteEndpoints, DeletesAJobThatNothingNeeds) {
+  load(kConfig);
+  EXPECT_EQ(change("DELETE", "jobs/base").verdict(),
+            "409 job_referenced: job 'base' is named in 'after' of job 'next'");
+  (void)live.running.job.set("next");
+  EXPECT_EQ(change("DELETE", "jobs/next").verdict(), "409 job_running: job 'next' is running");
+  live.running.job.clear();
+  const Answer gone = change("DELETE", "jobs/next");
+  EXPECT_EQ(gone.verdict(), "200");
+  EXPECT_EQ(gone.text("config_etag"), tag());
+  EXPECT_FALSE(contains(config_text(), "next"));
+  EXPECT_EQ(change("DELETE", "jobs/base").verdict(), "200");
+  EXPECT_EQ(config_text(), "# head\n[api]\nhistory-keep=2\n[gone]\ncommand=restore\nenabled=no");
+}
+
+TEST_F(WriteEndpoints, ChangesTheSchedulerSettings) {
+  load(kConfig);
+  EXPECT_EQ(change("PUT", "settings/sched",
+                   R"({"sched":{"poll_interval":9,"job_log_keep":0,"busy_retry_seconds":null}})")
+                .verdict(),
+            "200");
+  EXPECT_TRUE(config_text().ends_with("enabled=no\n\n[sched]\npoll-interval=9\njob-log-keep=0\n"));
+  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"poll_interval":null}})").verdict(),
+            "200");
+  EXPECT_TRUE(config_text().ends_with("[sched]\njob-log-keep=0\n"));
+  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"job_log_keep":100000001}})").verdict(),
+            "400 invalid_value: 'job_log_keep' must be an integer 0..100000000 or null");
+}
+
+TEST_F(WriteEndpoints, ChangesAndRemovesTheMailSettings) {
+  load(kConfig);
+  const auto put = [this](std::string_view fields) {
+    return change("PUT", "settings/mail",
+                  R"({"mail":{"smtp_host":"mx","from":"a@b","to":["c@d","e@f"])" +
+                      std::string(fields) + "}}")
+        .verdict();
+  };
+  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":null})").verdict(),
+            "404 not_found: there is no [mail] section");
+  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"smtp_host":"mx","from":"a@b"}})").verdict(),
+            "400 invalid_value: 'smtp_host', 'from' and 'to' are required");
+  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"to":[]}})").verdict(),
+            "400 invalid_value: 'to' must be an array of 1..16 addresses");
+  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"to":["a"]}})").verdict(),
+            "400 invalid_value: 'to' entries must be plain addresses like backup@example.com");
+  for (const char* reference : {"file:/etc/shadow", "kms:x"}) {
+    EXPECT_EQ(put(std::string(R"(,"smtp_user":"u","smtp_password":")") + reference + "\""),
+              "403 forbidden: smtp_password references (file:, kms:) can only be set on the server "
+              "itself");
+  }
+  EXPECT_EQ(put(R"(,"smtp_user":"u","smtp_password":"#hush","smtp_port":0,"timeout_seconds":0,)"
+                R"("notify":"inherit","tls":"smtps")"),
+            "200");
+  const std::string section =
+      "\n[mail]\nsmtp-host=mx\ntls=smtps\nsmtp-user=u\nsmtp-password='#hush'\nfrom=a@b\n"
+      "to=c@d,e@f\n";
+  EXPECT_TRUE(config_text().ends_with(section));
+  EXPECT_EQ(put(R"(,"smtp_port":2525,"tls":null)"), "200");  // the password stays
+  EXPECT_TRUE(contains(config_text(), "smtp-password='#hush'\n"));
+  EXPECT_TRUE(contains(config_text(), "smtp-port=2525\n"));
+  EXPECT_FALSE(contains(config_text(), "tls="));
+  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":null})").verdict(), "200");
+  EXPECT_FALSE(contains(config_text(), "smtp-"));
+}
+
+TEST_F(WriteEndpoints, RefusesATextThatCouldNotBeReadAgain) {
+  std::string config = std::string(kConfig) + "\n";
+  while (config.size() < kMaxConfigFile - 60) config += "# a comment that fills the file\n";
+  load(config);
+  EXPECT_EQ(put_job("n", R"({"after":["base"],"args":"--more-than-what-is-left-of-the-mebibyte"})")
+                .verdict(),
+            "400 config_invalid: " + live.config_path + " would be larger than 1048576 bytes");
+  EXPECT_EQ(config_text(), config);
+}
+
+}  // namespace
+}  // namespace orv::test
