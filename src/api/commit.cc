@@ -1,0 +1,104 @@
+#include "api/commit.h"
+
+#include <array>
+#include <string>
+
+#include "api/config_replace.h"
+#include "api/line_diff.h"
+#include "common/files.h"
+#include "common/log.h"
+#include "net/supervisor.h"
+
+namespace orv {
+namespace {
+
+constexpr std::size_t kMaxChangeMail = 49152;  // bytes of the body
+
+bool replace_or_reply(ApiCall& call, const DraftText& draft, bool validate_only) {
+  const LiveState& live = call.live;
+  if (draft.text.size() > kMaxConfigFile) {  // it would load, but the API could not read it again
+    reply_error(call.reply, 400, "config_invalid", "%s would be larger than %zu bytes",
+                live.config_path.c_str(), kMaxConfigFile);
+    return false;
+  }
+  char err[kConfigMessageSize];
+  switch (replace_config(live.config_path, draft.text, history_directory(live.config_path),
+                         live.config->api.history_keep, validate_only, call.request.now, err)) {
+    case ReplaceResult::Ok:
+      return true;
+    case ReplaceResult::InvalidConfig:
+      reply_error(call.reply, 400, "config_invalid", "%s", err);
+      return false;
+    case ReplaceResult::IoFailure:
+      break;
+  }
+  log_msg(LogLevel::Error, "orv_sched API: %s", err);
+  reply_error(call.reply, 500, "internal", "%s", err);
+  return false;
+}
+
+// Through the supervisor that has the settings loaded now: a change of [mail] is announced over the
+// mail settings from before it, and failures are logged there.
+void send_change_mail(ApiCall& call, std::string_view description, std::string_view diff) {
+  LiveState& live = call.live;
+  std::array<char, kMaxHostName + 1> buffer;
+  const std::string host(host_name(buffer));
+  std::string subject = "[tarnwell] " + host + ": orv_sched configuration changed via API (";
+  subject.append(description).append(")");
+  const bool history_kept = live.config->api.history_keep > 0;
+  std::string body = "The orv_sched configuration on " + host + " was changed through the API.\n";
+  body.append("\nChange:  ").append(description);
+  body.append("\nToken:   ").append(call.request.token_name);
+  body.append("\nClient:  ").append(call.request.http.client.view());
+  body.append("\nFile:    ").append(live.config_path);
+  body.append("\nHistory: ");
+  body.append(history_kept ? history_directory(live.config_path) : "(none: history-keep=0)");
+  body.append("\n\n--- changed lines ---\n").append(diff);
+  if (body.size() > kMaxChangeMail) body.resize(kMaxChangeMail);
+  (void)net_queue_mail(live.net, subject, body);  // the change stands whether or not it is told
+}
+
+}  // namespace
+
+bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot) {
+  const ApiRequest& http = call.request.http;
+  if (http.if_match.empty()) {
+    reply_error(call.reply, 428, "precondition_required",
+                "If-Match with the current config_etag is required for changes");
+    return false;
+  }
+  if (http.if_match.view() == snapshot.etag.view()) return true;
+  reply_error(call.reply, 412, "precondition_failed",
+              "the configuration was changed in the meantime: reload it and retry");
+  return false;
+}
+
+bool validate_change(ApiCall& call, const DraftText& draft) {
+  return replace_or_reply(call, draft, true);
+}
+
+bool commit_change(ApiCall& call, const ConfigSnapshot& before, const DraftText& draft,
+                   std::string_view description, EntityTag& etag) {
+  if (!replace_or_reply(call, draft, false)) return false;
+  LiveState& live = call.live;
+  live.config_changed = true;
+  etag = entity_tag(draft.text);
+  log_msg(LogLevel::Info, "orv_sched API: token '%.*s' from %s changed %s: %.*s",
+          static_cast<int>(call.request.token_name.size()), call.request.token_name.data(),
+          call.request.http.client.c_str(), live.config_path.c_str(),
+          static_cast<int>(description.size()), description.data());
+  const Config& policy = *live.config;
+  if (policy.api.notify_changes && policy.mail.present && !policy.mail.to.empty()) {
+    send_change_mail(call, description, line_diff(before.text.view(), draft.text));
+  }
+  return true;
+}
+
+void reply_changed(ApiCall& call, const EntityTag& etag) {
+  call.reply.json.begin_object();
+  write_config_etag(call.reply, etag);
+  call.reply.json.end_object();
+  reply_finish(call.reply, 200);
+}
+
+}  // namespace orv

@@ -1,0 +1,111 @@
+#include "api/run_logs.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <functional>
+#include <memory>
+
+#include "common/files.h"
+#include "common/text.h"
+
+namespace orv {
+namespace {
+
+constexpr std::string_view kIdForm = "ddddddddTddddddZ";
+static_assert(kIdForm.size() == kRunIdLength);
+constexpr std::string_view kLogSuffix = ".log";
+
+struct DirCloser {
+  void operator()(DIR* dir) const { (void)::closedir(dir); }  // only read from: nothing to lose
+};
+
+int number_at(std::string_view digits, std::size_t at, std::size_t width) {
+  int value = 0;
+  for (const char c : digits.substr(at, width)) value = value * 10 + (c - '0');
+  return value;
+}
+
+unsigned byte_at(std::string_view text, std::size_t at) {
+  return static_cast<unsigned char>(text[at]);
+}
+
+// The bytes that may follow a lead byte directly; all later ones are 80..BF.
+struct Utf8Form {
+  unsigned first_lead, last_lead;
+  std::size_t length;
+  unsigned lowest_second, highest_second;
+};
+constexpr Utf8Form kUtf8Forms[] = {
+    {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf}, {0xe1, 0xec, 3, 0x80, 0xbf},
+    {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf}, {0xf0, 0xf0, 4, 0x90, 0xbf},
+    {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
+};
+
+// Whether `tail`, a lead byte and continuation bytes, begins a valid sequence without completing it.
+bool is_sequence_prefix(std::string_view tail) {
+  for (const Utf8Form& form : kUtf8Forms) {
+    const unsigned lead = byte_at(tail, 0);
+    if (lead < form.first_lead || lead > form.last_lead) continue;
+    if (tail.size() >= form.length) return false;
+    return tail.size() == 1 || (byte_at(tail, 1) >= form.lowest_second &&
+                                byte_at(tail, 1) <= form.highest_second);
+  }
+  return false;
+}
+
+}  // namespace
+
+bool is_run_id(std::string_view text) {
+  return std::equal(text.begin(), text.end(), kIdForm.begin(), kIdForm.end(),
+                    [](char c, char form) { return form == 'd' ? is_digit(c) : c == form; });
+}
+
+std::int64_t run_start(std::string_view run_id) {
+  std::tm utc{};
+  utc.tm_year = number_at(run_id, 0, 4) - 1900;
+  utc.tm_mon = number_at(run_id, 4, 2) - 1;
+  utc.tm_mday = number_at(run_id, 6, 2);
+  utc.tm_hour = number_at(run_id, 9, 2);
+  utc.tm_min = number_at(run_id, 11, 2);
+  utc.tm_sec = number_at(run_id, 13, 2);
+  return ::timegm(&utc);
+}
+
+bool open_run_log(const std::string& directory, std::string_view run_id, RunLog& out) {
+  std::string path = directory;
+  path.append("/").append(run_id).append(kLogSuffix);
+  out.file = open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+  struct stat st {};
+  if (!out.file.valid() || ::fstat(out.file.get(), &st) != 0) return false;
+  out.size = st.st_size;
+  return S_ISREG(st.st_mode);
+}
+
+std::vector<std::string> list_run_ids(const std::string& directory) {
+  std::vector<std::string> ids;
+  const std::unique_ptr<DIR, DirCloser> dir(::opendir(directory.c_str()));
+  if (!dir) return ids;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.size() != kRunIdLength + kLogSuffix.size() || !name.ends_with(kLogSuffix)) continue;
+    if (is_run_id(name.substr(0, kRunIdLength))) ids.emplace_back(name.substr(0, kRunIdLength));
+  }
+  std::sort(ids.begin(), ids.end(), std::greater<>());
+  return ids;
+}
+
+std::size_t whole_utf8(std::string_view chunk) {
+  std::size_t lead = chunk.size();
+  for (std::size_t back = 0; back < 4 && lead > 0; ++back) {
+    --lead;
+    if ((byte_at(chunk, lead) & 0xc0) == 0x80) continue;
+    return lead > 0 && is_sequence_prefix(chunk.substr(lead)) ? lead : chunk.size();
+  }
+  return chunk.size();
+}
+
+}  // namespace orv
