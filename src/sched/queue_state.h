@@ -50,9 +50,20 @@ void record_set_state(QueueRecord& record, JobState state);  // the state byte o
 // A pid that does not fit 24 bits is stored as 0: such a runner is later judged gone.
 void queue_set_runner_pid(QueueRecord& record, std::uint32_t pid);
 
+// Where the records' names stand: built by the first lookup, so that looking up every configured job
+// costs no more than reading the records once. Private to the queue; whoever adds, removes or renames
+// records outside of it clears it.
+struct QueueIndex {
+  std::vector<std::uint32_t> slots;  // open addressing; 0: free, else position + 1
+  const QueueRecord* base = nullptr;  // the records it was built over
+  std::size_t count = 0;
+  void clear() { base = nullptr; }
+};
+
 struct QueueState {
   std::vector<QueueRecord> records;  // in the order in which their jobs were first added
   std::string path;                  // at most kMaxQueuePath bytes, cut
+  mutable QueueIndex index;
 };
 
 // Takes the exclusive lock of the queue at `path` ("<path>.lock"), waiting while another process

@@ -1,0 +1,121 @@
+// The queue on disk: its lock, loading, and the replacement of the file.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <span>
+#include <stdexcept>
+#include <utility>
+
+#include "common/files.h"
+#include "common/log.h"
+#include "sched/queue_state.h"
+
+namespace orv {
+namespace {
+
+ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return error_from_errno(errno);
+  const std::size_t count = static_cast<std::size_t>(st.st_size) / kRecordSize;
+  if (count == 0) return ErrorCode::Ok;
+  try {
+    records.resize(count);
+  } catch (const std::bad_alloc&) {
+    return ErrorCode::OutOfMemory;
+  } catch (const std::length_error&) {
+    return ErrorCode::OutOfMemory;
+  }
+  std::size_t got = 0;
+  const std::span<char> bytes(reinterpret_cast<char*>(records.data()), count * kRecordSize);
+  if (ErrorCode rc = read_at(fd, 0, bytes, got); rc != ErrorCode::Ok) return rc;
+  return got == bytes.size() ? ErrorCode::Ok : ErrorCode::Corrupt;
+}
+
+ErrorCode load_existing(QueueState& state) {
+  // A FIFO in the file's place must not hold the scheduler up.
+  const ScopedFd fd = open_file(state.path.c_str(), O_RDONLY | O_NONBLOCK);
+  if (!fd.valid()) return error_from_errno(errno);
+  std::vector<QueueRecord> records;
+  if (ErrorCode rc = read_records(fd.get(), records); rc != ErrorCode::Ok) return rc;
+  state.records = std::move(records);
+  state.index.clear();
+  return ErrorCode::Ok;
+}
+
+void start_empty(QueueState& state, std::string_view path) {
+  state.records.clear();
+  state.index.clear();
+  state.path = path.substr(0, kMaxQueuePath);
+}
+
+// An empty file, unless another process has made one in the meantime: that one is then loaded.
+ErrorCode create_empty(QueueState& state) {
+  if (ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
+  const ScopedFd fd = open_file(state.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  if (fd.valid()) return ::fsync(fd.get()) == 0 ? ErrorCode::Ok : error_from_errno(errno);
+  return errno == EEXIST ? load_existing(state) : error_from_errno(errno);
+}
+
+}  // namespace
+
+ScopedFd queue_lock(const char* path) {
+  const std::string lock_path = std::string(path) + ".lock";
+  // What is wrong with the directory shows when the file is opened.
+  (void)make_parent_directories(path);
+  ScopedFd fd = open_file(lock_path.c_str(), O_RDWR | O_CREAT, 0644);
+  if (!fd.valid()) {
+    log_msg(LogLevel::Error, "orv_sched: cannot open queue lock %s: %s", lock_path.c_str(),
+            std::strerror(errno));
+    return fd;
+  }
+  int rc = 0;
+  do {
+    rc = ::flock(fd.get(), LOCK_EX);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    log_msg(LogLevel::Error, "orv_sched: cannot lock %s: %s", lock_path.c_str(),
+            std::strerror(errno));
+    fd.reset();
+  }
+  return fd;
+}
+
+ErrorCode queue_load(QueueState& state, const char* path) {
+  start_empty(state, path);
+  struct stat st {};
+  if (::stat(state.path.c_str(), &st) == 0) return load_existing(state);
+  return errno == ENOENT ? create_empty(state) : error_from_errno(errno);
+}
+
+ErrorCode queue_load_readonly(QueueState& state, const char* path) {
+  start_empty(state, path);
+  struct stat st {};
+  return ::stat(state.path.c_str(), &st) == 0 ? load_existing(state) : ErrorCode::Ok;
+}
+
+ErrorCode queue_save(const QueueState& state) {
+  const std::string temporary = state.path + ".tmp";
+  if (ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
+  ScopedFd fd = open_file(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (!fd.valid()) return error_from_errno(errno);
+  const auto bytes = std::as_bytes(std::span(state.records));
+  if (ErrorCode rc = write_all(fd.get(), bytes); rc != ErrorCode::Ok) return rc;
+  if (::fsync(fd.get()) != 0) return error_from_errno(errno);
+  fd.reset();
+  return ::rename(temporary.c_str(), state.path.c_str()) == 0 ? ErrorCode::Ok
+                                                              : error_from_errno(errno);
+}
+
+ErrorCode queue_reload(QueueState& state) {
+  QueueState fresh;
+  if (ErrorCode rc = queue_load(fresh, state.path.c_str()); rc != ErrorCode::Ok) return rc;
+  state = std::move(fresh);
+  return ErrorCode::Ok;
+}
+
+}  // namespace orv
