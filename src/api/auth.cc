@@ -89,8 +89,10 @@ AuthResult check_signed(const TokenStore& store, NonceCache& nonces, std::int64_
   std::string canonical;
   if (!canonical_request(request, header.timestamp, header.nonce, canonical))
     return AuthResult::Malformed;
-  const HexDigest expected = hmac_sha256_hex(token->secret.view(), canonical);
-  if (!equal_constant_time(expected.view(), header.signature)) return AuthResult::WrongSecret;
+  HexDigest expected = hmac_sha256_hex(token->secret.view(), canonical);
+  const bool matches = equal_constant_time(expected.view(), header.signature);
+  expected.wipe();  // for a forged request it is what the forger lacks
+  if (!matches) return AuthResult::WrongSecret;
   if (!in_window(header.timestamp, now)) return AuthResult::OutsideWindow;
   if (const AuthResult rc = nonces.accept(header.nonce, now); rc != AuthResult::Ok) return rc;
   out.token = token;
@@ -137,8 +139,10 @@ struct NonceCache::Ring {
     for (std::size_t i = 0; i < kNonceLength; i += sizeof hash) {
       std::uint64_t word = 0;
       std::memcpy(&word, nonce + i, sizeof word);
+      // Twice: a product carries differences upwards only, and clients may count their nonces up.
       hash = (hash ^ word) * 0x9e3779b97f4a7c15U;
-      hash ^= hash >> 29;
+      hash = (hash ^ hash >> 32) * 0xbf58476d1ce4e5b9U;
+      hash ^= hash >> 32;
     }
     return buckets[hash % kBuckets];
   }
