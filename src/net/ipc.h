@@ -10,8 +10,8 @@
 //   8      4      id
 //   12     4      length of the payload
 //
-// All numbers are little-endian; strings carry no NUL; a number item is 4 bytes long. Decoders trust
-// nothing: on any fault they return -1 with one message and leave the output cleared.
+// All numbers are little-endian; strings carry no NUL; a number item is 4 bytes long. Decoders
+// trust nothing: on any fault they return -1 with one message and leave the output cleared.
 #ifndef ORV_NET_IPC_H_
 #define ORV_NET_IPC_H_
 
@@ -51,12 +51,14 @@ enum class MessageType : std::uint16_t {
   ApiResponse = 7,  // scheduler -> network process; the id is the request's
 };
 
-// One record in the making or as received. Keep it on the heap. wipe() zeroes all of it, also what an
+// One record in the making or as received. Keep it on the heap; std::make_unique_for_overwrite
+// saves zeroing what is about to be written. wipe() zeroes all that was ever in it, also what an
 // earlier and longer record left behind; a record that may carry a secret is wiped by its owner
 // before it goes.
 struct IpcMessage {
-  std::array<unsigned char, kIpcMaxRecord> bytes{};
+  std::array<unsigned char, kIpcMaxRecord> bytes;
   std::size_t length = 0;  // bytes in use
+  std::size_t dirty = 0;   // bytes that earlier records used; kept by the functions below
   void wipe() noexcept;
 };
 
@@ -142,7 +144,8 @@ struct ApiResponse {
 [[nodiscard]] int ipc_decode_hello(const IpcParsed& in, IpcHello& out, std::span<char> err);
 [[nodiscard]] int ipc_decode_mail_config(const IpcParsed& in, IpcMailConfig& out,
                                          std::span<char> err);
-// Subject and body go NUL-terminated into the caller's buffers; each must be shorter than its buffer.
+// Subject and body go NUL-terminated into the caller's buffers; each must be shorter than its
+// buffer.
 [[nodiscard]] int ipc_decode_mail_send(const IpcParsed& in, std::span<char> subject,
                                        std::span<char> body, std::span<char> err);
 // Line breaks of the error text become spaces.

@@ -1,6 +1,8 @@
 // Building records: header, items, and one encoder for each type.
 #include <string.h>
 
+#include <algorithm>
+
 #include "common/endian.h"
 #include "net/ipc.h"
 #include "net/ipc_tags.h"
@@ -45,11 +47,13 @@ class Items {
 }  // namespace
 
 void IpcMessage::wipe() noexcept {
-  ::explicit_bzero(bytes.data(), bytes.size());
+  ::explicit_bzero(bytes.data(), std::max(length, dirty));
   length = 0;
+  dirty = 0;
 }
 
 void ipc_begin(IpcMessage& msg, MessageType type, std::uint32_t id) {
+  msg.dirty = std::max(msg.dirty, msg.length);
   unsigned char* p = msg.bytes.data();
   ::memcpy(p, kIpcMagic.data(), kIpcMagic.size());
   store_le16(p + 4, kIpcVersion);

@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include <algorithm>
+
 #include "net/ipc.h"
 
 namespace orv {
@@ -22,6 +24,7 @@ int ipc_send(int fd, const IpcMessage& msg, bool nonblocking) {
 IpcReceived ipc_recv(int fd, IpcMessage& msg, bool nonblocking) {
   const int flags = MSG_TRUNC | (nonblocking ? MSG_DONTWAIT : 0);
   ssize_t got = 0;
+  msg.dirty = std::max(msg.dirty, msg.length);
   msg.length = 0;
   do {
     got = ::recv(fd, msg.bytes.data(), msg.bytes.size(), flags);
@@ -29,7 +32,7 @@ IpcReceived ipc_recv(int fd, IpcMessage& msg, bool nonblocking) {
   if (got < 0 && errno == EAGAIN) return IpcReceived::Nothing;
   if (got <= 0) return IpcReceived::Closed;
   if (static_cast<std::size_t>(got) > msg.bytes.size()) {
-    msg.wipe();
+    msg.dirty = msg.bytes.size();
     return IpcReceived::Oversized;
   }
   msg.length = static_cast<std::size_t>(got);

@@ -2,8 +2,8 @@
 // handles what it sends, and replaces it when it dies or misbehaves.
 //
 // The network process is not trusted. Any violation of the protocol closes the socket and kills it;
-// nothing it does blocks the scheduler, because every send is non-blocking and a pump handles at most
-// kNetPumpRecords records. Everything runs on the caller's thread.
+// nothing it does blocks the scheduler, because every send is non-blocking and a pump handles at
+// most kNetPumpRecords records. Everything runs on the caller's thread.
 #ifndef ORV_NET_SUPERVISOR_H_
 #define ORV_NET_SUPERVISOR_H_
 
@@ -24,18 +24,23 @@
 namespace orv {
 
 inline constexpr int kNetPumpRecords = 32;
+inline constexpr std::int64_t kNetStableAfter =
+    59;  // seconds; who ran longer starts the series anew
 inline constexpr std::uint32_t kNetFirstBackoff = 5;  // seconds
 inline constexpr std::uint32_t kNetMaxBackoff = 300;  // seconds
 
 // Answers one request. `response.body` must stay valid until the next call.
 using ApiHandler = void (*)(void* context, const ApiRequest& request, ApiResponse& response);
-// Told of each mail's outcome; `error` is empty when it was sent.
+// Told of each mail's outcome; `error` is empty when it was sent. It must not pump.
 using MailResultCallback = void (*)(void* context, std::uint32_t mail_id, std::uint32_t status,
                                     std::string_view error);
 
+// Unix seconds now.
+[[nodiscard]] std::int64_t net_wall_clock();
+
 struct NetSupervisor {
-  pid_t pid = -1;  // the child, -1 when none
-  ScopedFd fd;     // our end of the socket pair
+  pid_t pid = -1;                 // the child, -1 when none
+  ScopedFd fd;                    // our end of the socket pair
   std::int64_t started_at = 0;    // Unix seconds of the last successful start
   std::int64_t next_restart = 0;  // Unix seconds before which none is tried
   std::uint32_t backoff = kNetFirstBackoff;
@@ -56,7 +61,8 @@ struct NetSupervisor {
   std::uint32_t max_clients = 0;
   ApiHandler api_handler = nullptr;
   void* api_handler_context = nullptr;
-  std::unique_ptr<IpcMessage> buffer;  // the record being received or sent; made when first needed
+  std::unique_ptr<IpcMessage> buffer;        // the record being received; there while connected
+  std::int64_t (*clock)() = net_wall_clock;  // tests of the back-off have their own
 };
 
 // Takes the [mail] settings (none when the section is absent), starting the network process when it
@@ -65,20 +71,23 @@ void net_set_mail(NetSupervisor& sup, const MailSection& mail);
 
 // Starts, changes or stops the API according to [api]; nothing happens when nothing changed.
 void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context);
+// A certificate or key that cannot be read, or an address that cannot be listened on, is logged and
+// stops the API; mail goes on.
 void net_stop_api(NetSupervisor& sup);
 
 // One round: handles what the child has sent, reaps it, starts a new one when it is due. Returns at
 // once when it is already running further up the stack.
 void net_pump(NetSupervisor& sup);
 
-// Sleeps up to `timeout_ms`, less when the child sends something, then pumps. A signal ends it early.
+// Sleeps up to `timeout_ms`, less when the child sends something, then pumps. A signal ends it
+// early.
 void net_wait(NetSupervisor& sup, int timeout_ms);
 
 // The descriptor that becomes readable when the child has sent something; -1 when not connected.
 [[nodiscard]] inline int net_wait_fd(const NetSupervisor& sup) { return sup.fd.get(); }
 
-// Hands a mail to the child. Its id (>= 1; the outcome comes later), or 0 when it could not be handed
-// over; either is logged.
+// Hands a mail to the child. Its id (>= 1; the outcome comes later), or 0 when it could not be
+// handed over; either is logged.
 std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body);
 
 // Waits for the outcome of one mail. 0 when it was sent; -1 with the reason.

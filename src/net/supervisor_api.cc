@@ -1,0 +1,145 @@
+// Starting, changing and stopping the API: certificate, key and listening socket.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "common/log.h"
+#include "common/message.h"
+#include "net/pem.h"
+#include "net/supervisor_parts.h"
+
+namespace orv {
+namespace {
+
+using namespace net;
+
+constexpr int kListenBacklog = 64;
+constexpr std::size_t kReasonSize = 1024;  // a path and a system message
+
+union SocketAddress {
+  sockaddr any;
+  sockaddr_in v4;
+  sockaddr_in6 v6;
+};
+
+bool is_ipv6(const ListenAddress& at) { return at.host.view().find(':') != std::string_view::npos; }
+
+FixedText<199> listen_label(const ListenAddress& at) {
+  const bool v6 = is_ipv6(at);
+  char text[kMaxListenAddress + 16];
+  ::snprintf(text, sizeof text, "%s%s%s:%u", v6 ? "[" : "", at.host.c_str(), v6 ? "]" : "",
+             at.port);
+  FixedText<199> label;
+  label.set_truncated(text);
+  return label;
+}
+
+// The length of the address, 0 when the text is none.
+socklen_t resolve(const ListenAddress& at, SocketAddress& address) {
+  ::memset(&address, 0, sizeof address);
+  const std::uint16_t port = htons(static_cast<std::uint16_t>(at.port));
+  if (is_ipv6(at)) {
+    address.v6.sin6_family = AF_INET6;
+    address.v6.sin6_port = port;
+    return ::inet_pton(AF_INET6, at.host.c_str(), &address.v6.sin6_addr) == 1 ? sizeof address.v6
+                                                                              : 0;
+  }
+  address.v4.sin_family = AF_INET;
+  address.v4.sin_port = port;
+  return ::inet_pton(AF_INET, at.host.c_str(), &address.v4.sin_addr) == 1 ? sizeof address.v4 : 0;
+}
+
+// An IPv6 wildcard address takes IPv4 connections too.
+bool bind_and_listen(int fd, const SocketAddress& address, socklen_t length) {
+  const int on = 1;
+  const int off = 0;
+  if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) return false;
+  if (address.any.sa_family == AF_INET6 &&
+      ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off) != 0) {
+    return false;
+  }
+  return ::bind(fd, &address.any, length) == 0 && ::listen(fd, kListenBacklog) == 0;
+}
+
+int open_listener(const ListenAddress& at, ScopedFd& out, std::span<char> err) {
+  SocketAddress address;
+  const socklen_t length = resolve(at, address);
+  if (length == 0) return fail(err, "bad address %s", at.host.c_str());
+  ScopedFd fd(::socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) return fail(err, "socket: %s", ::strerror(errno));
+  if (!bind_and_listen(fd.get(), address, length)) {
+    return fail(err, "cannot listen on %s: %s", listen_label(at).c_str(), ::strerror(errno));
+  }
+  out = std::move(fd);
+  return 0;
+}
+
+void restart_at_once(NetSupervisor& sup) {
+  end_child(sup);
+  sup.next_restart = 0;
+  sup.backoff = kNetFirstBackoff;
+}
+
+}  // namespace
+
+void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context) {
+  if (!api.enabled) return net_stop_api(sup);
+  SecretBytes cert;
+  SecretBytes key;
+  char reason[kReasonSize];
+  if (read_pem_file(api.cert.c_str(), cert, reason) != 0 ||
+      read_pem_file(api.key.c_str(), key, reason) != 0) {
+    log_msg(LogLevel::Error,
+            "orv_sched: API not started: %s (create one with 'orv_sched api-init')", reason);
+    return net_stop_api(sup);
+  }
+  sup.api_handler = handler;
+  sup.api_handler_context = context;
+  const FixedText<199> label = listen_label(api.listen);
+  if (sup.api_enabled && label == sup.listen_label && api.max_clients == sup.max_clients &&
+      cert.view() == sup.cert_pem && key.view() == sup.key_pem.view()) {
+    return;
+  }
+  // The child holds the old listening socket too: as long as it lives, the address stays taken.
+  sup.listen_fd.reset();
+  if (sup.api_enabled) end_child(sup);
+  ScopedFd listener;
+  if (open_listener(api.listen, listener, reason) != 0) {
+    log_msg(LogLevel::Error, "orv_sched: API not started: %s", reason);
+    return net_stop_api(sup);
+  }
+  sup.listen_fd = std::move(listener);
+  sup.listen_label = label;
+  sup.cert_pem = cert.view();
+  sup.key_pem = std::move(key);
+  sup.max_clients = api.max_clients;
+  sup.api_enabled = true;
+  sup.wanted = true;
+  log_msg(LogLevel::Info, "orv_sched: API enabled on %s", label.c_str());
+  restart_at_once(sup);
+  net_pump(sup);
+}
+
+void net_stop_api(NetSupervisor& sup) {
+  const bool was_enabled = sup.api_enabled;
+  sup.api_enabled = false;
+  clear_api(sup);
+  if (!was_enabled) return;
+  log_msg(LogLevel::Info, "orv_sched: API stopped");
+  sup.wanted = sup.mail.valid;
+  restart_at_once(sup);
+  if (sup.wanted) net_pump(sup);
+}
+
+void net::clear_api(NetSupervisor& sup) {
+  sup.listen_fd.reset();
+  sup.listen_label.clear();
+  wipe_text(sup.cert_pem);
+  sup.cert_pem = {};
+  sup.key_pem.reset();
+}
+
+}  // namespace orv

@@ -1,0 +1,134 @@
+// Mail: its settings, queueing, waiting for an outcome, and the one mail sent on its own.
+#include <stdint.h>
+#include <time.h>
+
+#include <string>
+
+#include "common/log.h"
+#include "common/message.h"
+#include "net/supervisor_parts.h"
+
+namespace orv {
+namespace {
+
+using namespace net;
+
+constexpr std::uint32_t kAnswerMargin = 15;  // seconds beyond the mail server's own time limit
+constexpr int kResultStepMs = 500;
+
+// Steps of the wall clock must not shorten or stretch a wait.
+std::int64_t monotonic_ms() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Ids of mails are never 0, which stands for a mail that was not handed over.
+std::uint32_t next_mail_id(NetSupervisor& sup) {
+  if (sup.next_id == 0) sup.next_id = 1;
+  return sup.next_id++;
+}
+
+// Ends a private supervisor, whatever became of its mail.
+struct Shutdown {
+  explicit Shutdown(NetSupervisor& sup) : sup_(sup) {}
+  Shutdown(const Shutdown&) = delete;
+  Shutdown& operator=(const Shutdown&) = delete;
+  ~Shutdown() { net_shutdown(sup_); }
+
+ private:
+  NetSupervisor& sup_;
+};
+
+}  // namespace
+
+void net::store_mail_settings(NetSupervisor& sup, const MailSection& mail) {
+  sup.mail.wipe();
+  if (!mail.present) return;
+  // The fields are as long as those of the configuration: nothing is cut.
+  sup.mail.host.set_truncated(mail.smtp_host.view());
+  sup.mail.port = mail.smtp_port;
+  sup.mail.tls_mode = static_cast<std::uint32_t>(mail.tls);
+  sup.mail.user.set_truncated(mail.smtp_user.view());
+  (void)sup.mail.password.set(mail.smtp_password.view());
+  sup.mail.from.set_truncated(mail.from.view());
+  sup.mail.recipients = mail.to;
+  sup.mail.ca_file.set_truncated(mail.ca_file.view());
+  sup.mail.timeout_s = mail.timeout_s;
+  sup.mail.valid = true;
+}
+
+void net::send_mail_config(NetSupervisor& sup) {
+  OutgoingRecord record;
+  const int encoded = ipc_encode_mail_config(record.message(), sup.next_id++, sup.mail);
+  if (hand_over(sup, encoded, record.message()) == nullptr) return;
+  log_msg(LogLevel::Warn, "orv_sched: could not hand the [mail] settings to orv_sched_net");
+}
+
+void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
+  store_mail_settings(sup, mail);
+  if (!sup.mail.valid) return;
+  if (!sup.wanted) {
+    sup.wanted = true;
+    sup.next_restart = 0;
+    net_pump(sup);
+  } else if (sup.fd.valid()) {
+    send_mail_config(sup);
+  }
+}
+
+std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body) {
+  net_pump(sup);
+  const std::string name(subject);
+  if (!sup.fd.valid()) {
+    log_msg(LogLevel::Error, "orv_sched: mail \"%s\" not sent: the network process is not running",
+            name.c_str());
+    return 0;
+  }
+  const std::uint32_t id = next_mail_id(sup);
+  OutgoingRecord record;
+  const int encoded = ipc_encode_mail_send(record.message(), id, subject, body);
+  const char* failure = hand_over(sup, encoded, record.message());
+  if (failure != nullptr) {
+    log_msg(LogLevel::Error,
+            "orv_sched: mail \"%s\" not sent: cannot hand it to the network process (%s)",
+            name.c_str(), failure);
+    return 0;
+  }
+  log_msg(LogLevel::Info, "orv_sched: mail #%u queued: %s", id, name.c_str());
+  return id;
+}
+
+int net_wait_mail_result(NetSupervisor& sup, std::uint32_t mail_id, std::uint32_t timeout_s,
+                         std::span<char> err) {
+  sup.last_mail_id = 0;
+  const std::int64_t deadline = monotonic_ms() + std::int64_t{timeout_s} * 1000;
+  while (sup.last_mail_id != mail_id) {
+    const std::int64_t left = deadline - monotonic_ms();
+    if (left <= 0) return fail(err, "no answer from the network process within %u s", timeout_s);
+    if (!sup.fd.valid()) return fail(err, "the network process exited before reporting a result");
+    net_wait(sup, left < kResultStepMs ? static_cast<int>(left) : kResultStepMs);
+  }
+  if (sup.last_mail_status == 0) return 0;
+  return fail(err, "%s",
+              sup.last_mail_error.empty() ? "unknown error" : sup.last_mail_error.c_str());
+}
+
+int net_send_mail_now(const MailSection& mail, std::string_view subject, std::string_view body,
+                      std::span<char> err) {
+  if (!mail.present) return fail(err, "no [mail] section in the configuration");
+  NetSupervisor sup;
+  const Shutdown at_the_end(sup);
+  // Not wanted: should this child die, no other one takes its place.
+  store_mail_settings(sup, mail);
+  if (!start_child(sup)) {
+    return fail(err, "cannot start the network process orv_sched_net (see the log)");
+  }
+  const std::uint32_t id = net_queue_mail(sup, subject, body);
+  if (id == 0) return fail(err, "cannot hand the mail to the network process");
+  const std::uint32_t limit =
+      mail.timeout_s > UINT32_MAX - kAnswerMargin ? UINT32_MAX : mail.timeout_s + kAnswerMargin;
+  return net_wait_mail_result(sup, id, limit, err);
+}
+
+}  // namespace orv
