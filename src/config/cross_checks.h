@@ -1,0 +1,19 @@
+// What only the whole file can tell: required and contradicting settings, references between jobs.
+#ifndef ORV_CONFIG_CROSS_CHECKS_H_
+#define ORV_CONFIG_CROSS_CHECKS_H_
+
+#include <span>
+#include <string_view>
+
+#include "config/config.h"
+
+namespace orv {
+
+// Completes [mail] (port, timeout, and the password that the reference `written_password` leads to)
+// and checks the loaded file. 0; -1 with the message of the first fault.
+[[nodiscard]] int cross_check(Config& config, std::string_view written_password,
+                              std::span<char> err);
+
+}  // namespace orv
+
+#endif  // ORV_CONFIG_CROSS_CHECKS_H_
