@@ -1,0 +1,177 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "common/compress.h"
+#include "common/digest.h"
+#include "common/files.h"
+#include "common/fixed_text.h"
+#include "common/mail_address.h"
+#include "common/message.h"
+#include "common/options.h"
+#include "common/secret.h"
+#include "common/selftest.h"
+#include "common/status.h"
+#include "common/text.h"
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::TempDir;
+
+TEST(FixedText, RefusesOrCutsWhatDoesNotFit) {
+  FixedText<4> text;
+  EXPECT_TRUE(text.set("abcd"));
+  EXPECT_FALSE(text.set("abcde"));
+  EXPECT_STREQ(text.c_str(), "abcd");
+  text.set_truncated("vwxyz");
+  EXPECT_EQ(text.view(), "vwxy");
+  EXPECT_TRUE(text.set(text.view().substr(1)));  // from itself
+  EXPECT_STREQ(text.c_str(), "wxy");
+}
+
+TEST(Secrets, AreZeroedWhereTheyStood) {
+  SecretBytes bytes(std::string_view("hunter2"));
+  SecretBytes other = std::move(bytes);
+  EXPECT_EQ(other.view(), "hunter2");
+  EXPECT_TRUE(bytes.empty());
+  std::array<char, 8> buffer{'s', 'e', 'c', 'r', 'e', 't'};
+  { const ScopedWipe wipe(buffer.data(), buffer.size()); }
+  EXPECT_EQ(buffer, (std::array<char, 8>{}));
+}
+
+TEST(Options, LookupsTakeTheFirstOccurrence) {
+  const std::vector<const char*> words = {"orv_sched", "list",       "--queue=a", "--queue", "b",
+                                          "--config",  "-h",         "--",        "--cn",    "--force",
+                                          "--keep",    "4294967296", "--odd",     "12abc",   "--last"};
+  const ArgList args(words);
+  EXPECT_STREQ(option_value(args, "--queue", "x"), "a");
+  EXPECT_STREQ(option_value(args, "--config", "x"), "-h");  // a value may look like an option
+  EXPECT_TRUE(option_present(args, "--help", "-h"));        // and then counts as one
+  EXPECT_STREQ(option_value(args, "--cn", "x"), "--force");
+  EXPECT_TRUE(option_present(args, "--force"));
+  EXPECT_STREQ(option_value(args, "--last", "x"), "x");
+  EXPECT_STREQ(option_value(args, "orv_sched", "x"), "x");  // the program's name is no option
+  EXPECT_FALSE(option_present(args, "--queue="));
+  EXPECT_EQ(option_u32(args, "--keep", 1), UINT32_MAX);
+  EXPECT_EQ(option_u32(args, "--odd", 1), 12U);
+  EXPECT_EQ(option_u32(args, "--config", 1), 0U);  // no number is 0
+  EXPECT_EQ(option_u32(args, "--absent", 7), 7U);
+}
+
+TEST(Numbers, AreDigitsThatFit) {
+  struct Case {
+    const char* text;
+    bool ok;
+    std::uint32_t value;
+  };
+  static constexpr Case kCases[] = {{"0", true, 0},      {"4294967295", true, UINT32_MAX},
+                                    {"0010", true, 10},  {"4294967296", false, 0},
+                                    {"", false, 0},      {"-1", false, 0},
+                                    {"+1", false, 0},    {" 1", false, 0},
+                                    {"1 ", false, 0},    {"0x1", false, 0}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.text);
+    std::uint32_t value = 99;
+    EXPECT_EQ(parse_u32(c.text, value), c.ok);
+    EXPECT_EQ(value, c.ok ? c.value : 99);
+  }
+  std::int64_t wide = 0;
+  EXPECT_TRUE(parse_i64("9223372036854775807", wide));
+  EXPECT_FALSE(parse_i64("9223372036854775808", wide));
+  EXPECT_FALSE(parse_i64("-5", wide));
+}
+
+TEST(MailAddress, IsAPlainOne) {
+  for (const char* good : {"a@b", "ops@example.com", "\xc3\xbc@example.com", "a+b'c@[192.0.2.1]"}) {
+    EXPECT_TRUE(check_mail_address(good)) << good;
+  }
+  const std::string longest = std::string(253, 'a') + "@b";
+  EXPECT_TRUE(check_mail_address(longest));
+  EXPECT_FALSE(check_mail_address(longest + "c"));
+  for (const char* bad : {"", "a", "@b", "a@", "a@b@c", "a b@c", "<a@b>", "a@b\n", "a,b@c", "a@b\x7f",
+                          "\"a\"@b", "a;b@c", "a(b)@c", "a\\b@c"}) {
+    EXPECT_FALSE(check_mail_address(bad)) << bad;
+  }
+}
+
+TEST(Directories, AreMadeWithAllParents) {
+  const TempDir dir;
+  const std::string deep = dir.file("a/b//c/");
+  EXPECT_EQ(make_directories(deep), ErrorCode::Ok);
+  EXPECT_EQ(make_directories(deep), ErrorCode::Ok);
+  dir.write("plain", "x");
+  EXPECT_NE(make_directories(dir.file("plain")), ErrorCode::Ok);
+  EXPECT_NE(make_directories(dir.file("plain/below")), ErrorCode::Ok);
+  EXPECT_EQ(make_parent_directories(dir.file("p/q/file")), ErrorCode::Ok);
+  EXPECT_TRUE(test::exists(dir.file("p/q")));
+  EXPECT_FALSE(test::exists(dir.file("p/q/file")));
+  EXPECT_EQ(make_parent_directories("file"), ErrorCode::Ok);
+}
+
+TEST(Digests, AgreeWithPublishedValues) {
+  // FIPS 180-2 appendix B and RFC 4231 test case 2.
+  EXPECT_EQ(to_hex(sha256("")).view(),
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  Sha256 hash;
+  for (int i = 0; i < 1000; ++i) hash.update(std::string(1000, 'a'));
+  hash.update("");
+  EXPECT_EQ(to_hex(hash.finish()).view(),
+            "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  EXPECT_EQ(hmac_sha256_hex("Jefe", "what do ya want for nothing?").view(),
+            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  EXPECT_TRUE(equal_constant_time("abc", "abc"));
+  EXPECT_FALSE(equal_constant_time("abc", "abd"));
+  EXPECT_FALSE(equal_constant_time("abc", "abcd"));
+}
+
+TEST(Crc32c, BothPathsAgreeAtEveryLength) {
+  std::string text;
+  for (int i = 0; i < 64; ++i) {
+    EXPECT_EQ(crc32c(7, text), crc32c_portable(7, text)) << i;
+    EXPECT_EQ(crc32c(crc32c(0, text), "tail"), crc32c_portable(0, text + "tail"));
+    text += static_cast<char>(i * 37);
+  }
+  EXPECT_EQ(crc32c(0x12345678, ""), 0x12345678U);
+  EXPECT_EQ(crc32c_portable(0, "123456789"), 0xE3069283U);
+}
+
+TEST(Compression, KeepsOnlyWhatGains) {
+  const std::vector<unsigned char> zeros(1000);
+  std::vector<unsigned char> out(compress_bound(Codec::Zstd, 1000) + compress_bound(Codec::Lz4, 1000));
+  for (const Codec codec : {Codec::Zstd, Codec::Lz4}) {
+    const std::size_t size = compress(codec, 3, zeros, out);
+    ASSERT_GT(size, 0U);
+    std::vector<unsigned char> back(1000, 1);
+    std::size_t produced = 0;
+    EXPECT_EQ(decompress(codec, std::span(out).first(size), back, &produced), ErrorCode::Ok);
+    EXPECT_EQ(produced, zeros.size());
+    EXPECT_EQ(back, zeros);
+    EXPECT_EQ(decompress(codec, std::span(zeros).first(16), back, nullptr), ErrorCode::Corrupt);
+    EXPECT_EQ(compress(codec, 3, std::span(zeros).first(2), out), 0U);  // nothing gained
+  }
+  EXPECT_EQ(compress(Codec::None, 3, zeros, out), 0U);
+  EXPECT_EQ(decompress(Codec::None, zeros, std::span(out).first(10), nullptr), ErrorCode::Invalid);
+  EXPECT_EQ(decompress(static_cast<Codec>(9), zeros, out, nullptr), ErrorCode::Invalid);
+}
+
+TEST(SelfTest, Passes) {
+  std::array<char, 256> err{};
+  EXPECT_EQ(selftest(err), 0) << err.data();
+}
+
+TEST(Messages, AreCutToTheirBuffer) {
+  std::array<char, 6> err{};
+  EXPECT_EQ(fail(err, "%s-%d", "abc", 1234), -1);
+  EXPECT_STREQ(err.data(), "abc-1");
+  EXPECT_EQ(fail({}, "nobody listens"), -1);
+  EXPECT_STREQ(error_text(static_cast<ErrorCode>(-99)), "unknown error");
+}
+
+}  // namespace
+}  // namespace orv
