@@ -1,0 +1,153 @@
+// run and start: one job on demand, in the foreground or in a detached child.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "cli/commands.h"
+#include "cli/settings.h"
+#include "cli/usage.h"
+#include "common/files.h"
+#include "common/log.h"
+#include "config/config.h"
+#include "config/job_command.h"
+#include "sched/run_now.h"
+
+namespace orv {
+namespace {
+
+// What `run` and `start` have settled before the job is started.
+struct Request {
+  const CommandContext& context;
+  const Config& config;
+  QueueState& queue;
+  const char* job_name;
+  JobRunSettings settings;
+  bool force;
+};
+
+bool decide_background(const ArgList& args, const Job& job, bool detached) {
+  const bool taken = takes_background(job.command);
+  if (option_present(args, "--background")) {
+    if (!taken) {
+      std::printf("note: --background ignored, command=%s does not take it\n",
+                  command_name(job.command));
+    }
+    return taken;
+  }
+  if (option_present(args, "--no-background")) return false;
+  const Tristate configured = detached ? job.start_background : job.run_background;
+  const bool wanted = configured == Tristate::Unset ? detached : configured == Tristate::Yes;
+  return wanted && taken;
+}
+
+int run_and_report(const Request& request) {
+  const ErrorCode rc = run_now(request.config, request.queue, request.job_name, request.settings,
+                               request.force);
+  return rc == ErrorCode::Ok ? kExitOk : kExitFailed;
+}
+
+// Whether a live runner stands in the way of `start`; told on standard error.
+bool refused(const Request& request) {
+  const QueueRecord* const runner = queue_find_live_runner(request.queue);
+  if (runner == nullptr || request.force) return false;
+  const char* const job = request.job_name;
+  const std::string running(record_name(*runner));
+  const std::uint32_t pid = queue_get_runner_pid(*runner);
+  if (running == request.job_name) {
+    std::fprintf(stderr, "error: job '%s' is already RUNNING (pid %u; use --force to override)\n",
+                 job, pid);
+  } else {
+    std::fprintf(stderr,
+                 "error: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
+                 "use --force to run '%s' alongside it)\n",
+                 running.c_str(), pid, job);
+  }
+  return true;
+}
+
+// Cuts the child loose from the terminal and the session it was started from. The working directory
+// stays: the job's arguments may name files in it.
+void detach(const ArgList& args) {
+  (void)::setsid();  // cannot fail in a child that has just been forked
+  (void)::signal(SIGHUP, SIG_IGN);
+  ScopedFd null = open_file("/dev/null", O_RDWR);
+  if (null.valid()) {
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      (void)::dup2(null.get(), standard);
+    }
+    if (null.get() <= STDERR_FILENO) (void)::fcntl(null.release(), F_SETFD, 0);  // it was closed before
+  }
+  if (!option_present(args, "--no-syslog")) log_set_syslog(true);
+}
+
+int start_detached(const Request& request) {
+  if (refused(request)) return kExitFailed;
+  (void)::fflush(nullptr);  // or the child would write what the parent has buffered once more
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    std::fprintf(stderr, "error: fork failed: %s\n", ::strerror(errno));
+    return kExitFailed;
+  }
+  if (pid == 0) {
+    detach(request.context.args);
+    return run_and_report(request);  // and out through the normal exit, which the run log records
+  }
+  std::printf("started job '%s' in the background (pid %d, %s --background), log: %s/%s/\n",
+              request.job_name, static_cast<int>(pid),
+              request.settings.background ? "with" : "without",
+              request.settings.job_log_dir.c_str(), request.job_name);
+  return kExitOk;
+}
+
+int run_start_command(const CommandContext& context, bool detached) {
+  const ArgList& args = context.args;
+  if (args.size() < 3 || args[2][0] == '-') {
+    print_usage();
+    return kExitUsage;
+  }
+  if (option_present(args, "--background") && option_present(args, "--no-background")) {
+    std::fprintf(stderr, "error: --background and --no-background are mutually exclusive\n");
+    return kExitUsage;
+  }
+  const auto config = std::make_unique<Config>();
+  std::array<char, kConfigMessageSize> err{};
+  if (config_load(context.config_path, *config, err) != 0) {
+    std::fprintf(stderr, "error: %s\n", err.data());
+    return kExitUsage;
+  }
+  QueueState queue;
+  if (queue_load(queue, context.queue_path) != ErrorCode::Ok) {
+    std::fprintf(stderr, "error: cannot open queue %s\n", context.queue_path);
+    return kExitFailed;
+  }
+  RunSettings common = settle_run_settings(args, config->sched);
+  const Job* const job = find_job(*config, args[2]);
+  if (job == nullptr && detached) {
+    std::fprintf(stderr, "error: unknown job '%s'\n", args[2]);
+    return kExitFailed;
+  }
+  const bool background = job != nullptr && decide_background(args, *job, detached);
+  const Request request{context,
+                        *config,
+                        queue,
+                        args[2],
+                        {background, common.job_timeout_s, std::move(common.job_log_dir),
+                         common.job_log_keep},
+                        option_present(args, "--force")};
+  return detached ? start_detached(request) : run_and_report(request);
+}
+
+}  // namespace
+
+int command_run(const CommandContext& context) { return run_start_command(context, false); }
+int command_start(const CommandContext& context) { return run_start_command(context, true); }
+
+}  // namespace orv
