@@ -10,6 +10,7 @@
 
 #include "api/handler.h"
 #include "api/json.h"
+#include "common/scoped_fd.h"
 #include "support/support.h"
 
 namespace orv::test {
@@ -49,9 +50,15 @@ class ApiFixture : public ::testing::Test {
     return change("PUT", "jobs/" + std::string(name), body);
   }
 
+  // Puts the test in the place of the network process; next_mail() is what it was handed, as
+  // "<subject>\n\n<body>", empty when nothing was.
+  void connect_network_process();
+  std::string next_mail();
+
   TempDir dir;
   LiveState live;
   ApiContext context{live};
+  ScopedFd network_end;
 };
 
 }  // namespace orv::test

@@ -59,6 +59,13 @@ TEST_F(RunControl, TestMailsNeedMailAndANetworkProcess) {
             "has loaded)");
   load("[mail]\nsmtp-host=mx\nfrom=a@b\nto=c@d\n");
   EXPECT_EQ(post("mail/test").verdict(), "503 unavailable: mail cannot be sent right now");
+  connect_network_process();
+  const Answer sent = post("mail/test");
+  EXPECT_EQ(sent.verdict(), "202");
+  EXPECT_EQ(get("mail/results/" + std::to_string(sent.number("mail_id"))).text("state"), "pending");
+  const std::string mail = next_mail();
+  EXPECT_TRUE(contains(mail, ": test mail\n\nThis is a test mail from orv_sched on "));
+  EXPECT_TRUE(mail.ends_with(", requested through the API by token 'ops' from 192.0.2.7.\n"));
 }
 
 TEST_F(RunControl, TellsOfTheLastSixteenTestMails) {

@@ -84,18 +84,17 @@ TEST_F(WriteEndpoints, CreatesAJobAndReportsTheTagThatTheNextChangeNeeds) {
 
 TEST_F(WriteEndpoints, UpdatesOnlyTheLinesOfTheFieldsThatWereSent) {
   load(kConfig);
-  const std::string before = config_text();
   EXPECT_EQ(put_job("base", R"({"schedule":null,"once":"1900000000","args":"--some"})").verdict(),
             "200");
-  std::string expected = before;
-  expected.replace(expected.find("args= --all \"a b\"\nschedule=0 1 * * *\n"), 36,
-                   "args=--some\nonce=1900000000\n");
+  constexpr std::string_view kOldLines = "args= --all \"a b\"\nschedule=0 1 * * *\n";
+  std::string expected = kConfig;
+  expected.replace(expected.find(kOldLines), kOldLines.size(), "args=--some\nonce=1900000000\n");
   EXPECT_EQ(config_text(), expected);
 }
 
 TEST_F(WriteEndpoints, RefusesFieldsAndPoliciesThatAPutBreaks) {
   load(kConfig);
-  const std::string long_after(1000, 'x');
+  const std::string long_after(1010, 'x');
   struct Case {
     const char* name;
     std::string body;
@@ -242,6 +241,30 @@ TEST_F(WriteEndpoints, ChangesAndRemovesTheMailSettings) {
   EXPECT_FALSE(contains(config_text(), "tls="));
   EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":null})").verdict(), "200");
   EXPECT_FALSE(contains(config_text(), "smtp-"));
+}
+
+TEST_F(WriteEndpoints, AnnouncesAChangeByMailUnlessToldNotTo) {
+  constexpr const char* kMail =
+      "[mail]\nsmtp-host=mx\nfrom=a@b\nto=c@d\nsmtp-user=u\nsmtp-password=old\n";
+  load(kMail);
+  connect_network_process();
+  EXPECT_EQ(change("PUT", "settings/mail",
+                   R"({"mail":{"smtp_host":"mx","from":"a@b","to":["c@d"],)"
+                   R"("smtp_user":"v","smtp_password":"new"}})")
+                .verdict(),
+            "200");
+  const std::string mail = next_mail();
+  EXPECT_TRUE(
+      contains(mail, ": orv_sched configuration changed via API (updated [mail])\n\nThe orv_sched "));
+  EXPECT_TRUE(mail.ends_with(
+      " was changed through the API.\n\nChange:  updated [mail]\nToken:   ops\n"
+      "Client:  192.0.2.7\nFile:    " +
+      live.config_path + "\nHistory: " + dir.file("cfg-history") +
+      "\n\n--- changed lines ---\n-    smtp-user=u\n-    smtp-password=***\n+5: smtp-user=v\n"
+      "+6: smtp-password=***\n"));
+  load(std::string(kMail) + "[api]\nnotify-changes=no\n");
+  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"poll_interval":5}})").verdict(), "200");
+  EXPECT_EQ(next_mail(), "");
 }
 
 TEST_F(WriteEndpoints, RefusesATextThatCouldNotBeReadAgain) {
