@@ -88,83 +88,50 @@ TEST_F(Authentication, ChecksTheHeader) {
     std::string header = good;
     return header.replace(header.find(from), from.size(), to);
   };
-  const std::string hex63(63, 'a');
+  const std::string name65(65, 'n');
+  // clang-format off
   const struct {
-    std::string header;
     AuthResult result;
+    std::vector<std::string> headers;
   } cases[] = {
-      {"", AuthResult::NoCredentials},
-      {"Basic d2F0Y2g6eA==", AuthResult::Malformed},
-      {"bearer watch." + secret, AuthResult::Malformed},
-      {"Bearer watch." + secret, AuthResult::Ok},
-      {"Bearer watch", AuthResult::Malformed},
-      {"Bearer ." + secret, AuthResult::Malformed},
-      {"Bearer " + std::string(65, 'n') + "." + secret, AuthResult::Malformed},
-      {"Bearer " + std::string(64, 'n') + "." + secret, AuthResult::UnknownToken},
-      {"Bearer Watch." + secret, AuthResult::UnknownToken},
-      {"Bearer watch." + secret + " ", AuthResult::WrongSecret},
-      {"Bearer watch." + secret.substr(1), AuthResult::WrongSecret},
-      {"Bearer watch.B" + secret.substr(1), AuthResult::WrongSecret},
-      {"Bearer backup.B" + secret.substr(1), AuthResult::WrongSecret},
-      {"Bearer backup." + secret, AuthResult::AdminMustSign},
-      {"ORV-HMAC-SHA256 ", AuthResult::Malformed},
-      {good + " ", AuthResult::Malformed},
-      {good + ", x=1", AuthResult::Malformed},
-      {good.substr(0, good.size() - 1), AuthResult::Malformed},
-      {with("key=backup, ", ""), AuthResult::Malformed},
-      {with(", ts", ",ts"), AuthResult::Malformed},
-      {with("backup", ""), AuthResult::Malformed},
-      {with("backup", "back.up"), AuthResult::Malformed},
-      {with("backup", std::string(65, 'n')), AuthResult::Malformed},
-      {with("backup", "nobody"), AuthResult::UnknownToken},
-      {with("0a0b", "0A0B"), AuthResult::Malformed},
-      {with("0a0b", "0a0"), AuthResult::Malformed},
-      {with("sig=7", "sig=A"), AuthResult::Malformed},
-      {with("sig=7", "sig=8"), AuthResult::WrongSecret},
-      {with("1767225600", "0123"), AuthResult::Malformed},
-      {with("1767225600", "-1"), AuthResult::Malformed},
-      {with("1767225600", std::string(24, '1')), AuthResult::Malformed},
-      {with("1767225600", "1767225601"), AuthResult::WrongSecret},
-      {good, AuthResult::Ok},
-      {good, AuthResult::NonceUsed},
+      {AuthResult::NoCredentials, {""}},
+      {AuthResult::Malformed,
+       {"Basic d2F0Y2g6eA==", "bearer watch." + secret, "Bearer watch", "Bearer ." + secret,
+        "Bearer " + name65 + "." + secret, "ORV-HMAC-SHA256 ", good + " ", good + ", x=1",
+        good.substr(0, good.size() - 1), with("key=backup, ", ""), with(", ts", ",ts"),
+        with("backup", ""), with("backup", "back.up"), with("backup", name65), with("0a0b", "0A0B"),
+        with("0a0b", "0a0"), with("sig=7", "sig=A"), with("1767225600", "0123"),
+        with("1767225600", "-1"), with("1767225600", std::string(24, '1'))}},
+      {AuthResult::UnknownToken,
+       {"Bearer " + name65.substr(1) + "." + secret, "Bearer Watch." + secret,
+        with("backup", "nobody")}},
+      {AuthResult::WrongSecret,
+       {"Bearer watch." + secret + " ", "Bearer watch." + secret.substr(1),
+        "Bearer watch.B" + secret.substr(1), "Bearer backup.B" + secret.substr(1),
+        with("sig=7", "sig=8"), with("1767225600", "1767225601")}},
+      {AuthResult::AdminMustSign, {"Bearer backup." + secret}},
+      {AuthResult::Ok, {"Bearer watch." + secret, good}},
+      {AuthResult::NonceUsed, {good}},
   };
+  // clang-format on
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.header);
-    EXPECT_EQ(check(c.header), c.result);
-    EXPECT_EQ(out_.token != nullptr, c.result == AuthResult::Ok);
+    for (const std::string& header : c.headers) {
+      EXPECT_EQ(check(header), c.result) << header;
+      EXPECT_EQ(out_.token != nullptr, c.result == AuthResult::Ok);
+    }
   }
-  EXPECT_EQ(check("Bearer watch." + secret), AuthResult::Ok);
-  EXPECT_FALSE(out_.is_signed);
 }
 
 TEST_F(Authentication, TheWindowIsInclusiveAndARefusalKeepsTheNonce) {
-  const struct {
-    std::string ts;
-    AuthResult result;
-  } cases[] = {
-      {std::to_string(kNow - 301), AuthResult::OutsideWindow},
-      {std::to_string(kNow + 301), AuthResult::OutsideWindow},
-      {"0", AuthResult::OutsideWindow},
-      {"9223372036854775807", AuthResult::OutsideWindow},
-      {"18446744075476777216", AuthResult::OutsideWindow},     // kNow + 2^64
-      {"99999999999999999999999", AuthResult::OutsideWindow},  // 23 digits
-      {std::to_string(kNow - 300), AuthResult::Ok},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.ts);
-    EXPECT_EQ(check_signed(c.ts, kNonce, kNow), c.result);
-  }
+  for (const std::string& ts :
+       {std::to_string(kNow - 301), std::to_string(kNow + 301), std::string("0"),
+        std::string("18446744075476777216"),  // kNow + 2^64
+        std::string(23, '9')})
+    EXPECT_EQ(check_signed(ts, kNonce, kNow), AuthResult::OutsideWindow) << ts;
+  EXPECT_EQ(check_signed(std::to_string(kNow - 300), kNonce, kNow), AuthResult::Ok);
   EXPECT_EQ(check_signed(std::to_string(kNow + 300), std::string(32, 'a'), kNow), AuthResult::Ok);
   // A wrong signature is reported before a stale time.
   EXPECT_EQ(check(signed_header("1", kNonce, kQuerySignature)), AuthResult::WrongSecret);
-}
-
-TEST(CanonicalText, HasALimit) {
-  std::string text;
-  ApiRequest request;
-  // "ORV1", seven line feeds and the digest of the body take 75 bytes.
-  EXPECT_TRUE(canonical_request(request, std::string(4020, '1'), "", text));
-  EXPECT_FALSE(canonical_request(request, std::string(4021, '1'), "", text));
 }
 
 std::string nonce_of(std::uint64_t n) {
@@ -205,19 +172,13 @@ TEST(Nonces, TheIndexDecidesAsASearchOfTheWholeRingWould) {
   NonceCache nonces;
   std::minstd_rand random(20260101);
   std::int64_t now = 1000000;
-  int seen[9] = {};
   for (int i = 0; i < 20000; ++i) {
     if (random() % 8 == 0) ++now;
     if (random() % 2000 == 0) now += random() % 2 == 0 ? 700 : -400;
     const std::uint64_t nonce = 1 + random() % 9000;
     const AuthResult want = expected(nonce, now);
-    ++seen[static_cast<std::size_t>(want)];
     ASSERT_EQ(nonces.accept(nonce_of(nonce), now), want) << i;
   }
-  EXPECT_GT(position, 0U);
-  for (const AuthResult result :
-       {AuthResult::Ok, AuthResult::NonceUsed, AuthResult::TooManyRequests})
-    EXPECT_GT(seen[static_cast<std::size_t>(result)], 100);
 }
 
 }  // namespace

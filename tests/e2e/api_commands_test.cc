@@ -1,0 +1,144 @@
+// api-token, api-init and api-info, run as an administrator runs them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::ProgramResult;
+using testing::HasSubstr;
+
+class ApiCommands : public testing::Test {
+ protected:
+  void SetUp() override { configure(""); }
+  void configure(const std::string& more) {
+    dir_.write("cfg",
+               "[api]\ncert=" + cert_ + "\nkey=" + key_ + "\ntokens-file=" + tokens_ + "\n" + more);
+  }
+  // The command line with the files of this test; no log of the machine is touched.
+  [[nodiscard]] ProgramResult run(std::vector<std::string> words) const {
+    std::vector<std::string> argv = {ORV_SCHED_PROGRAM};
+    argv.insert(argv.end(), words.begin(), words.end());
+    for (const char* word : {"--no-log", "--no-syslog", "--config"}) argv.emplace_back(word);
+    argv.push_back(dir_.file("cfg"));
+    return test::run_program(argv);
+  }
+  void expect_error(const std::vector<std::string>& words, const std::string& message) const {
+    const ProgramResult got = run(words);
+    EXPECT_EQ(got.status, 1);
+    EXPECT_THAT(got.err, HasSubstr("error: " + message + "\n"));
+  }
+  [[nodiscard]] std::string openssl(std::vector<std::string> words) const {
+    words.insert(words.begin(), {"openssl", "x509", "-in", cert_, "-noout"});
+    return test::run_program(words).out;
+  }
+  test::TempDir dir_;
+  std::string cert_ = dir_.file("api.crt"), key_ = dir_.file("api.key");
+  std::string tokens_ = dir_.file("tokens");
+};
+
+TEST_F(ApiCommands, TokensAreAddedListedAndRemoved) {
+  const test::ScopedTimeZone zone("UTC");
+  const ProgramResult boss = run({"api-token", "add", "boss", "--role", "admin"});
+  EXPECT_EQ(boss.status, 0) << boss.err;
+  EXPECT_TRUE(std::regex_match(
+      boss.out, std::regex(R"(token \(shown only now, keep it secret\): boss\.[A-Za-z0-9_-]{43}
+role: admin \(the client must sign its requests, see sched-api\.txt\)
+)"))) << boss.out;
+  EXPECT_THAT(run({"api-token", "add", "watch", "--role=read"}).out,
+              testing::EndsWith("\nrole: read\n"));
+  expect_error({"api-token", "add", "boss", "--role", "read"},
+               "a token named 'boss' exists already");
+  const std::string secret = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8\n";
+  dir_.write("tokens",
+             "old read 86399 " + secret + test::read_file(tokens_) + "xold read 0 " + secret, 0600);
+  EXPECT_EQ(run({"api-token", "remove", "boss"}).out, "removed token 'boss'\n");
+  const ProgramResult list = run({"api-token", "list"});
+  EXPECT_TRUE(std::regex_match(list.out, std::regex(R"(NAME {29}ROLE   CREATED
+old {30}read   1970-01-01 23:59:59
+watch {28}read   \d{4}-\d\d-\d\d \d\d:\d\d:\d\d
+xold {29}read   -
+)"))) << list.out;
+  struct stat st {};
+  EXPECT_TRUE(::stat(tokens_.c_str(), &st) == 0 && (st.st_mode & 0777U) == 0600U);
+}
+
+TEST_F(ApiCommands, FaultsComeInTheirOrder) {
+  const std::string no_name = "a token name ([A-Za-z0-9_-], 1..64 characters) is required";
+  expect_error({"api-token", "add", "--role", "read"}, no_name);
+  expect_error({"api-token", "add", "a.b"}, no_name);
+  expect_error({"api-token", "remove", "-a"}, no_name);
+  expect_error({"api-token", "remove", "a"}, "no token named 'a'");
+  expect_error({"api-token", "add", "a", "--role", "root"}, "--role read|admin is required");
+  EXPECT_FALSE(test::exists(tokens_));
+  EXPECT_EQ(run({"api-token", "show"}).status, 2);
+  dir_.write("tokens", "x\n", 0600);  // found before the wrong sub-command is
+  expect_error({"api-token"}, tokens_ + ":1: expected '<name> <role> <created> <secret>'");
+  EXPECT_THAT(run({"api-info"}).out,
+              HasSubstr("tokens:             (error: " + tokens_ + ":1: expected "));
+  std::string many;
+  for (int i = 0; i < 256; ++i)
+    many += "n" + std::to_string(i) + " read 1 AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8\n";
+  dir_.write("tokens", many, 0600);
+  expect_error({"api-token", "add", "a", "--role", "read"}, "too many tokens");
+  configure("nonsense\n");
+  for (const char* command : {"api-token", "api-init", "api-info"})
+    expect_error({command}, dir_.file("cfg") + ":5: expected key=value");
+}
+
+TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
+  const ProgramResult made = run({"api-init", "--cn", "192.0.2.10"});
+  EXPECT_EQ(made.status, 0) << made.err;
+  std::string fingerprint = openssl({"-fingerprint", "-sha256"});
+  fingerprint = fingerprint.substr(fingerprint.find('=') + 1);  // with its line end
+  const std::string shown = "SHA-256 fingerprint: " + fingerprint;
+  EXPECT_EQ(made.out,
+            "created " + cert_ + " and " + key_ + " (CN=192.0.2.10, valid 10 years)\n" + shown);
+  EXPECT_THAT(openssl({"-subject", "-ext", "subjectAltName"}),
+              testing::AllOf(HasSubstr("CN = 192.0.2.10"), HasSubstr("IP Address:192.0.2.10")));
+  EXPECT_THAT(run({"api-info"}).out, HasSubstr("fingerprint:        " + fingerprint));
+
+  EXPECT_EQ(run({"api-init", "--cn", "other"}).out,
+            "certificate exists, kept: " + cert_ + " (use --force to replace it)\n" + shown);
+  // The first word behind --cn is the name, and a switch all the same.
+  EXPECT_THAT(run({"api-init", "--cn", "--force"}).out,
+              HasSubstr("(CN=--force, valid 10 years)\n"));
+  EXPECT_THAT(run({"api-info"}).out, testing::Not(HasSubstr(fingerprint)));
+
+  key_ = dir_.file("missing/api.key");
+  cert_ = dir_.file("new.crt");
+  configure("");
+  expect_error({"api-init"}, "cannot create " + cert_ + " / " + key_ + " (I/O error)");
+}
+
+TEST_F(ApiCommands, InfoShowsTheWholeSection) {
+  configure(
+      "enabled=yes\nlisten=[::1]:9000\nallow-args=no\nallowed-commands=verify,agent\n"
+      "max-clients=3\nhistory-keep=0\n");
+  // clang-format off
+  EXPECT_EQ(run({"api-info"}).out, R"(enabled:            yes
+listen:             [::1]:9000
+certificate:        )" + cert_ + R"(
+fingerprint:        (no certificate -- run 'orv_sched api-init')
+tokens-file:        )" + tokens_ + R"(
+tokens:             0
+allow-config-write: yes
+allow-args:         no
+allowed-commands:   agent,verify
+max-clients:        3
+history-keep:       0
+notify-changes:     yes
+)");
+  // clang-format on
+}
+
+}  // namespace
+}  // namespace orv
