@@ -1,0 +1,62 @@
+// The HTTPS side: the listening socket, the TLS settings, the connections and the requests that
+// wait for the scheduler. All places taken, new clients wait in the kernel's backlog unless an idle
+// connection can make room.
+#ifndef ORV_NETPROC_HTTPS_SERVER_H_
+#define ORV_NETPROC_HTTPS_SERVER_H_
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <map>
+#include <memory>
+#include <set>
+#include <span>
+
+#include "common/scoped_fd.h"
+#include "netproc/connection.h"
+
+namespace orv {
+
+class HttpsServer {
+ public:
+  // Sends a request to the scheduler under the id; false when it is not keeping up.
+  using SendRequest = std::function<bool(std::uint32_t id, const ApiRequest& request)>;
+
+  HttpsServer(boost::asio::io_context& loop, const HttpsLimits& limits, SendRequest send_request);
+
+  // Takes the listening socket, an empty owner when there is none.
+  [[nodiscard]] int listen_on(ScopedFd listener, std::span<char> err);
+
+  // Takes certificate, key and number of clients for the connections to come; the first time,
+  // begins to accept. The caller releases `config`. -1 with the reason, everything as it was.
+  [[nodiscard]] int configure(const IpcApiConfig& config, std::span<char> err);
+
+  // Passes the scheduler's answer on. An answer that nobody waits for any more is dropped.
+  void answer(std::uint32_t id, const ApiResponse& response);
+
+  // Closes the listening socket and all connections.
+  void stop();
+
+ private:
+  void await_clients();
+  void on_clients();
+  bool make_room();
+  void welcome(TcpSocket socket);
+  void pause_accepting();
+  std::uint32_t submit(const ApiRequest& request, const std::shared_ptr<Connection>& connection);
+
+  boost::asio::io_context& loop_;
+  const SendRequest send_request_;
+  ConnectionHost host_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::steady_timer retry_timer_;
+  std::shared_ptr<boost::asio::ssl::context> tls_;
+  std::set<std::shared_ptr<Connection>> connections_;
+  std::map<std::uint32_t, std::shared_ptr<Connection>> waiting_;  // by the id of their request
+  std::uint32_t last_id_ = 0;
+  bool accepting_ = false;  // a wait on the listening socket is under way
+};
+
+}  // namespace orv
+
+#endif  // ORV_NETPROC_HTTPS_SERVER_H_

@@ -1,0 +1,15 @@
+// What the network process gives up before it listens to anybody.
+#ifndef ORV_NETPROC_SANDBOX_H_
+#define ORV_NETPROC_SANDBOX_H_
+
+namespace orv {
+
+// No new privileges, no core dumps, no debugger of the same account, and a filter that leaves only
+// the system calls of a network client and server: no new programs, processes, listeners or files.
+// Each layer that the kernel lacks is left out with one warning; nothing here fails. Threads
+// started later are bound by it too. Call it once, single-threaded.
+void sandbox_enter();
+
+}  // namespace orv
+
+#endif  // ORV_NETPROC_SANDBOX_H_
