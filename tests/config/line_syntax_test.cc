@@ -1,0 +1,65 @@
+#include "config/line_syntax.h"
+
+#include <gtest/gtest.h>
+
+namespace orv {
+namespace {
+
+TEST(ContentLength, CutsCommentsAndRefusesBadQuotes) {
+  struct Case {
+    std::string_view line;
+    const char* content;  // null: refused
+  };
+  static constexpr Case kCases[] = {
+      {"", ""},
+      {"#x", ""},
+      {" ; x", " "},
+      {"key=a#b", "key=a#b"},
+      {"key = a #b\r\n", "key = a "},
+      {"key=a;b", "key=a;b"},
+      {"key=a\t;b", "key=a\t"},
+      {"key=#x", "key=#x"},
+      {"key= #x", "key= "},
+      {"k#y=a", "k#y=a"},
+      {"key #x=\"a", "key "},
+      {"[a] # c", "[a] "},
+      {"[a]#c", "[a]#c"},
+      {"key=\"a # b\" # c", "key=\"a # b\" "},
+      {"key=\"a\"#c", "key=\"a\""},
+      {"key='a\\'", "key='a\\'"},
+      {R"(key="a\"b\\" ;c)", R"(key="a\"b\\" )"},
+      {R"(key="a\n")", R"(key="a\n")"},
+      {"key=a\"b", "key=a\"b"},
+      {"key=\"a\r\n", nullptr},
+      {"key=\"a\"x", nullptr},
+      {"key=\"a' # b", nullptr},
+      {R"(key="a\")", nullptr},
+      {"[a=\"b]", nullptr},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.line);
+    const std::optional<std::size_t> length = content_length(c.line);
+    ASSERT_EQ(length.has_value(), c.content != nullptr);
+    if (!length) continue;
+    EXPECT_EQ(c.line.substr(0, *length), c.content);
+  }
+}
+
+TEST(Unquote, ResolvesEscapesOfDoubleQuotesOnly) {
+  EXPECT_EQ(unquote(R"("a\"b\\c\d")"), R"(a"b\c\d)");
+  EXPECT_EQ(unquote(R"('a\\b"c')"), R"(a\\b"c)");
+  EXPECT_EQ(unquote("\" \""), " ");
+  EXPECT_EQ(unquote("''"), "");
+  EXPECT_EQ(unquote("it's \"so\""), "it's \"so\"");
+}
+
+TEST(SectionName, EndsAtTheLastBracket) {
+  EXPECT_EQ(section_name("[ a]b ]"), "a]b");
+  EXPECT_EQ(section_name("[ ]"), "");
+  EXPECT_EQ(section_name("["), std::nullopt);
+  EXPECT_EQ(section_name("[a] b"), std::nullopt);
+  EXPECT_EQ(section_name("a]"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace orv

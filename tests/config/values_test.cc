@@ -1,0 +1,180 @@
+#include "config/values.h"
+
+#include <gtest/gtest.h>
+
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::ScopedTimeZone;
+using test::TempDir;
+
+TEST(ListenSetting, TakesAnAddressAndPortOrAPortAlone) {
+  struct Case {
+    const char* value;
+    const char* host;
+    std::uint32_t port;  // 0: refused
+  };
+  static constexpr Case kCases[] = {{"8443", "0.0.0.0", 8443},
+                                    {"[::1]:65535", "::1", 65535},
+                                    {"10.0.0.7:1", "10.0.0.7", 1},
+                                    {"[10.0.0.7]:9", "10.0.0.7", 9},
+                                    {"::1:8443", "", 0},
+                                    {"localhost:8443", "", 0},
+                                    {"0", "", 0},
+                                    {"65536", "", 0},
+                                    {"4294967297", "", 0},
+                                    {"-1", "", 0},
+                                    {"+80", "", 0},
+                                    {":80", "", 0},
+                                    {"[]:80", "", 0},
+                                    {"[::1]80", "", 0},
+                                    {"[::1]", "", 0},
+                                    {"1.2.3.4:", "", 0},
+                                    {"1.2.3.4: 80", "", 0},
+                                    {"010.1:80", "", 0},
+                                    {"", "", 0}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.value);
+    ListenAddress at;
+    EXPECT_EQ(parse_listen(c.value, at), c.port != 0);
+    EXPECT_STREQ(at.host.c_str(), c.host);
+    EXPECT_EQ(at.port, c.port);
+  }
+}
+
+TEST(YesNo, IgnoresTheCaseOfWords) {
+  bool flag = false;
+  for (const char* text : {"yes", "YES", "True", "1"}) {
+    flag = false;
+    EXPECT_TRUE(parse_yes_no(text, flag) && flag) << text;
+  }
+  for (const char* text : {"no", "No", "FALSE", "0"}) {
+    flag = true;
+    EXPECT_TRUE(parse_yes_no(text, flag) && !flag) << text;
+  }
+  for (const char* text : {"", "y", "on", "10", "yes "}) EXPECT_FALSE(parse_yes_no(text, flag));
+}
+
+TEST(RetentionSetting, IsACountAndAUnitWithinAHundredYears) {
+  for (const char* text : {"1d", "36500d", "5200w", "1200m", "100y", "forever"}) {
+    Retention retention;
+    EXPECT_TRUE(parse_retention(text, retention)) << text;
+  }
+  for (const char* text :
+       {"0d", "01d", "37000d", "5201w", "1201m", "101y", "1D", "1", "d", "", "-1d", "1d ", "1dd",
+        "4294967297d", "Forever", "99999999999999999999y"}) {
+    Retention retention{RetentionUnit::Days, 7};
+    EXPECT_FALSE(parse_retention(text, retention)) << text;
+    EXPECT_EQ(retention.count, 7U);
+  }
+}
+
+TEST(AddRetention, MovesTheCivilDateAndClampsTheDay) {
+  constexpr std::int64_t kJan31 = 1706659200;  // 2024-01-31T00:00:00Z
+  constexpr std::int64_t kDay = 86400;
+  const ScopedTimeZone zone("America/New_York");  // the local zone must not matter
+  EXPECT_EQ(add_retention(kJan31 + 5, {RetentionUnit::Months, 1}), kJan31 + 29 * kDay + 5);
+  EXPECT_EQ(add_retention(kJan31 + 366 * kDay, {RetentionUnit::Months, 1}),
+            kJan31 + (366 + 28) * kDay);
+  EXPECT_EQ(add_retention(kJan31 + 29 * kDay, {RetentionUnit::Years, 1}),
+            kJan31 + (29 + 365) * kDay);
+  EXPECT_EQ(add_retention(kJan31, {RetentionUnit::Weeks, 2}), kJan31 + 14 * kDay);
+  EXPECT_EQ(add_retention(kJan31, {RetentionUnit::Forever, 0}), INT64_MAX);
+  EXPECT_EQ(add_retention(INT64_MAX - 1, {RetentionUnit::Days, 1}), INT64_MAX);
+  EXPECT_EQ(add_retention(INT64_MAX - 1, {RetentionUnit::Years, 1}), INT64_MAX);
+}
+
+TEST(OnceSetting, TakesUnixSecondsOrLocalTime) {
+  const ScopedTimeZone zone("Europe/Berlin");
+  struct Case {
+    const char* text;
+    std::int64_t time;
+  };
+  static constexpr Case kCases[] = {
+      {"0", 0},
+      {"1700000000", 1700000000},
+      {"9223372036854775807", INT64_MAX},
+      {"2026-01-02T03:04:05", 1767319445},
+      {"2026-01-02t03:04", 1767319440},
+      {"2026-1-2  3:4", 1767319440},
+      {"2026-02-30T00:00", 1772406000},  // 2 March
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.text);
+    std::int64_t time = -7;
+    EXPECT_TRUE(parse_once(c.text, time));
+    EXPECT_EQ(time, c.time);
+  }
+  for (const char* text :
+       {"", "2026-01-02T03:04:05Z", "2026-01-02T03:04:05z", "2026-01-02T03:04:05+01:00",
+        "2026-01-02T03:04:05-05:00", "2026-01-02T03", "2026-01-02", "-5", "1x", "2026--1-02T03:04",
+        "9223372036854775808", "2026-01-02T03:04:4294967297", "99999999999-01-02T03:04",
+        "2026-01-02T03:04                                                 "}) {
+    std::int64_t time = -7;
+    EXPECT_FALSE(parse_once(text, time)) << text;
+    EXPECT_EQ(time, -7);
+  }
+}
+
+TEST(OnceSetting, MeansTheFirstPassOfARepeatedHourAtEveryLoad) {
+  const ScopedTimeZone zone("Europe/Berlin");
+  for (const char* before : {"2026-07-01T12:00", "2026-12-01T12:00"}) {
+    std::int64_t time = 0;
+    ASSERT_TRUE(parse_once(before, time));
+    ASSERT_TRUE(parse_once("2026-10-25T02:30", time));
+    EXPECT_EQ(time, 1792888200);  // 00:30 UTC
+  }
+}
+
+TEST(Secret, IsALiteralOrTheFirstBytesOfAFile) {
+  const TempDir dir;
+  struct Case {
+    std::string content;
+    const char* secret;  // null: refused
+  };
+  const Case kCases[] = {{"pass word \t\r\n\n", "pass word"},
+                         {" x", " x"},
+                         {"p" + std::string(126, ' ') + "behind the first 127 bytes", "p"},
+                         {"p" + std::string(125, ' ') + "b", nullptr},
+                         {std::string(65, 'a'), nullptr},
+                         {"  \n", nullptr},
+                         {"", nullptr},
+                         {std::string("a\0b", 3), nullptr}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.content);
+    const std::string text = "file:" + dir.write("secret", c.content);
+    SecretReference reference;
+    ASSERT_EQ(parse_secret_reference(text, false, reference, {}), 0);
+    FixedSecret<kMaxSecret> secret;
+    EXPECT_EQ(read_secret(reference, secret), c.secret != nullptr);
+    EXPECT_EQ(secret.view(), c.secret != nullptr ? c.secret : "");
+  }
+  FixedSecret<kMaxSecret> secret;
+  EXPECT_FALSE(read_secret({SecretKind::File, dir.path()}, secret));
+  EXPECT_FALSE(read_secret({SecretKind::File, dir.file("missing")}, secret));
+  EXPECT_TRUE(read_secret({SecretKind::Literal, std::string(64, 'x')}, secret));
+  EXPECT_FALSE(read_secret({SecretKind::Literal, std::string(65, 'x')}, secret));
+  EXPECT_FALSE(read_secret({SecretKind::Kms, "https://keys"}, secret));
+}
+
+TEST(SecretReference, SaysWhatItRefuses) {
+  SecretReference reference;
+  std::array<char, 128> err{};
+  EXPECT_EQ(parse_secret_reference("", true, reference, err), -1);
+  EXPECT_STREQ(err.data(), "empty secret value");
+  EXPECT_EQ(parse_secret_reference("file:", true, reference, err), -1);
+  EXPECT_STREQ(err.data(), "file: needs a path");
+  EXPECT_EQ(parse_secret_reference("kms:", true, reference, err), -1);
+  EXPECT_STREQ(err.data(), "kms: needs a url");
+  EXPECT_EQ(parse_secret_reference("hunter2", false, reference, err), -1);
+  EXPECT_STREQ(err.data(),
+               "a literal value is not accepted here (visible via /proc/ps) -- use file:<path> or "
+               "kms:<url>");
+  EXPECT_EQ(parse_secret_reference("kms:x", false, reference, err), 0);
+  EXPECT_EQ(reference.text, "x");
+}
+
+}  // namespace
+}  // namespace orv
