@@ -16,6 +16,7 @@ struct RunOutcome {
   std::int32_t exit_code = -1;  // 0..255; -1 when the child ended by a signal
   bool timed_out = false;
   bool cancelled = false;
+  int exec_error = 0;  // errno when the program could not be executed (its exit code is then 127)
 };
 
 // Called while the child runs. True asks for the child to be stopped.
@@ -27,12 +28,15 @@ struct PollCallback {
 
 struct CommandOptions {
   std::span<const char* const> env;  // "NAME=value" strings added to the environment
-  std::uint32_t timeout_s = 0;       // whole seconds until SIGTERM
+  std::uint32_t timeout_s = 0;       // whole seconds until SIGTERM; 0 stops it at the first look
   std::uint32_t kill_after_s = kKillAfterSeconds;
 };
 
-// `argv` ends with a null pointer; its first element is searched in the PATH. Each form returns 0
-// when the child was started and reaped, -1 when a pipe or the fork failed.
+// `argv` ends with a null pointer; its first element is searched in the PATH. The child gets default
+// signal dispositions, an empty signal mask, the caller's standard input and no other descriptor but
+// its output. Each form returns 0 when the child was started and reaped, -1 when a pipe or the fork
+// failed (errno says why). The run ends when the child ends, whoever still holds its output; what it
+// left running is left alone.
 //
 // Output captured: at most output.size() - 1 bytes, NUL-terminated; the rest is read and dropped.
 [[nodiscard]] int run_command_captured(const char* const* argv, const CommandOptions& options,

@@ -1,0 +1,270 @@
+#include "sched/dispatch.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <utility>
+
+#include "common/log.h"
+#include "config/config.h"
+#include "config/job_command.h"
+#include "sched/result_mail.h"
+
+namespace orv {
+namespace {
+
+// Notes the outcome of a save. What could not be written is kept in memory and tried again in each
+// pass; reading the file instead would forget that a job has run, and start it again.
+void note_save(Dispatch& d, ErrorCode rc) {
+  if (rc != ErrorCode::Ok) {
+    log_msg(LogLevel::Error,
+            "orv_sched: cannot save the queue %s: %s -- the changes are kept in memory",
+            d.queue.path.c_str(), error_text(rc));
+  }
+  d.unsaved = rc != ErrorCode::Ok;
+}
+
+// Whether the record on disk is news to the one in memory: another process has started the job since.
+bool overtaken(const QueueRecord& memory, const QueueRecord& disk) {
+  return queue_runner_alive(disk) || disk.started_at > memory.started_at;
+}
+
+// Brings unsaved changes over to the records just read from the disk.
+void carry_over(const QueueState& memory, QueueState& disk) {
+  std::vector<QueueRecord> added;
+  for (const QueueRecord& record : memory.records) {
+    QueueRecord* const present = queue_find(disk, record_name(record));
+    if (present == nullptr) {
+      added.push_back(record);
+    } else if (!overtaken(record, *present)) {
+      *present = record;
+    }
+  }
+  disk.records.insert(disk.records.end(), added.begin(), added.end());
+  disk.index.clear();
+}
+
+void read_queue(Dispatch& d) {
+  d.lock = queue_lock(d.queue.path.c_str());
+  if (!d.lock.valid()) {
+    log_msg(LogLevel::Error, "orv_sched: cannot lock the queue %s -- using the in-memory copy",
+            d.queue.path.c_str());
+    return;
+  }
+  QueueState fresh;
+  fresh.path = d.queue.path;
+  if (queue_reload(fresh) != ErrorCode::Ok) {
+    log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
+            d.queue.path.c_str());
+    return;
+  }
+  if (d.unsaved) carry_over(d.queue, fresh);
+  d.queue = std::move(fresh);
+  if (d.unsaved) note_save(d, queue_save(d.queue));
+}
+
+// A save that an operation made on its own account; Ok can also mean that there was nothing to save,
+// so it does not end an earlier failure.
+void note_own_save(Dispatch& d, ErrorCode rc) {
+  if (rc != ErrorCode::Ok) note_save(d, rc);
+}
+
+void reconcile(Dispatch& d) {
+  note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, std::time(nullptr)));
+}
+
+bool waits_for_a_time(const Job& job, std::int64_t now) {
+  return job.enabled && (job.has_schedule || (job.has_once && job.once > now));
+}
+
+void warn_of_never(const Dispatch& d, std::int64_t now) {
+  for (const Job& job : d.live.config->jobs) {
+    if (!waits_for_a_time(job, now)) continue;
+    const QueueRecord* const record = queue_find(d.queue, job.name.view());
+    if (record == nullptr || record->next_run != kNever ||
+        record_state(*record) == JobState::Running) {
+      continue;
+    }
+    log_msg(LogLevel::Warn,
+            "orv_sched: job '%s' has a %s, but its next run in the queue is \"never\" -- disable and "
+            "enable the job, or edit its %s, to have it set",
+            job.name.c_str(), job.has_schedule ? "schedule" : "once time",
+            job.has_schedule ? "schedule" : "once time");
+  }
+}
+
+void reload_config(Dispatch& d) {
+  auto fresh = std::make_unique<Config>();
+  std::array<char, kConfigMessageSize> reason{};
+  if (config_load(d.settings.config_path.c_str(), *fresh, reason) != 0) {
+    log_msg(LogLevel::Error, "orv_sched: config reload failed, keeping previous config: %s",
+            reason.data());
+    reconcile(d);
+    return;
+  }
+  d.live.config = std::move(fresh);
+  log_msg(LogLevel::Info, "orv_sched: reloaded %s", d.settings.config_path.c_str());
+  dispatch_adopt_config(d);
+  dispatch_apply_network(d);
+}
+
+// The identity is read before the file: an edit that comes between the two is seen by the next pass.
+void follow_config_file(Dispatch& d) {
+  const bool changed_by_api = std::exchange(d.live.config_changed, false);
+  const FileIdentity identity = file_identity(d.settings.config_path.c_str());
+  const bool same = identity == d.identity;
+  d.identity = identity;
+  if (changed_by_api || !same) {
+    reload_config(d);
+  } else {
+    reconcile(d);
+  }
+}
+
+// Whether another process runs a job; told once for each job and process.
+bool busy_elsewhere(Dispatch& d) {
+  const QueueRecord* const runner = queue_find_live_runner(d.queue);
+  if (runner == nullptr) {
+    d.busy_note.clear();
+    return false;
+  }
+  const std::string job(record_name(*runner));
+  const std::uint32_t pid = queue_get_runner_pid(*runner);
+  FixedText<kMaxBusyNote> note;
+  note.set_truncated(job + "/" + std::to_string(pid));
+  if (note == d.busy_note) return true;
+  log_msg(LogLevel::Info,
+          "orv_sched: job '%s' is running in another process (pid %u) -- no job is started before it "
+          "ends",
+          job.c_str(), pid);
+  d.busy_note = note;
+  return true;
+}
+
+bool guard_trips(Dispatch& d) {
+  if (++d.guard <= d.live.config->jobs.size() + 1) return false;
+  log_msg(LogLevel::Error,
+          "orv_sched: safety guard tripped in the dispatch loop (should be impossible, cycles are "
+          "rejected at load time)");
+  return true;
+}
+
+RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
+  JobRunSettings settings;
+  settings.timeout_s = job.timeout_s != 0 ? job.timeout_s : d.settings.job_timeout_s;
+  settings.job_log_dir = d.settings.job_log_dir;
+  settings.job_log_keep = d.settings.job_log_keep;
+  return run_job(job, settings, d.queue, d.lock, &d.services, result);
+}
+
+// The end of every run: what happened is written before anybody is told.
+void finish_run(Dispatch& d, const Job& job, const JobRunResult& result) {
+  note_save(d, queue_save(d.queue));
+  d.lock.reset();
+  send_result_mail(*d.live.config, job.name.view(), result, &d.live.net);
+}
+
+void run_requested(Dispatch& d) {
+  const RunRequest request = d.live.run_queue.front();
+  d.live.run_queue.erase(d.live.run_queue.begin());
+  const Job* const job = find_job(*d.live.config, request.job.view());
+  if (job == nullptr || queue_find(d.queue, request.job.view()) == nullptr) {
+    log_msg(LogLevel::Warn,
+            "orv_sched: API run request for job '%s' dropped: no such job (any more)",
+            request.job.c_str());
+  } else if (!command_allowed(d.live.config->api.allowed_commands, job->command)) {
+    log_msg(LogLevel::Warn,
+            "orv_sched: API run request for job '%s' dropped: command not allowed through the API",
+            request.job.c_str());
+  } else {
+    log_msg(LogLevel::Info, "orv_sched: job '%s' started on request of API token '%s'",
+            request.job.c_str(), request.token.c_str());
+    JobRunResult result;
+    run(d, *job, result);
+    finish_run(d, *job, result);
+  }
+  d.guard = 0;
+}
+
+// Sets when the job runs next, and what it need not run for again.
+void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t stamp,
+                   std::int64_t now) {
+  QueueRecord* const record = queue_find(d.queue, job.name.view());
+  if (record == nullptr) return;
+  if (result == RunResult::Busy) {
+    record->next_run = now + d.settings.busy_retry_s;
+    return;
+  }
+  if (job.has_schedule) {
+    record->next_run = first_next_run(job, now);
+  } else if (job.has_once) {
+    record->next_run = kNever;  // a once job runs once, whatever its result
+  }
+  record->schedule_fingerprint = schedule_fingerprint(job);
+  if (!job.after.empty()) record->after_stamp = stamp;
+}
+
+// Runs the first job that is due; false when none is.
+bool run_due(Dispatch& d) {
+  for (const Job& job : d.live.config->jobs) {
+    std::int64_t stamp = 0;
+    if (!queue_job_due(d.queue, job, std::time(nullptr), stamp)) continue;
+    JobRunResult result;
+    run(d, job, result);
+    plan_next_run(d, job, result.result, stamp, std::time(nullptr));
+    finish_run(d, job, result);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Dispatch::Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHandler handler_in,
+                   void* handler_context_in)
+    : settings(settings_in),
+      live(live_in),
+      handler(handler_in),
+      handler_context(handler_context_in) {
+  struct Calls {
+    static void serve(void* context) { net_pump(static_cast<LiveState*>(context)->net); }
+    static int wait_fd(void* context) { return net_wait_fd(static_cast<LiveState*>(context)->net); }
+  };
+  services = {&Calls::serve, &Calls::wait_fd, &live, &live.running};
+}
+
+void dispatch_adopt_config(Dispatch& d) {
+  reconcile(d);
+  const std::int64_t now = std::time(nullptr);
+  note_own_save(d, queue_refresh_schedules_and_save(d.queue, *d.live.config, now));
+  warn_of_never(d, now);
+}
+
+void dispatch_sweep(Dispatch& d) { note_own_save(d, queue_sweep_stale_runners(d.queue)); }
+
+void dispatch_apply_network(Dispatch& d) {
+  net_set_mail(d.live.net, d.live.config->mail);
+  net_set_api(d.live.net, d.live.config->api, d.handler, d.handler_context);
+}
+
+PassEnd dispatch_pass(Dispatch& d) {
+  read_queue(d);
+  follow_config_file(d);
+  dispatch_sweep(d);
+  PassEnd end = PassEnd::Wait;
+  if (!busy_elsewhere(d) && !guard_trips(d)) {
+    if (!d.live.run_queue.empty()) {
+      run_requested(d);
+      end = PassEnd::Again;
+    } else if (run_due(d)) {
+      end = PassEnd::Again;
+    }
+  }
+  d.lock.reset();
+  return end;
+}
+
+}  // namespace orv

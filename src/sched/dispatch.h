@@ -1,0 +1,62 @@
+// One pass of the daemon's dispatch: the queue is read afresh, brought in line with the
+// configuration, and at most one job is run. The loop around it is daemon.h's.
+#ifndef ORV_SCHED_DISPATCH_H_
+#define ORV_SCHED_DISPATCH_H_
+
+#include <cstdint>
+
+#include "common/files.h"
+#include "common/fixed_text.h"
+#include "common/scoped_fd.h"
+#include "net/supervisor.h"
+#include "sched/daemon.h"
+#include "sched/job_run.h"
+#include "sched/live_state.h"
+#include "sched/queue_state.h"
+
+namespace orv {
+
+inline constexpr std::size_t kMaxBusyNote = 159;  // bytes of "<job>/<pid>"
+
+// What the loop knows from pass to pass. `settings` and `live` outlive it; live.config is set before
+// the first pass.
+struct Dispatch {
+  Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHandler handler_in,
+           void* handler_context_in);
+  // It points into itself.
+  Dispatch(const Dispatch&) = delete;
+  Dispatch& operator=(const Dispatch&) = delete;
+
+  const DaemonSettings& settings;
+  LiveState& live;
+  ApiHandler handler;
+  void* handler_context;
+  RunServices services;  // what a job run does for the network process and the API
+  QueueState queue;
+  ScopedFd lock;             // held during a pass
+  bool unsaved = false;      // the records hold changes that could not be written yet
+  FileIdentity identity;     // of the configuration file when it was last loaded, well or not
+  std::uint32_t guard = 0;   // passes since the last wait or API run
+  FixedText<kMaxBusyNote> busy_note;  // the runner in another process that was last told of
+};
+
+// What the loop does next.
+enum class PassEnd { Again, Wait };
+
+// One pass. The lock is free again afterwards.
+[[nodiscard]] PassEnd dispatch_pass(Dispatch& dispatch);
+
+// After a load of the configuration: reconciles the queue, recomputes the next runs of edited
+// schedules, and warns of every enabled job that has a time to run at while its record says "never".
+// Needs the lock.
+void dispatch_adopt_config(Dispatch& dispatch);
+
+// Marks the runs FAILED whose scheduler is gone. Needs the lock.
+void dispatch_sweep(Dispatch& dispatch);
+
+// Hands the settings of [mail] and [api] to the network process.
+void dispatch_apply_network(Dispatch& dispatch);
+
+}  // namespace orv
+
+#endif  // ORV_SCHED_DISPATCH_H_

@@ -1,0 +1,119 @@
+#include "sched/job_log.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "common/files.h"
+
+namespace orv {
+namespace {
+
+constexpr std::string_view kEndMarker = "\n--- end ---\n";
+constexpr std::size_t kTrailerWindow = 512;  // bytes at the end of a log in which its trailer lies
+constexpr std::string_view kLogSuffix = ".log";
+constexpr std::size_t kMaxLogName = 63;  // bytes of a name that rotation keeps
+
+struct DirCloser {
+  void operator()(DIR* dir) const { (void)::closedir(dir); }
+};
+using ScopedDir = std::unique_ptr<DIR, DirCloser>;
+
+// The number behind the first `label`, in the way of strtoll(); 0 when the label is not there.
+std::int64_t number_after(const std::string& text, std::string_view label) {
+  const std::size_t at = text.find(label);
+  if (at == std::string::npos) return 0;
+  return std::strtoll(text.c_str() + at + label.size(), nullptr, 10);
+}
+
+// The names of the directory's logs, cut; whatever goes wrong leaves what was found so far.
+std::vector<std::string> log_names(DIR* dir) {
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (name.size() <= kLogSuffix.size() || !name.ends_with(kLogSuffix)) continue;
+    names.emplace_back(name.substr(0, kMaxLogName));
+  }
+  return names;
+}
+
+}  // namespace
+
+std::string job_log_directory(std::string_view job_log_dir, std::string_view job) {
+  return std::string(job_log_dir) + "/" + std::string(job);
+}
+
+std::string job_log_path(std::string_view directory, std::int64_t start) {
+  const std::time_t seconds = start;
+  std::tm utc{};
+  std::array<char, 64> name{};
+  if (::gmtime_r(&seconds, &utc) == nullptr ||
+      std::strftime(name.data(), name.size(), "%Y%m%dT%H%M%SZ", &utc) == 0) {
+    std::snprintf(name.data(), name.size(), "%" PRId64, start);  // a year beyond all calendars
+  }
+  return std::string(directory) + "/" + name.data() + std::string(kLogSuffix);
+}
+
+std::string job_log_header(const Job& job, std::span<const char* const> argv, std::int64_t start) {
+  std::string text = "job: " + std::string(job.name.view()) + "\nargv:";
+  for (const char* arg : argv) {
+    if (arg == nullptr) break;
+    text += ' ';
+    text += arg;
+  }
+  return text + "\nstart_unix: " + std::to_string(start) + "\n\n--- output ---\n";
+}
+
+std::string job_log_trailer(std::int64_t finish, std::int32_t exit_code, bool timed_out,
+                            const char* cancelled_by) {
+  std::string text(kEndMarker);
+  text += "finish_unix: " + std::to_string(finish) + "\nexit_code: " + std::to_string(exit_code) +
+          "\ntimed_out: " + (timed_out ? "1" : "0") + "\n";
+  if (cancelled_by != nullptr) {
+    text += std::string("cancelled: 1\ncancelled_by: ") + cancelled_by + "\n";
+  }
+  return text;
+}
+
+void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer) {
+  trailer = {};
+  if (file_size <= 0) return;
+  const auto size = static_cast<std::uint64_t>(file_size);
+  const std::uint64_t length = std::min<std::uint64_t>(size, kTrailerWindow);
+  std::string text(length, '\0');
+  std::size_t got = 0;
+  if (read_at(fd, size - length, text, got) != ErrorCode::Ok) return;
+  text.resize(got);
+  std::replace(text.begin(), text.end(), '\0', ' ');
+  const std::size_t marker = text.rfind(kEndMarker);
+  if (marker == std::string::npos) return;
+  text.erase(0, marker + kEndMarker.size());
+  trailer.finished = true;
+  trailer.finish_unix = number_after(text, "finish_unix: ");
+  trailer.exit_code = static_cast<std::int32_t>(number_after(text, "exit_code: "));
+  trailer.timed_out = number_after(text, "timed_out: ") != 0;
+  trailer.cancelled = number_after(text, "cancelled: ") != 0;
+}
+
+void rotate_job_logs(const std::string& directory, std::uint32_t keep) {
+  if (keep == 0) return;
+  const ScopedDir dir(::opendir(directory.c_str()));
+  if (!dir) return;
+  std::vector<std::string> names = log_names(dir.get());
+  if (names.size() <= keep) return;
+  std::sort(names.begin(), names.end());  // start times: the oldest come first
+  names.resize(names.size() - keep);
+  for (const std::string& name : names) {
+    (void)::unlinkat(::dirfd(dir.get()), name.c_str(), 0);  // a log that stays does no harm
+  }
+}
+
+}  // namespace orv

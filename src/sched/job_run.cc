@@ -1,0 +1,239 @@
+#include "sched/job_run.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "common/files.h"
+#include "common/log.h"
+#include "config/job_command.h"
+#include "sched/job_log.h"
+#include "sched/subprocess.h"
+
+namespace orv {
+namespace {
+
+constexpr std::int32_t kExitBusy = 75;  // a tool's "temporarily unavailable"
+constexpr std::size_t kArgvMessageSize = 256;
+
+const char* result_word(RunResult result) {
+  static constexpr std::array<const char*, 3> kWords = {"done", "failed", "busy"};
+  return kWords[static_cast<std::size_t>(result)];
+}
+
+JobState state_after(RunResult result) {
+  static constexpr std::array<JobState, 3> kStates = {JobState::Done, JobState::Failed,
+                                                      JobState::Pending};
+  return kStates[static_cast<std::size_t>(result)];
+}
+
+void log_unsaved(const QueueState& queue, ErrorCode rc) {
+  if (rc == ErrorCode::Ok) return;
+  log_msg(LogLevel::Error, "orv_sched: cannot save the queue %s: %s", queue.path.c_str(),
+          error_text(rc));
+}
+
+// The job's record, made (and saved) when there is none: a job can be run by hand before the daemon
+// has ever seen it. The daemon keeps the "never" that such a record says, and warns of it.
+QueueRecord& find_or_add(QueueState& queue, const Job& job) {
+  if (QueueRecord* record = queue_find(queue, job.name.view())) return *record;
+  QueueRecord record;
+  record_set_name(record, job.name.view());
+  record_set_state(record, JobState::Pending);
+  record.next_run = kNever;
+  record.exit_code = -1;
+  log_unsaved(queue, queue_upsert(queue, record));
+  return *queue_find(queue, job.name.view());
+}
+
+void mark_running(QueueState& queue, const Job& job, std::int64_t started) {
+  QueueRecord& record = find_or_add(queue, job);
+  record_set_state(record, JobState::Running);
+  record.started_at = started;
+  queue_set_runner_pid(record, static_cast<std::uint32_t>(::getpid()));
+  // A queue that cannot be written (a full disk) is no reason to skip a backup.
+  log_unsaved(queue, queue_save(queue));
+}
+
+void store_outcome(QueueState& queue, const Job& job, const JobRunResult& result) {
+  QueueRecord& record = find_or_add(queue, job);
+  record.exit_code = result.exit_code;
+  record.started_at = result.started;
+  record.finished_at = result.finished;
+  record_set_state(record, state_after(result.result));
+  queue_set_runner_pid(record, 0);
+}
+
+RunResult fail_without_argv(const Job& job, const char* reason, QueueState& queue,
+                            JobRunResult& result) {
+  log_msg(LogLevel::Error, "orv_sched: job '%s': cannot build argv: %s", job.name.c_str(), reason);
+  result.result = RunResult::Failed;
+  result.started = result.finished = std::time(nullptr);
+  result.exit_code = -1;
+  result.command.set_truncated("(cannot build the command line: " + std::string(reason) + ")");
+  store_outcome(queue, job, result);
+  return result.result;
+}
+
+void join_command(const std::vector<const char*>& argv, JobRunResult& result) {
+  std::string text;
+  for (const char* arg : argv) {
+    if (arg == nullptr) break;
+    if (arg != argv.front()) text += ' ';
+    text += arg;
+  }
+  result.command.set_truncated(text);
+}
+
+// The log of one run. Without a file (`fd` empty) the tool writes where the scheduler writes.
+struct JobLog {
+  std::string directory;
+  std::string path;
+  ScopedFd fd;
+};
+
+void write_to_log(const JobLog& log, const std::string& text) {
+  if (!log.fd.valid() || write_all(log.fd.get(), text) == ErrorCode::Ok) return;
+  log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
+}
+
+JobLog open_job_log(const Job& job, const std::vector<const char*>& argv, const std::string& root,
+                    JobRunResult& result) {
+  JobLog log;
+  log.directory = job_log_directory(root, job.name.view());
+  if (make_directories(log.directory) != ErrorCode::Ok) {
+    log_msg(LogLevel::Warn, "orv_sched: cannot create job log dir %s", log.directory.c_str());
+    return log;
+  }
+  log.path = job_log_path(log.directory, result.started);
+  log.fd = open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  if (!log.fd.valid()) {
+    log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
+    return log;
+  }
+  result.log_path.set_truncated(log.path);
+  write_to_log(log, job_log_header(job, argv, result.started));
+  return log;
+}
+
+// What the tool's run has left behind besides its exit code.
+struct ToolRun {
+  bool started = false;
+  RunOutcome outcome;
+  std::string cancelled_by;
+};
+
+// Names the running job in the slot for as long as it can be cancelled. A request that comes in the
+// moment of the run's end is dropped here and cannot hit the next run.
+class SlotHolder {
+ public:
+  SlotHolder(CancelSlot* slot, const Job& job) : slot_(slot) {
+    if (slot_ == nullptr) return;
+    *slot_ = {};
+    slot_->job = job.name;
+  }
+  ~SlotHolder() {
+    if (slot_ != nullptr) *slot_ = {};
+  }
+  SlotHolder(const SlotHolder&) = delete;
+  SlotHolder& operator=(const SlotHolder&) = delete;
+  [[nodiscard]] std::string canceller() const {
+    const bool named = slot_ != nullptr && !slot_->cancelled_by.empty();
+    return std::string("API token ") + (named ? slot_->cancelled_by.c_str() : "?");
+  }
+
+ private:
+  CancelSlot* slot_;
+};
+
+PollCallback callback_of(const RunServices& services) {
+  struct Calls {
+    static bool poll(void* context) {
+      const auto& s = *static_cast<const RunServices*>(context);
+      if (s.serve != nullptr) s.serve(s.context);
+      return s.cancel != nullptr && s.cancel->cancel_requested;
+    }
+    static int wait_fd(void* context) {
+      const auto& s = *static_cast<const RunServices*>(context);
+      return s.wait_fd != nullptr ? s.wait_fd(s.context) : -1;
+    }
+  };
+  return {&Calls::poll, &Calls::wait_fd, const_cast<RunServices*>(&services)};
+}
+
+ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint32_t timeout_s,
+                 int out_fd, const RunServices* services) {
+  ToolRun run;
+  CommandOptions options;
+  options.timeout_s = timeout_s != 0 ? timeout_s : kDefaultJobTimeout;
+  const SlotHolder slot(services != nullptr ? services->cancel : nullptr, job);
+  PollCallback callback;
+  if (services != nullptr) callback = callback_of(*services);
+  run.started = run_command(argv.data(), options, out_fd,
+                            services != nullptr ? &callback : nullptr, run.outcome) == 0;
+  if (!run.started) {
+    log_msg(LogLevel::Error, "orv_sched: job '%s': cannot start a process: %s", job.name.c_str(),
+            std::strerror(errno));
+  } else if (run.outcome.exec_error != 0) {
+    log_msg(LogLevel::Error, "orv_sched: job '%s': cannot execute %s: %s", job.name.c_str(), argv[0],
+            std::strerror(run.outcome.exec_error));
+  }
+  run.cancelled_by = slot.canceller();
+  return run;
+}
+
+RunResult decide(const ToolRun& run) {
+  if (!run.started || run.outcome.cancelled || run.outcome.timed_out) return RunResult::Failed;
+  if (run.outcome.exit_code == 0) return RunResult::Done;
+  return run.outcome.exit_code == kExitBusy ? RunResult::Busy : RunResult::Failed;
+}
+
+void reload_queue(QueueState& queue) {
+  if (queue_reload(queue) == ErrorCode::Ok) return;
+  log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
+          queue.path.c_str());
+}
+
+}  // namespace
+
+RunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue, ScopedFd& lock,
+                  const RunServices* services, JobRunResult& result) {
+  result = {};
+  std::vector<const char*> argv;
+  std::array<char, kArgvMessageSize> reason{};
+  if (build_argv(job, settings.background, argv, reason) != 0) {
+    return fail_without_argv(job, reason.data(), queue, result);
+  }
+  join_command(argv, result);
+  result.started = std::time(nullptr);
+  mark_running(queue, job, result.started);
+  lock.reset();  // from here on others can read the queue and see who runs
+
+  JobLog log = open_job_log(job, argv, settings.job_log_dir, result);
+  log_msg(LogLevel::Info, "orv_sched: job '%s' starting (%s)", job.name.c_str(), argv[0]);
+  const ToolRun run = run_tool(job, argv, settings.timeout_s, log.fd.get(), services);
+  result.finished = std::time(nullptr);
+  result.exit_code = run.outcome.exit_code;
+  result.timed_out = run.outcome.timed_out;
+  result.result = decide(run);
+  const bool cancelled = run.started && run.outcome.cancelled;
+  write_to_log(log, job_log_trailer(result.finished, result.exit_code, result.timed_out,
+                                    cancelled ? run.cancelled_by.c_str() : nullptr));
+  log.fd.reset();
+  rotate_job_logs(log.directory, settings.job_log_keep);
+  log_msg(LogLevel::Info, "orv_sched: job '%s' finished exit=%d timed_out=%d%s result=%s",
+          job.name.c_str(), result.exit_code, result.timed_out ? 1 : 0,
+          cancelled ? " cancelled=1" : "", result_word(result.result));
+
+  lock = queue_lock(queue.path.c_str());
+  reload_queue(queue);
+  store_outcome(queue, job, result);
+  return result.result;
+}
+
+}  // namespace orv

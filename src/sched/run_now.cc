@@ -1,0 +1,65 @@
+#include "sched/run_now.h"
+
+#include <string>
+#include <utility>
+
+#include "common/log.h"
+#include "sched/result_mail.h"
+
+namespace orv {
+namespace {
+
+void log_unsaved(const QueueState& queue, ErrorCode rc) {
+  if (rc == ErrorCode::Ok) return;
+  log_msg(LogLevel::Error, "orv_sched: cannot save the queue %s: %s", queue.path.c_str(),
+          error_text(rc));
+}
+
+void log_refusal(const QueueRecord& runner, const std::string& job) {
+  const std::string running(record_name(runner));
+  const std::uint32_t pid = queue_get_runner_pid(runner);
+  if (running == job) {
+    log_msg(LogLevel::Error,
+            "orv_sched: job '%s' is already RUNNING (pid %u; use --force to override)", job.c_str(),
+            pid);
+    return;
+  }
+  log_msg(LogLevel::Error,
+          "orv_sched: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or use "
+          "--force to run '%s' alongside it)",
+          running.c_str(), pid, job.c_str());
+}
+
+}  // namespace
+
+ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
+                  JobRunSettings settings, bool force) {
+  const std::string name(job_name);
+  const Job* const job = find_job(config, name);
+  if (job == nullptr) {
+    log_msg(LogLevel::Error, "orv_sched: unknown job '%s'", name.c_str());
+    return ErrorCode::NotFound;
+  }
+  ScopedFd lock = queue_lock(queue.path.c_str());
+  // Without the lock nothing would keep a second job from running beside this one.
+  if (!lock.valid()) return ErrorCode::IoError;
+  if (queue_reload(queue) != ErrorCode::Ok) {
+    log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
+            queue.path.c_str());
+  }
+  log_unsaved(queue, queue_sweep_stale_runners(queue));
+  const QueueRecord* const runner = queue_find_live_runner(queue);
+  if (runner != nullptr && !force) {
+    log_refusal(*runner, name);
+    return ErrorCode::Unavailable;
+  }
+  if (job->timeout_s != 0) settings.timeout_s = job->timeout_s;
+  JobRunResult result;
+  const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);
+  log_unsaved(queue, queue_save(queue));
+  lock.reset();
+  send_result_mail(config, name, result, nullptr);
+  return outcome == RunResult::Done ? ErrorCode::Ok : ErrorCode::IoError;
+}
+
+}  // namespace orv

@@ -1,0 +1,25 @@
+// One job run on demand, now, beside whatever the daemon does: it changes neither the job's next run
+// nor what completion of others the job has answered.
+#ifndef ORV_SCHED_RUN_NOW_H_
+#define ORV_SCHED_RUN_NOW_H_
+
+#include <string_view>
+
+#include "common/status.h"
+#include "config/config.h"
+#include "sched/job_run.h"
+#include "sched/queue_state.h"
+
+namespace orv {
+
+// Runs the job of that name, waits for its end, saves the queue and sends the result mail. The job's
+// own time limit goes before that of `settings`. While another scheduler process runs a job it is
+// refused, unless `force`. `queue` was loaded from its file; it is read again under the lock.
+// Ok when the run ended done; IoError when it ended failed or busy, or the queue could not be locked;
+// NotFound for an unknown job; Unavailable when refused. All but the first are logged.
+[[nodiscard]] ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
+                                JobRunSettings settings, bool force);
+
+}  // namespace orv
+
+#endif  // ORV_SCHED_RUN_NOW_H_

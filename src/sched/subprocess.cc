@@ -1,0 +1,394 @@
+#include "sched/subprocess.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/scoped_fd.h"
+
+namespace orv {
+namespace {
+
+constexpr int kExecFailed = 127;
+// How often the served descriptor may still be readable right after it was served before the next
+// wait leaves it out: whoever floods it, or a descriptor that stays hung up, cannot make us spin.
+constexpr int kMaxHotRounds = 8;
+
+std::int64_t monotonic_ns() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * std::int64_t{1'000'000'000} + ts.tv_nsec;
+}
+
+std::int64_t whole_seconds_since(std::int64_t start_ns) {
+  return (monotonic_ns() - start_ns) / 1'000'000'000;
+}
+
+// All that the child needs, made before the fork: what runs between fork and exec may not allocate.
+struct ChildPlan {
+  std::vector<char*> argv;        // null-ended
+  std::vector<char*> shell_argv;  // "/bin/sh", <candidate>, arguments: for a script without "#!"
+  std::vector<std::string> owned_env;
+  std::vector<char*> env;         // null-ended
+  std::vector<std::string> owned_candidates;
+  std::vector<char*> candidates;  // the program's possible paths, in the order of the PATH
+  int out_fd = -1;                // becomes standard output and error; -1 leaves them alone
+  int error_fd = -1;              // takes the errno of a failed exec
+};
+
+std::string_view variable_name(std::string_view setting) {
+  return setting.substr(0, setting.find('='));
+}
+
+void set_variable(ChildPlan& plan, std::string_view setting) {
+  const std::string_view name = variable_name(setting);
+  if (name.empty() || name.size() == setting.size()) return;
+  std::erase_if(plan.owned_env, [name](const std::string& s) { return variable_name(s) == name; });
+  plan.owned_env.emplace_back(setting);
+}
+
+void plan_environment(ChildPlan& plan, std::span<const char* const> added) {
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    plan.owned_env.emplace_back(*entry);
+  }
+  set_variable(plan, "LVM_SUPPRESS_FD_WARNINGS=1");
+  for (const char* setting : added) set_variable(plan, setting);
+  for (std::string& setting : plan.owned_env) plan.env.push_back(setting.data());
+  plan.env.push_back(nullptr);
+}
+
+// The search of execvp(), done here because execvp() itself may allocate: a name with a slash is
+// taken as it is, any other is tried in each directory of the new environment's PATH.
+void plan_candidates(ChildPlan& plan, const std::string& program) {
+  if (program.find('/') != std::string::npos) {
+    plan.owned_candidates.push_back(program);
+  } else if (!program.empty()) {
+    std::string_view path = "/bin:/usr/bin";
+    for (const std::string& setting : plan.owned_env) {
+      if (variable_name(setting) == "PATH") path = std::string_view(setting).substr(5);
+    }
+    for (bool more = true; more;) {
+      const std::size_t colon = path.find(':');
+      const std::string_view directory = path.substr(0, colon);
+      plan.owned_candidates.push_back(
+          directory.empty() ? "./" + program : std::string(directory) + "/" + program);
+      more = colon != std::string_view::npos;
+      if (more) path.remove_prefix(colon + 1);
+    }
+  }
+  for (std::string& candidate : plan.owned_candidates) plan.candidates.push_back(candidate.data());
+}
+
+ChildPlan make_plan(const char* const* argv, const CommandOptions& options) {
+  static char shell[] = "/bin/sh";
+  ChildPlan plan;
+  for (const char* const* arg = argv; *arg != nullptr; ++arg) {
+    plan.argv.push_back(const_cast<char*>(*arg));  // exec does not write to its arguments
+  }
+  plan_environment(plan, options.env);
+  plan_candidates(plan, plan.argv.empty() ? "" : plan.argv[0]);
+  plan.shell_argv = {shell, nullptr};
+  if (plan.argv.size() > 1) {
+    plan.shell_argv.insert(plan.shell_argv.end(), plan.argv.begin() + 1, plan.argv.end());
+  }
+  plan.argv.push_back(nullptr);
+  plan.shell_argv.push_back(nullptr);
+  return plan;
+}
+
+// Puts `from` onto `to` so that it survives the exec; dup2() onto itself would keep close-on-exec.
+void place_descriptor(int from, int to) {
+  if (from == to) {
+    (void)::fcntl(to, F_SETFD, 0);  // cannot fail on an open descriptor
+  } else {
+    (void)::dup2(from, to);  // on failure the tool writes where the scheduler writes
+  }
+}
+
+// Tries the program's possible paths as execvp() does. Returns the errno to report.
+int exec_candidates(ChildPlan& plan) {
+  int error = ENOENT;
+  for (char* candidate : plan.candidates) {
+    ::execve(candidate, plan.argv.data(), plan.env.data());
+    if (errno == ENOEXEC) {
+      plan.shell_argv[1] = candidate;
+      ::execve(plan.shell_argv[0], plan.shell_argv.data(), plan.env.data());
+      return errno;
+    }
+    if (errno == EACCES) {
+      error = EACCES;  // worth telling, unless a later directory has the program
+    } else if (errno != ENOENT && errno != ENOTDIR && errno != ESTALE && errno != ENODEV &&
+               errno != ETIMEDOUT) {
+      return errno;
+    }
+  }
+  return error;
+}
+
+// The child, from fork to exec: async-signal-safe calls only. Every signal is blocked on entry, so
+// that none can reach a handler of the scheduler's in here.
+[[noreturn]] void run_child(ChildPlan& plan) {
+  (void)::setpgid(0, 0);  // the parent does the same; whoever comes first wins
+  if (plan.out_fd >= 0) {
+    place_descriptor(plan.out_fd, STDOUT_FILENO);
+    place_descriptor(plan.out_fd, STDERR_FILENO);
+    if (plan.out_fd != STDOUT_FILENO && plan.out_fd != STDERR_FILENO) (void)::close(plan.out_fd);
+  }
+  // All our descriptors are close-on-exec from the call that makes them; this is for those that a
+  // library or whoever started the scheduler has left open.
+  (void)::syscall(SYS_close_range, 3U, ~0U, 4U /* CLOSE_RANGE_CLOEXEC */);
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  for (int number = 1; number < NSIG; ++number) (void)::sigaction(number, &standard, nullptr);
+  sigset_t none;
+  ::sigemptyset(&none);
+  (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+  const int error = exec_candidates(plan);
+  if (plan.error_fd >= 0) (void)!::write(plan.error_fd, &error, sizeof error);
+  ::_exit(kExecFailed);
+}
+
+// An ignored SIGCHLD is inherited across exec; children would then be reaped by the kernel and their
+// exit codes lost.
+void keep_exit_codes() {
+  struct sigaction action {};
+  if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+    (void)::signal(SIGCHLD, SIG_DFL);
+  }
+}
+
+// Forks with every signal blocked and gives the caller its mask back. -1 when the fork failed.
+pid_t start_child(ChildPlan& plan) {
+  keep_exit_codes();
+  (void)std::fflush(nullptr);  // or the child's copies of unwritten output could be written twice
+  sigset_t all;
+  sigset_t before;
+  ::sigfillset(&all);
+  (void)::sigprocmask(SIG_SETMASK, &all, &before);
+  const pid_t pid = ::fork();
+  if (pid == 0) run_child(plan);
+  const int error = errno;
+  (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
+  if (pid > 0) (void)::setpgid(pid, pid);
+  errno = error;
+  return pid;
+}
+
+// A running child and how it is waited for.
+struct Child {
+  pid_t pid = -1;
+  ScopedFd pidfd;  // readable once the child has ended; empty on a kernel without
+  int status = 0;  // raw wait status, valid once it has ended
+  bool reaped = false;
+};
+
+bool reap(Child& child, int flags) {
+  pid_t got = -1;
+  do {
+    got = ::waitpid(child.pid, &child.status, flags);
+  } while (got < 0 && errno == EINTR);
+  if (got == 0) return false;
+  if (got < 0) child.status = SIGKILL;  // somebody else reaped it: no exit code is known
+  child.reaped = true;
+  return true;
+}
+
+void signal_group(const Child& child, int number) {
+  (void)::kill(-child.pid, number);
+  (void)::kill(child.pid, number);  // in case it has not become a group leader, or left the group
+}
+
+// Sleeps until the child ends, `fd` (-1: none) has something, or the time is up. Whether `fd` has.
+bool wait_for_child_or(const Child& child, int fd, int timeout_ms) {
+  std::array<pollfd, 2> fds{{{child.pidfd.get(), POLLIN, 0}, {fd, POLLIN, 0}}};
+  const int ready = ::poll(fds.data(), fds.size(), timeout_ms);  // a signal only ends it early
+  return ready > 0 && fds[1].revents != 0;
+}
+
+// The time limit and the stop of a child: SIGTERM once, SIGKILL when that did not help.
+struct StopWatch {
+  std::int64_t started = monotonic_ns();
+  std::int64_t terminated = -1;  // when SIGTERM was sent
+};
+
+// True when the child had to be killed and is gone.
+bool enforce_limits(StopWatch& watch, const CommandOptions& options, bool cancel, Child& child,
+                    RunOutcome& outcome) {
+  if (watch.terminated < 0) {
+    if (cancel) {
+      outcome.cancelled = true;
+    } else if (whole_seconds_since(watch.started) >= options.timeout_s) {
+      outcome.timed_out = true;
+    } else {
+      return false;
+    }
+    watch.terminated = monotonic_ns();
+    signal_group(child, SIGTERM);
+    return false;
+  }
+  if (whole_seconds_since(watch.terminated) <= options.kill_after_s) return false;
+  signal_group(child, SIGKILL);
+  return reap(child, 0);
+}
+
+void wait_serving(Child& child, const CommandOptions& options, const PollCallback* callback,
+                  RunOutcome& outcome) {
+  StopWatch watch;
+  int hot_rounds = 0;
+  for (;;) {
+    const bool serve = callback != nullptr && callback->poll != nullptr;
+    int fd = -1;
+    if (serve && callback->wait_fd != nullptr && hot_rounds < kMaxHotRounds) {
+      fd = callback->wait_fd(callback->context);
+    }
+    if (hot_rounds >= kMaxHotRounds) hot_rounds = 0;
+    const bool woken = wait_for_child_or(child, fd, kServeIntervalMs);
+    const bool cancel = serve && callback->poll(callback->context);
+    if (reap(child, WNOHANG)) return;
+    if (enforce_limits(watch, options, cancel, child, outcome)) return;
+    if (woken) {
+      pollfd again{callback->wait_fd(callback->context), POLLIN, 0};
+      hot_rounds = ::poll(&again, 1, 0) > 0 ? hot_rounds + 1 : 0;
+    }
+  }
+}
+
+// Captured output: kept up to the size of the buffer, read and dropped beyond.
+struct Capture {
+  ScopedFd pipe;  // non-blocking; empty after its end
+  std::span<char> buffer;
+  std::size_t used = 0;
+};
+
+// One read of at most 512 bytes. False when there was nothing to read now, or ever again.
+bool capture_some(Capture& capture) {
+  std::array<char, 512> chunk;
+  ssize_t got = -1;
+  do {
+    got = ::read(capture.pipe.get(), chunk.data(), chunk.size());
+  } while (got < 0 && errno == EINTR);
+  if (got < 0 && errno == EAGAIN) return false;
+  if (got <= 0) {
+    capture.pipe.reset();
+    return false;
+  }
+  if (capture.buffer.empty()) return true;
+  const std::size_t room = capture.buffer.size() - 1 - capture.used;
+  const std::size_t taken = std::min(room, static_cast<std::size_t>(got));
+  std::copy_n(chunk.data(), taken, capture.buffer.data() + capture.used);
+  capture.used += taken;
+  capture.buffer[capture.used] = '\0';
+  return true;
+}
+
+// What the child wrote before its end is in the pipe now, so one pipe's fill is all there is to read.
+// Waiting for the end of file instead could mean waiting for whatever the tool left behind.
+void capture_rest(Capture& capture) {
+  const int fill = ::fcntl(capture.pipe.get(), F_GETPIPE_SZ);
+  for (int seen = 0; seen <= std::max(fill, 65536) && capture_some(capture); seen += 512) {
+  }
+}
+
+void wait_capturing(Child& child, const CommandOptions& options, Capture& capture,
+                    RunOutcome& outcome) {
+  StopWatch watch;
+  for (;;) {
+    const bool readable = wait_for_child_or(child, capture.pipe.get(), kCaptureIntervalMs);
+    if (readable) (void)capture_some(capture);
+    if (reap(child, WNOHANG)) break;
+    if (enforce_limits(watch, options, false, child, outcome)) break;
+  }
+  if (capture.pipe.valid()) capture_rest(capture);
+}
+
+Child adopt(pid_t pid) {
+  Child child;
+  child.pid = pid;
+  child.pidfd.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));  // close-on-exec
+  return child;
+}
+
+struct Pipe {
+  ScopedFd read_end;
+  ScopedFd write_end;
+};
+
+bool make_pipe(Pipe& pipe, int flags) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC | flags) != 0) return false;
+  pipe.read_end.reset(ends[0]);
+  pipe.write_end.reset(ends[1]);
+  return true;
+}
+
+// The pipe on which a failed exec tells its errno; a successful one just closes it. The descriptor
+// must not lie where the tool's own are put.
+Pipe make_error_pipe() {
+  Pipe pipe;
+  if (!make_pipe(pipe, O_NONBLOCK)) return pipe;  // then only the exit status tells
+  pipe.write_end.reset(::fcntl(pipe.write_end.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  return pipe;
+}
+
+void conclude(const Child& child, const Pipe& errors, RunOutcome& outcome) {
+  if (WIFEXITED(child.status)) outcome.exit_code = WEXITSTATUS(child.status);
+  int error = 0;
+  if (errors.read_end.valid() && ::read(errors.read_end.get(), &error, sizeof error) ==
+                                     static_cast<ssize_t>(sizeof error)) {
+    outcome.exec_error = error;
+  }
+}
+
+}  // namespace
+
+int run_command_captured(const char* const* argv, const CommandOptions& options,
+                         std::span<char> output, RunOutcome& outcome) {
+  outcome = {};
+  if (!output.empty()) output[0] = '\0';
+  ChildPlan plan = make_plan(argv, options);
+  Pipe pipe;
+  if (!make_pipe(pipe, 0)) return -1;
+  (void)::fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK);  // the writer's end stays blocking
+  Pipe errors = make_error_pipe();
+  plan.out_fd = pipe.write_end.get();
+  plan.error_fd = errors.write_end.get();
+  const pid_t pid = start_child(plan);
+  if (pid < 0) return -1;
+  pipe.write_end.reset();
+  errors.write_end.reset();
+  Child child = adopt(pid);
+  Capture capture{std::move(pipe.read_end), output};
+  wait_capturing(child, options, capture, outcome);
+  conclude(child, errors, outcome);
+  return 0;
+}
+
+int run_command(const char* const* argv, const CommandOptions& options, int out_fd,
+                const PollCallback* callback, RunOutcome& outcome) {
+  outcome = {};
+  ChildPlan plan = make_plan(argv, options);
+  Pipe errors = make_error_pipe();
+  plan.out_fd = out_fd;
+  plan.error_fd = errors.write_end.get();
+  const pid_t pid = start_child(plan);
+  if (pid < 0) return -1;
+  errors.write_end.reset();
+  Child child = adopt(pid);
+  wait_serving(child, options, callback, outcome);
+  conclude(child, errors, outcome);
+  return 0;
+}
+
+}  // namespace orv
