@@ -5,9 +5,10 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -209,7 +210,9 @@ void net_shutdown(NetSupervisor& sup) {
   sup.fd.reset();  // the child reads the end of the file and leaves
   int status = 0;
   bool gone = reap(sup, status);
-  const ScopedFd exit_fd(gone ? -1 : ::pidfd_open(sup.pid, 0));
+  // By its number: the C library's own declaration of it is not meant for C++ everywhere.
+  const ScopedFd exit_fd(
+      gone ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, sup.pid, 0U)));
   for (int i = 0; i < kShutdownSteps && !gone; ++i) {
     pollfd wait = {exit_fd.get(), POLLIN, 0};
     (void)::poll(&wait, 1, kShutdownStepMs);  // interrupted or not, the next step looks again
