@@ -1,0 +1,78 @@
+// A private home for the built scheduler: configuration, queue, logs and stand-in tools in one
+// temporary directory. ORV_SCHED_PROGRAM is the path of the built program.
+#ifndef ORV_TESTS_E2E_DAEMON_FIXTURE_H_
+#define ORV_TESTS_E2E_DAEMON_FIXTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sched/queue_state.h"
+#include "support/support.h"
+
+namespace orv::test {
+
+class DaemonFixture : public ::testing::Test {
+ protected:
+  using Env = std::map<std::string, std::string>;
+
+  void configure(std::string_view text) { home_.write("sched.cfg", text); }
+  void tool(std::string_view name, std::string_view body) {
+    home_.script("bin/" + std::string(name), body);
+  }
+  // The command line of `command` with this home's files; `words` come right behind it.
+  [[nodiscard]] std::vector<std::string> command_line(
+      const std::string& command, const std::vector<std::string>& words = {}) const {
+    std::vector<std::string> argv = {ORV_SCHED_PROGRAM, command};
+    argv.insert(argv.end(), words.begin(), words.end());
+    const std::vector<std::string> files = {"--config", home_.file("sched.cfg"), "--queue",
+                                            home_.file("state/queue"), "--no-syslog",
+                                            "--log-path", home_.file("log")};
+    argv.insert(argv.end(), files.begin(), files.end());
+    if (command == "daemon" || command == "run" || command == "start") {
+      argv.insert(argv.end(), {"--job-log-dir", home_.file("job-logs")});
+    }
+    return argv;
+  }
+  [[nodiscard]] Env env() const { return {{"PATH", home_.file("bin") + ":/usr/bin:/bin"}}; }
+  [[nodiscard]] ProgramResult sched(const std::string& command,
+                                    const std::vector<std::string>& words = {}) const {
+    return run_program(command_line(command, words), env());
+  }
+  void start_daemon(const std::vector<std::string>& words = {"--poll-interval", "1"}) {
+    daemon_ = std::make_unique<Program>(command_line("daemon", words), env());
+  }
+  // Stops it by SIGTERM; its exit status.
+  int stop_daemon() {
+    daemon_->signal(15);
+    return daemon_->wait();
+  }
+  [[nodiscard]] bool daemon_says(std::string_view text) const {
+    return wait_until(std::chrono::seconds(30), [&] { return contains(daemon_->err(), text); });
+  }
+  [[nodiscard]] QueueRecord record(std::string_view job) const {
+    QueueState queue;
+    EXPECT_EQ(queue_load_readonly(queue, home_.file("state/queue").c_str()), ErrorCode::Ok);
+    const QueueRecord* found = queue_find(queue, job);
+    return found != nullptr ? *found : QueueRecord();
+  }
+  [[nodiscard]] bool reaches(std::string_view job, JobState state) const {
+    return wait_until(std::chrono::seconds(30),
+                      [&] { return record_state(record(job)) == state; });
+  }
+  [[nodiscard]] std::string file(std::string_view name) const {
+    return read_file(home_.file(name));
+  }
+
+  TempDir home_;
+  std::unique_ptr<Program> daemon_;
+};
+
+}  // namespace orv::test
+
+#endif  // ORV_TESTS_E2E_DAEMON_FIXTURE_H_

@@ -1,0 +1,119 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "daemon_fixture.h"
+
+namespace orv::test {
+namespace {
+
+using DaemonTest = DaemonFixture;
+
+TEST_F(DaemonTest, TakesAChainToItsEndAndStopsWhenAsked) {
+  tool("orv_agent", "echo backup; echo agent >>" + home_.file("order"));
+  tool("orv_verifier", "echo verifier >>" + home_.file("order"));
+  configure("[check]\ncommand=verify\nafter=backup\n[backup]\nprofile=docs\nonce=1\n");
+  start_daemon();
+  ASSERT_TRUE(reaches("check", JobState::Done));
+  EXPECT_EQ(file("order"), "agent\nverifier\n");
+  EXPECT_EQ(stop_daemon(), 0);
+  const std::string log = daemon_->err();
+  EXPECT_TRUE(contains(log, "INFO  orv_sched daemon started: config=" + home_.file("sched.cfg") +
+                                " queue=" + home_.file("state/queue") + " poll-interval=1s\n"));
+  EXPECT_TRUE(contains(log, "INFO  orv_sched: job 'backup' starting (orv_agent)\n"));
+  EXPECT_TRUE(contains(
+      log, "INFO  orv_sched: job 'check' finished exit=0 timed_out=0 result=done\n"));
+  EXPECT_TRUE(contains(log, "INFO  orv_sched daemon stopping (signal received)\n"));
+}
+
+TEST_F(DaemonTest, LetsARunningJobEndBeforeItStops) {
+  tool("orv_agent", "echo up >" + home_.file("up") + "; while ! [ -e " + home_.file("go") +
+                        " ]; do sleep 0.05; done");
+  configure("[a]\nonce=1\n[b]\nonce=1\n");
+  start_daemon();
+  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("up")); }));
+  daemon_->signal(SIGINT);
+  home_.write("go", "");
+  EXPECT_EQ(daemon_->wait(), 0);
+  EXPECT_EQ(record_state(record("a")), JobState::Done);
+  EXPECT_EQ(record_state(record("b")), JobState::Pending) << "nothing is started after the signal";
+}
+
+TEST_F(DaemonTest, SaysWhatWasLostAfterItWasKilledDuringARun) {
+  tool("orv_agent", "echo $$ >" + home_.file("pid.new") + "; mv " + home_.file("pid.new") + " " +
+                        home_.file("pid") + "; exec sleep 60");
+  configure("[a]\nschedule=0 0 1 1 *\n");
+  start_daemon();
+  ASSERT_TRUE(reaches("a", JobState::Pending));
+  Program run(command_line("run", {"a"}), env());
+  const std::string runner = std::to_string(run.pid());
+  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("pid")); }));
+  ASSERT_TRUE(daemon_says("INFO  orv_sched: job 'a' is running in another process (pid " +
+                          runner + ")"));
+  const ProgramResult refused = sched("run", {"a"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(contains(refused.err, "ERROR orv_sched: job 'a' is already RUNNING (pid " +
+                                        runner + "; use --force to override)"));
+  daemon_->signal(SIGKILL);
+  daemon_->wait();
+  run.signal(SIGKILL);
+  run.wait();
+  const pid_t tool_pid = std::stoi(file("pid"));
+  EXPECT_EQ(::kill(tool_pid, 0), 0) << "the tool outlives its scheduler";
+  ::kill(tool_pid, SIGKILL);
+  start_daemon();
+  EXPECT_TRUE(daemon_says("ERROR orv_sched: job 'a' is RUNNING in the queue file, but its runner (pid " +
+                          runner + ") is gone -- marked FAILED\n"));
+  EXPECT_TRUE(reaches("a", JobState::Failed));
+  EXPECT_EQ(stop_daemon(), 0);
+  EXPECT_EQ(std::filesystem::file_size(home_.file("state/queue")), kRecordSize);
+}
+
+TEST_F(DaemonTest, NoticesAnEditedConfigurationAndItsFaults) {
+  tool("orv_agent", "exit 0");
+  configure("[a]\nonce=4000000000\n");
+  start_daemon();
+  ASSERT_TRUE(reaches("a", JobState::Pending));
+  configure("[a]\nonce=1\n[b]\nafter=a\n");
+  EXPECT_TRUE(reaches("b", JobState::Done));
+  configure("[a\n");
+  EXPECT_TRUE(daemon_says("ERROR orv_sched: config reload failed, keeping previous config: " +
+                          home_.file("sched.cfg") + ":1: malformed section header\n"));
+  EXPECT_EQ(stop_daemon(), 0);
+}
+
+TEST_F(DaemonTest, EndsWithAClearLineWhenItCannotStart) {
+  configure("[a]\nonce=1\n");
+  home_.write("state", "a file where the directory should be");
+  const ProgramResult unwritable = sched("daemon");
+  EXPECT_EQ(unwritable.status, 1);
+  EXPECT_TRUE(contains(unwritable.err, "orv_sched: cannot open queue lock " +
+                                           home_.file("state/queue.lock") + ": "));
+  EXPECT_TRUE(contains(unwritable.err, "ERROR orv_sched daemon exited with "));
+  std::filesystem::remove(home_.file("state"));
+  std::filesystem::create_directories(home_.file("state/queue"));
+  const ProgramResult unreadable = sched("daemon");
+  EXPECT_EQ(unreadable.status, 1);
+  EXPECT_TRUE(contains(unreadable.err, "ERROR orv_sched: cannot load the queue "));
+}
+
+TEST_F(DaemonTest, ComesThroughToolsThatMisbehave) {
+  tool("orv_agent", "head -c 3000000 /dev/zero; sleep 60 & echo $! >" + home_.file("left"));
+  tool("orv_verifier", "ls /proc/$$/fd; readlink /proc/$$/fd/0");
+  configure("[noisy]\nonce=1\n[fds]\ncommand=verify\nonce=1\n[missing]\ncommand=proxmox\nonce=1\n");
+  start_daemon();
+  ASSERT_TRUE(reaches("missing", JobState::Failed));
+  EXPECT_TRUE(contains(daemon_->err(),
+                       "ERROR orv_sched: job 'missing': cannot execute orv_proxmox: No such file"));
+  EXPECT_EQ(record("missing").exit_code, 127);
+  EXPECT_EQ(record_state(record("noisy")), JobState::Done);
+  const auto logs = std::filesystem::directory_iterator(home_.file("job-logs/fds"));
+  const std::string log = read_file(logs->path());
+  EXPECT_TRUE(contains(log, "--- output ---\n0\n1\n10\n2\n/")) << "10 is the shell's own script\n" << log;
+  EXPECT_EQ(::kill(std::stoi(file("left")), SIGKILL), 0) << "what a tool leaves behind lives on";
+  EXPECT_EQ(stop_daemon(), 0);
+}
+
+}  // namespace
+}  // namespace orv::test

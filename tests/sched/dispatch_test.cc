@@ -1,0 +1,213 @@
+#include "sched/dispatch.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+using test::contains;
+using test::ScopedEnv;
+using test::TempDir;
+
+class DispatchTest : public ::testing::Test {
+ protected:
+  // The tool writes its profile to "runs" and ends as the file "exit-<profile>" says.
+  DispatchTest() {
+    dir_.script("bin/orv_agent", "echo \"$2\" >>" + dir_.file("runs") + "; read code <" +
+                                     dir_.file("exit-$2") + " && exit $code; exit 0");
+    settings_.config_path = dir_.file("cfg");
+    settings_.queue_path = dir_.file("queue");
+    settings_.job_log_dir = dir_.file("logs");
+  }
+  void configure(std::string_view text) { dir_.write("cfg", text); }
+  void start() {
+    dispatch_ = std::make_unique<Dispatch>(settings_, live_, nullptr, nullptr);
+    ASSERT_EQ(queue_load(dispatch_->queue, settings_.queue_path.c_str()), ErrorCode::Ok);
+    live_.config = std::make_unique<Config>();
+    char err[kConfigMessageSize] = "";
+    dispatch_->identity = file_identity(settings_.config_path.c_str());
+    ASSERT_EQ(config_load(settings_.config_path.c_str(), *live_.config, err), 0) << err;
+    dispatch_adopt_config(*dispatch_);
+  }
+  // One cycle of passes; what it logged.
+  std::string cycle() {
+    ::testing::internal::CaptureStderr();
+    dispatch_->guard = 0;
+    while (dispatch_pass(*dispatch_) == PassEnd::Again) {
+    }
+    EXPECT_FALSE(dispatch_->lock.valid());
+    return ::testing::internal::GetCapturedStderr();
+  }
+  void request(std::string_view job) {
+    RunRequest r;
+    EXPECT_TRUE(r.job.set(job));
+    EXPECT_TRUE(r.token.set("ops"));
+    live_.run_queue.push_back(r);
+  }
+  QueueRecord saved(std::string_view job) {
+    QueueState queue;
+    EXPECT_EQ(queue_load_readonly(queue, settings_.queue_path.c_str()), ErrorCode::Ok);
+    const QueueRecord* record = queue_find(queue, job);
+    return record != nullptr ? *record : QueueRecord();
+  }
+  [[nodiscard]] std::string runs() const { return test::read_file(dir_.file("runs")); }
+
+  TempDir dir_;
+  ScopedEnv path_{"PATH", dir_.file("bin") + ":/usr/bin:/bin"};
+  DaemonSettings settings_;
+  LiveState live_;
+  std::unique_ptr<Dispatch> dispatch_;
+};
+
+TEST_F(DispatchTest, RunsRequestsFirstThenDueJobsInFileOrderAndEachOnce) {
+  configure("[prune]\nprofile=prune\nafter=verify\nafter-mode=finished\n[verify]\nprofile=verify\n"
+            "after=backup\n[idle]\nprofile=idle\nschedule=* * * * *\n[backup]\nprofile=backup\nonce=1\n"
+            "[late]\nprofile=late\nonce=1\n[hand]\nprofile=hand\nonce=4000000000\n");
+  dir_.write("exit-verify", "3\n");
+  dir_.write("exit-late", "1\n");
+  start();
+  request("hand");
+  request("gone");
+  const std::string log = cycle();
+  EXPECT_EQ(runs(), "hand\nbackup\nverify\nprune\nlate\n");
+  EXPECT_TRUE(contains(log, "INFO  orv_sched: job 'hand' started on request of API token 'ops'\n"));
+  EXPECT_TRUE(contains(log, "WARN  orv_sched: API run request for job 'gone' dropped: no such job"));
+  EXPECT_EQ(saved("hand").next_run, 4000000000) << "an API run is on demand";
+  EXPECT_EQ(saved("late").next_run, kNever) << "a once job runs once, also when it failed";
+  EXPECT_EQ(saved("verify").after_stamp, saved("backup").finished_at);
+  EXPECT_GT(saved("idle").next_run, std::time(nullptr) - 60);
+  cycle();
+  EXPECT_EQ(runs(), "hand\nbackup\nverify\nprune\nlate\n") << "nothing is due any more";
+}
+
+TEST_F(DispatchTest, RefusesRequestsForCommandsThatTheApiMayNotRun) {
+  configure("[api]\nallowed-commands=verify\n[a]\nprofile=a\nonce=4000000000\n");
+  start();
+  request("a");
+  EXPECT_TRUE(contains(cycle(), "job 'a' dropped: command not allowed through the API\n"));
+  live_.run_queue.clear();
+}
+
+TEST_F(DispatchTest, TriesABusyJobAgainLaterWithoutLosingWhatItWaitedFor) {
+  configure("[dep]\nprofile=dep\nonce=1\n[a]\nprofile=a\nafter=dep\n");
+  dir_.write("exit-a", "75\n");
+  settings_.busy_retry_s = 1000;
+  start();
+  cycle();
+  cycle();
+  EXPECT_EQ(runs(), "dep\na\n");
+  EXPECT_EQ(record_state(saved("a")), JobState::Pending);
+  EXPECT_GE(saved("a").next_run, saved("a").finished_at + 1000);
+  EXPECT_EQ(saved("a").after_stamp, 0);
+  settings_.busy_retry_s = 0;  // retried at once: only the guard ends such a cycle
+  QueueState queue;
+  ASSERT_EQ(queue_load(queue, settings_.queue_path.c_str()), ErrorCode::Ok);
+  queue_find(queue, "a")->next_run = 1;
+  ASSERT_EQ(queue_save(queue), ErrorCode::Ok);
+  EXPECT_TRUE(contains(cycle(), "ERROR orv_sched: safety guard tripped in the dispatch loop"));
+  EXPECT_EQ(runs(), "dep\na\na\na\na\n") << "jobs + 1 passes";
+}
+
+TEST_F(DispatchTest, FollowsTheConfigurationFileAndKeepsTheOldOneWhenItIsBroken) {
+  configure("[a]\nprofile=a\nschedule=0 0 1 1 *\n");
+  start();
+  request("a");
+  cycle();
+  const QueueRecord before = saved("a");
+  configure("broken\n");
+  EXPECT_TRUE(contains(cycle(), "ERROR orv_sched: config reload failed, keeping previous config: "));
+  EXPECT_EQ(cycle(), "") << "not tried again until it changes";
+  EXPECT_EQ(live_.config->jobs.size(), 1U);
+  configure("[b]\nprofile=b\nafter=a\n[a]\nprofile=a\nschedule=0 0 2 1 *\n");
+  EXPECT_TRUE(contains(cycle(), "INFO  orv_sched: reloaded " + settings_.config_path + "\n"));
+  EXPECT_GT(saved("a").next_run, before.next_run) << "an edited schedule counts from now";
+  EXPECT_EQ(record_state(saved("b")), JobState::Done) << "its dependency is done already";
+  std::filesystem::remove(settings_.config_path);
+  EXPECT_TRUE(contains(cycle(), "config reload failed"));
+  live_.config_changed = true;
+  EXPECT_TRUE(contains(cycle(), "config reload failed")) << "the API's flag asks for a load";
+  EXPECT_EQ(live_.config->jobs.size(), 2U);
+  EXPECT_EQ(runs(), "a\nb\n");
+}
+
+TEST_F(DispatchTest, WaitsWhileAnotherSchedulerRunsAJobAndSaysSoOnce) {
+  configure("[a]\nprofile=a\nonce=1\n");
+  start();
+  std::filesystem::copy_file("/bin/sleep", dir_.file("orv_sched"));
+  test::Program other({dir_.file("orv_sched"), "60"});
+  ASSERT_TRUE(test::wait_until(10s, [&] {
+    return test::read_file("/proc/" + std::to_string(other.pid()) + "/comm") == "orv_sched\n";
+  }));
+  QueueRecord running;
+  record_set_name(running, "a");
+  record_set_state(running, JobState::Running);
+  queue_set_runner_pid(running, static_cast<std::uint32_t>(other.pid()));
+  ASSERT_EQ(queue_upsert(dispatch_->queue, running), ErrorCode::Ok);
+  EXPECT_TRUE(contains(cycle(), "INFO  orv_sched: job 'a' is running in another process (pid " +
+                                    std::to_string(other.pid()) +
+                                    ") -- no job is started before it ends\n"));
+  EXPECT_EQ(cycle(), "");
+  EXPECT_EQ(runs(), "");
+  other.signal(SIGKILL);
+  other.wait();
+  EXPECT_TRUE(contains(cycle(), "is RUNNING in the queue file, but its runner"));
+  EXPECT_EQ(runs(), "a\n");
+}
+
+TEST_F(DispatchTest, RemembersWhatItCannotSave) {
+  configure("[a]\nprofile=a\nonce=1\n[b]\nprofile=b\nschedule=0 0 1 1 *\n");
+  std::filesystem::create_directory(dir_.file("queue.tmp"));  // as bad as a full disk
+  start();
+  EXPECT_TRUE(contains(cycle(), "ERROR orv_sched: cannot save the queue " + settings_.queue_path));
+  cycle();
+  EXPECT_EQ(runs(), "a\n") << "a run that could not be recorded is not repeated";
+  EXPECT_EQ(saved("a").started_at, 0);
+  QueueState queue;  // somebody else runs b and can save
+  queue.path = settings_.queue_path;
+  std::filesystem::remove(dir_.file("queue.tmp"));
+  QueueRecord other;
+  record_set_name(other, "b");
+  record_set_state(other, JobState::Done);
+  other.next_run = kNever;
+  other.started_at = std::time(nullptr);
+  ASSERT_EQ(queue_upsert(queue, other), ErrorCode::Ok);
+  EXPECT_EQ(cycle(), "");
+  EXPECT_EQ(record_state(saved("a")), JobState::Done);
+  EXPECT_EQ(saved("a").next_run, kNever);
+  EXPECT_EQ(record_state(saved("b")), JobState::Done);
+}
+
+TEST_F(DispatchTest, WarnsOfJobsWithATimeThatNeverRun) {
+  configure("[cron]\nschedule=0 0 1 1 *\n[later]\nonce=4000000000\n[past]\nonce=1\n[off]\n"
+            "schedule=0 0 1 1 *\nenabled=no\n[hand]\nafter=cron\n");
+  QueueState queue;
+  ASSERT_EQ(queue_load(queue, settings_.queue_path.c_str()), ErrorCode::Ok);
+  for (const char* name : {"cron", "later", "past", "off", "hand"}) {
+    QueueRecord record;
+    record_set_name(record, name);
+    record_set_state(record, JobState::Done);
+    record.next_run = kNever;
+    queue.records.push_back(record);
+  }
+  ASSERT_EQ(queue_save(queue), ErrorCode::Ok);
+  ::testing::internal::CaptureStderr();
+  start();
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  for (const char* name : {"cron", "later", "past", "off", "hand"}) {
+    const std::string warning = std::string("WARN  orv_sched: job '") + name + "' has a ";
+    EXPECT_EQ(contains(log, warning), name[0] == 'c' || name[0] == 'l') << name;
+  }
+  EXPECT_TRUE(contains(log, "disable and enable the job, or edit its once time"));
+}
+
+}  // namespace
+}  // namespace orv

@@ -1,0 +1,85 @@
+#include "sched/job_log.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "common/files.h"
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::TempDir;
+
+TEST(JobLog, ShowsTheRunInHeaderAndTrailer) {
+  Job job;
+  ASSERT_TRUE(job.name.set("nightly"));
+  const std::vector<const char*> argv = {"orv_agent", "--name", "a b", nullptr};
+  EXPECT_EQ(job_log_path(job_log_directory("/logs", "nightly"), 1791208800),
+            "/logs/nightly/20261005T140000Z.log");
+  EXPECT_EQ(job_log_header(job, argv, 1791208800),
+            "job: nightly\nargv: orv_agent --name a b\nstart_unix: 1791208800\n\n--- output ---\n");
+  EXPECT_EQ(job_log_trailer(7, -1, true, nullptr),
+            "\n--- end ---\nfinish_unix: 7\nexit_code: -1\ntimed_out: 1\n");
+  EXPECT_EQ(job_log_trailer(7, 0, false, "API token ops"),
+            "\n--- end ---\nfinish_unix: 7\nexit_code: 0\ntimed_out: 0\ncancelled: 1\n"
+            "cancelled_by: API token ops\n");
+}
+
+TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
+  struct Case { std::string text; JobLogTrailer expected; };
+  const std::string marker = "\n--- end ---\n";
+  const Case cases[] = {
+      {"", {}},
+      {"output only\n", {}},
+      {job_log_trailer(1791208805, -1, true, nullptr), {true, 1791208805, -1, true, false}},
+      {std::string(100000, '\0') + job_log_trailer(5, 75, false, "API token x"),
+       {true, 5, 75, false, true}},
+      {marker + "finish_unix: 1\nexit_code: 1\n" + job_log_trailer(2, 0, false, nullptr),
+       {true, 2, 0, false, false}},
+      {"x" + marker + "finish_unix: 3\nexit_" + std::string(1, '\0') + "code: 9\n",
+       {true, 3, 0, false, false}},
+      {marker + std::string(512, 'x'), {}},  // out of sight
+  };
+  const TempDir dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text.substr(c.text.size() > 60 ? c.text.size() - 60 : 0));
+    const ScopedFd fd = open_file(dir.write("log", c.text).c_str(), O_RDONLY);
+    JobLogTrailer got{true, 99, 99, true, true};
+    read_job_log_trailer(fd.get(), static_cast<std::int64_t>(c.text.size()), got);
+    EXPECT_EQ(got.finished, c.expected.finished);
+    EXPECT_EQ(got.finish_unix, c.expected.finish_unix);
+    EXPECT_EQ(got.exit_code, c.expected.exit_code);
+    EXPECT_EQ(got.timed_out, c.expected.timed_out);
+    EXPECT_EQ(got.cancelled, c.expected.cancelled);
+  }
+}
+
+TEST(JobLogRotation, DeletesTheOldestLogsAndNothingElse) {
+  const TempDir dir;
+  // By bytes: "-" before digits before letters before bytes above 127. A directory counts, and stays.
+  const std::vector<std::string> logs = {"-.log", "20250101T000000Z.log", "20250102T000000Z.log",
+                                         "a.log", "\xc3\xa4.log"};
+  for (const std::string& name : logs) dir.write(name, "x");
+  for (const char* name : {".log", "notes.txt", "a.log.gz", "log"}) dir.write(name, "x");
+  std::filesystem::create_directory(dir.file("0.log"));
+  rotate_job_logs(dir.path(), 0);
+  rotate_job_logs(dir.path(), 6);
+  for (const std::string& name : logs) EXPECT_TRUE(test::exists(dir.file(name))) << name;
+  rotate_job_logs(dir.path(), 3);
+  EXPECT_FALSE(test::exists(dir.file("-.log")));
+  EXPECT_TRUE(test::exists(dir.file("0.log")));
+  EXPECT_FALSE(test::exists(dir.file("20250101T000000Z.log")));
+  for (const char* name : {"20250102T000000Z.log", "a.log", "\xc3\xa4.log", ".log", "notes.txt",
+                           "a.log.gz", "log"}) {
+    EXPECT_TRUE(test::exists(dir.file(name))) << name;
+  }
+  rotate_job_logs(dir.file("nowhere"), 1);  // nothing to do, nothing to say
+}
+
+}  // namespace
+}  // namespace orv

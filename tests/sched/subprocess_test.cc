@@ -1,0 +1,189 @@
+#include "sched/subprocess.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "common/scoped_fd.h"
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+using test::ScopedEnv;
+using test::TempDir;
+
+CommandOptions options(std::uint32_t timeout_s = 60) {
+  CommandOptions o;
+  o.timeout_s = timeout_s;
+  return o;
+}
+
+struct Captured {
+  int rc = -1;
+  RunOutcome outcome;
+  std::string output;
+};
+
+Captured capture(std::vector<const char*> argv, std::size_t size = 4096,
+                 const CommandOptions& o = options()) {
+  argv.push_back(nullptr);
+  Captured c;
+  std::vector<char> buffer(size);
+  c.rc = run_command_captured(argv.data(), o, buffer, c.outcome);
+  if (!buffer.empty()) c.output = buffer.data();
+  return c;
+}
+
+TEST(Subprocess, ReportsHowTheProgramEnded) {
+  const TempDir dir;
+  dir.write("plain", "exit 6\n", 0755);  // no "#!": run by the shell, as execvp() does
+  dir.write("locked", "", 0644);
+  const ScopedEnv path("PATH", "/nowhere::" + dir.path() + ":/usr/bin:/bin");
+  struct Case { std::vector<const char*> argv; int exit_code; int exec_error; };
+  const Case cases[] = {
+      {{"true"}, 0, 0},
+      {{"sh", "-c", "exit 75"}, 75, 0},
+      {{"sh", "-c", "kill -9 $$"}, -1, 0},
+      {{"plain"}, 6, 0},
+      {{"no-such-tool"}, 127, ENOENT},
+      {{"./no/such/tool"}, 127, ENOENT},
+      {{"locked"}, 127, EACCES},
+      {{"sh", "-c", "exit 127"}, 127, 0},
+  };
+  for (Case c : cases) {
+    SCOPED_TRACE(c.argv.back());
+    c.argv.push_back(nullptr);
+    RunOutcome outcome;
+    ASSERT_EQ(run_command(c.argv.data(), options(), -1, nullptr, outcome), 0);
+    EXPECT_EQ(outcome.exit_code, c.exit_code);
+    EXPECT_EQ(outcome.exec_error, c.exec_error);
+  }
+}
+
+TEST(Subprocess, GivesTheChildCleanSignalsAndThreeDescriptors) {
+  const ScopedFd leaked(::fcntl(0, F_DUPFD, 50));  // deliberately not close-on-exec
+  sigset_t some;
+  sigset_t before;
+  sigemptyset(&some);
+  sigaddset(&some, SIGTERM);
+  ::sigprocmask(SIG_BLOCK, &some, &before);
+  for (const int number : {SIGPIPE, SIGCHLD, SIGHUP}) ::signal(number, SIG_IGN);
+  const Captured c =
+      capture({"sh", "-c", "grep -E 'SigBlk|SigIgn' /proc/self/status; exec ls /proc/self/fd"});
+  for (const int number : {SIGPIPE, SIGCHLD, SIGHUP}) ::signal(number, SIG_DFL);
+  ::sigprocmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(c.outcome.exit_code, 0) << "an ignored SIGCHLD must not lose the exit code";
+  EXPECT_EQ(c.output,  // 3 is the directory that ls itself reads
+            "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n3\n");
+}
+
+TEST(Subprocess, AddsToTheEnvironmentAndSearchesItsPath) {
+  const TempDir dir;
+  dir.script("tool", "echo \"$LVM_SUPPRESS_FD_WARNINGS $EXTRA $KEPT\"");
+  const ScopedEnv kept("KEPT", "kept");
+  const ScopedEnv lvm("LVM_SUPPRESS_FD_WARNINGS", "0");
+  const std::string path = "PATH=" + dir.path() + ":/usr/bin:/bin";
+  const std::array<const char*, 2> env = {"EXTRA=extra", path.c_str()};
+  CommandOptions o = options();
+  o.env = env;
+  EXPECT_EQ(capture({"tool"}, 100, o).output, "1 extra kept\n");
+  EXPECT_EQ(::getenv("EXTRA"), nullptr);
+}
+
+TEST(Subprocess, KeepsWhatFitsOfTheOutputAndDropsTheRest) {
+  struct Case { const char* script; std::size_t size; const char* output; };
+  static constexpr Case kCases[] = {
+      {"printf 12345678; printf abc >&2", 12, "12345678abc"},
+      {"printf 12345678; printf abc >&2", 9, "12345678"},
+      {"head -c 3000000 /dev/zero | tr '\\0' x; exit 0", 4, "xxx"},
+      {"echo gone", 0, ""},
+      {"exec >&- 2>&-; sleep 0.1", 9, ""},  // hangs up before its end
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.script);
+    const Captured got = capture({"sh", "-c", c.script}, c.size);
+    EXPECT_EQ(got.outcome.exit_code, 0);
+    EXPECT_EQ(got.output, c.output);
+  }
+}
+
+TEST(Subprocess, EndsWithTheToolAndLeavesItsChildrenAlone) {
+  const Captured c = capture({"sh", "-c", "sleep 60 & echo $!; exit 3"});
+  EXPECT_EQ(c.outcome.exit_code, 3);
+  const pid_t left = std::stoi(c.output);
+  ASSERT_GT(left, 1);
+  EXPECT_EQ(::kill(left, SIGKILL), 0) << "it was still there, holding the pipe open";
+}
+
+struct Canceller {
+  std::string when;  // asks for the stop once this file exists
+  ScopedFd readable;  // a descriptor that is never drained
+  int calls = 0;
+};
+PollCallback callback_of(Canceller& c) {
+  return {[](void* context) {
+            auto& self = *static_cast<Canceller*>(context);
+            ++self.calls;
+            return test::exists(self.when);
+          },
+          [](void* context) { return static_cast<Canceller*>(context)->readable.get(); }, &c};
+}
+
+TEST(Subprocess, StopsTheWholeGroupWhenAskedTo) {
+  const TempDir dir;
+  dir.script("deaf", "trap '' TERM; echo up >\"$1/up\"; while :; do sleep 0.05; done");
+  dir.script("tool",
+             "cd \"$1\"; sh -c 'trap \"echo > stopped; exit\" TERM; echo > up; while :; do sleep "
+             "0.05; done' & trap 'exit 0' TERM; wait");
+  struct Case { const char* tool; int exit_code; bool stopped; };
+  for (const Case& c : {Case{"tool", 0, true}, Case{"deaf", -1, false}}) {
+    SCOPED_TRACE(c.tool);
+    const TempDir work;
+    Canceller canceller{work.file("up"), ScopedFd(), 0};
+    const PollCallback callback = callback_of(canceller);
+    const std::string tool = dir.file(c.tool);
+    const std::array<const char*, 3> argv = {tool.c_str(), work.path().c_str(), nullptr};
+    CommandOptions o = options();
+    o.kill_after_s = 0;
+    RunOutcome outcome;
+    ASSERT_EQ(run_command(argv.data(), o, -1, &callback, outcome), 0);
+    EXPECT_TRUE(outcome.cancelled);
+    EXPECT_FALSE(outcome.timed_out);
+    EXPECT_EQ(outcome.exit_code, c.exit_code);
+    EXPECT_EQ(test::wait_until(c.stopped ? 10s : 0s, [&] { return test::exists(work.file("stopped")); }),
+              c.stopped);
+  }
+}
+
+TEST(Subprocess, StopsAtTheTimeLimitAndKeepsTheExitCode) {
+  const Captured c = capture({"sh", "-c", "trap 'exit 75' TERM; while :; do sleep 0.05; done"}, 10,
+                             options(1));
+  EXPECT_TRUE(c.outcome.timed_out);
+  EXPECT_EQ(c.outcome.exit_code, 75);
+}
+
+TEST(Subprocess, DoesNotSpinOnADescriptorThatStaysReadable) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  Canceller canceller{"/nonexistent", ScopedFd(ends[0]), 0};
+  ::close(ends[1]);  // hung up for good
+  const PollCallback callback = callback_of(canceller);
+  const std::array<const char*, 3> argv = {"sleep", "0.5", nullptr};
+  RunOutcome outcome;
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(run_command(argv.data(), options(), -1, &callback, outcome), 0);
+  const auto rounds = (std::chrono::steady_clock::now() - start) / 50ms + 1;
+  EXPECT_LE(canceller.calls, 10 * rounds);
+}
+
+}  // namespace
+}  // namespace orv
