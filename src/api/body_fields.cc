@@ -23,6 +23,7 @@ bool read_text_value(ApiReply& reply, const JsonValue& object, const BodyField& 
   if (text.empty()) return true;
   if (field.accepts != nullptr && !field.accepts(text)) return refuse(reply, field.complaint);
   value = std::move(text);
+  wipe_text(text);  // a short text, perhaps a password, was copied and not moved
   return true;
 }
 

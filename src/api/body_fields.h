@@ -1,6 +1,6 @@
 // The fields of a JSON body that become settings of one section of the configuration file. What a
-// section takes is a table; a field that is absent from a body leaves its line in the file alone, one
-// that is null, or says that nothing is set, removes it.
+// section takes is a table; a field that is absent from a body leaves its line in the file alone,
+// one that is null, or says that nothing is set, removes it.
 #ifndef ORV_API_BODY_FIELDS_H_
 #define ORV_API_BODY_FIELDS_H_
 
@@ -28,15 +28,15 @@ struct BodyField {
   const char* name;  // in JSON
   const char* key;   // in the file
   FieldReader read;
-  std::int64_t max = 0;                           // bytes of a text, or the greatest number
-  bool (*accepts)(std::string_view) = nullptr;    // a further test of a text
-  const char* complaint = nullptr;                // when it fails that
+  std::int64_t max = 0;                         // bytes of a text, or the greatest number
+  bool (*accepts)(std::string_view) = nullptr;  // a further test of a text
+  const char* complaint = nullptr;              // when it fails that
 };
 
 bool read_text_value(ApiReply& reply, const JsonValue& object, const BodyField& field,
                      std::optional<std::string>& value);
-// A text that must be one of few: the complaint also tells of another kind of value. "inherit", when
-// accepted, removes the key.
+// A text that must be one of few: the complaint also tells of another kind of value. "inherit",
+// when accepted, removes the key.
 bool read_choice_value(ApiReply& reply, const JsonValue& object, const BodyField& field,
                        std::optional<std::string>& value);
 bool read_number_value(ApiReply& reply, const JsonValue& object, const BodyField& field,
@@ -56,8 +56,7 @@ bool read_optional_switch_value(ApiReply& reply, const JsonValue& object, const 
 
 // "inherit", "never", "failed" or "always", and the complaint about anything else.
 [[nodiscard]] bool is_notify_choice(std::string_view text);
-inline constexpr const char* kNotifyComplaint =
-    "'notify' must be inherit, never, failed or always";
+inline constexpr const char* kNotifyComplaint = "'notify' must be inherit, never, failed or always";
 
 }  // namespace orv
 

@@ -25,7 +25,8 @@ struct DraftText {
 // False after an error reply (500, 428, 412).
 [[nodiscard]] bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot);
 
-// Proves that the text loads, writing nothing. False after the error reply that a commit would make.
+// Proves that the text loads, writing nothing. False after the error reply that a commit would
+// make.
 [[nodiscard]] bool validate_change(ApiCall& call, const DraftText& draft);
 
 // Replaces the file by the text, tells the daemon to load it, logs the change and sends the change

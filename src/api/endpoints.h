@@ -17,11 +17,11 @@
 
 namespace orv {
 
-inline constexpr std::int64_t kJobsPageMax = 50;          // jobs
-inline constexpr std::int64_t kLogChunkMax = 49152;       // bytes of the log
-inline constexpr std::size_t kLogChunkEscaped = 60928;    // bytes of its JSON string
+inline constexpr std::int64_t kJobsPageMax = 50;        // jobs
+inline constexpr std::int64_t kLogChunkMax = 49152;     // bytes of the log
+inline constexpr std::size_t kLogChunkEscaped = 60928;  // bytes of its JSON string
 inline constexpr std::size_t kRunsListed = 100;
-inline constexpr std::size_t kMaxPathSegment = 255;       // bytes, decoded
+inline constexpr std::size_t kMaxPathSegment = 255;  // bytes, decoded
 
 using PathSegment = FixedText<kMaxPathSegment>;
 

@@ -11,8 +11,8 @@
 namespace orv {
 namespace {
 
-constexpr std::size_t kMaxApiJobName = 64;       // bytes
-constexpr std::size_t kMaxCommandName = 63;      // bytes
+constexpr std::size_t kMaxApiJobName = 64;        // bytes
+constexpr std::size_t kMaxCommandName = 63;       // bytes
 constexpr std::int64_t kMaxTimeout = 10'000'000;  // seconds
 
 bool read_command(ApiReply& reply, const JsonValue& object, const BodyField& field,

@@ -23,8 +23,8 @@ struct QueueView {
   std::unordered_map<std::string_view, const QueueRecord*> by_name;
 };
 
-// Reads the queue without its lock and brings it in line with `config` in memory only. No records when
-// it cannot be read.
+// Reads the queue without its lock and brings it in line with `config` in memory only. No records
+// when it cannot be read.
 [[nodiscard]] QueueView load_queue_view(const LiveState& live, const Config& config,
                                         std::int64_t now);
 

@@ -25,7 +25,8 @@ Lines split_lines(std::string_view text) {
   return lines;
 }
 
-// Equal lines as equal numbers, so that the comparisons below cost the same for lines of any length.
+// Equal lines as equal numbers, so that the comparisons below cost the same for lines of any
+// length.
 class LineNumbers {
  public:
   std::vector<std::uint32_t> of(const Lines& lines) {

@@ -61,9 +61,9 @@ void get_mail_result(ApiCall& call) {
     reply_error(call.reply, 404, "not_found", "no such mail");
     return;
   }
-  const TestMail* mail =
-      id <= UINT32_MAX ? test_mail_find(call.live.test_mails, static_cast<std::uint32_t>(id))
-                       : nullptr;
+  const TestMail* mail = id <= UINT32_MAX
+                             ? test_mail_find(call.live.test_mails, static_cast<std::uint32_t>(id))
+                             : nullptr;
   if (mail == nullptr) {
     reply_error(call.reply, 404, "not_found",
                 "no such mail (only the last %zu test mails are remembered)", kTestMailsKept);

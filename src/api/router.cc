@@ -17,23 +17,23 @@ constexpr std::size_t kMaxSegments = 6;
 constexpr std::size_t kMaxQueryDigits = 12;
 
 enum class Check : std::uint8_t {
-  None,         // ends the list
-  Method,       // the row's own, else 405
-  NoQuery,      // 400
-  JobsQuery,    // offset and limit
-  LogQuery,     // offset and length
-  Role,         // the row's own
-  ConfigWrite,  // [api] allow-config-write
-  NoBody,       // a POST that takes none
+  None,       // ends the list
+  Method,     // the row's own, else 405
+  NoQuery,    // 400
+  JobsQuery,  // offset and limit
+  LogQuery,   // offset and length
+  Role,       // the row's own
+  Write,      // [api] allow-config-write
+  NoBody,     // a POST that takes none
   NoDeleteBody,
 };
 
 struct RouteRow {
   const char* method;
   const char* pattern;  // below the prefix; "*" stands for any one segment
+  void (*run)(ApiCall& call);
   TokenRole role;
   std::array<Check, 5> checks;  // in the order in which they are made
-  void (*run)(ApiCall& call);
 };
 
 constexpr TokenRole kRead = TokenRole::Read;
@@ -44,23 +44,23 @@ using enum Check;
 // method, the first of them says what is wrong.
 // clang-format off
 constexpr RouteRow kRoutes[] = {
-    {"GET",    "info",            kRead,  {Method, NoQuery},                          get_info},
-    {"GET",    "jobs",            kRead,  {Method, JobsQuery},                        get_jobs},
-    {"GET",    "jobs/*",          kRead,  {NoQuery, Method},                          get_job},
-    {"PUT",    "jobs/*",          kAdmin, {NoQuery, Method, Role, ConfigWrite},       put_job},
-    {"DELETE", "jobs/*",          kAdmin, {NoQuery, Method, Role, ConfigWrite, NoDeleteBody},
-                                                                                      delete_job},
-    {"POST",   "jobs/*/run",      kAdmin, {Method, NoQuery, Role, NoBody},            run_job_now},
-    {"POST",   "jobs/*/cancel",   kAdmin, {Method, NoQuery, Role, NoBody},            cancel_job},
-    {"GET",    "jobs/*/runs",     kRead,  {Method, NoQuery},                          get_runs},
-    {"GET",    "jobs/*/runs/*/log", kRead, {Method, LogQuery},                        get_log_chunk},
-    {"GET",    "settings/sched",  kRead,  {NoQuery, Method},                          get_sched_settings},
-    {"PUT",    "settings/sched",  kAdmin, {NoQuery, Method, Role, ConfigWrite},       put_sched_settings},
-    {"GET",    "settings/mail",   kRead,  {NoQuery, Method},                          get_mail_settings},
-    {"PUT",    "settings/mail",   kAdmin, {NoQuery, Method, Role, ConfigWrite},       put_mail_settings},
-    {"POST",   "validate/job",    kRead,  {Method, NoQuery},                          validate_job},
-    {"POST",   "mail/test",       kAdmin, {Method, NoQuery, Role},                    send_test_mail},
-    {"GET",    "mail/results/*",  kRead,  {Method, NoQuery},                          get_mail_result},
+    {"GET",    "info",              get_info,           kRead,  {Method, NoQuery}},
+    {"GET",    "jobs",              get_jobs,           kRead,  {Method, JobsQuery}},
+    {"GET",    "jobs/*",            get_job,            kRead,  {NoQuery, Method}},
+    {"PUT",    "jobs/*",            put_job,            kAdmin, {NoQuery, Method, Role, Write}},
+    {"DELETE", "jobs/*",            delete_job,         kAdmin,
+     {NoQuery, Method, Role, Write, NoDeleteBody}},
+    {"POST",   "jobs/*/run",        run_job_now,        kAdmin, {Method, NoQuery, Role, NoBody}},
+    {"POST",   "jobs/*/cancel",     cancel_job,         kAdmin, {Method, NoQuery, Role, NoBody}},
+    {"GET",    "jobs/*/runs",       get_runs,           kRead,  {Method, NoQuery}},
+    {"GET",    "jobs/*/runs/*/log", get_log_chunk,      kRead,  {Method, LogQuery}},
+    {"GET",    "settings/sched",    get_sched_settings, kRead,  {NoQuery, Method}},
+    {"PUT",    "settings/sched",    put_sched_settings, kAdmin, {NoQuery, Method, Role, Write}},
+    {"GET",    "settings/mail",     get_mail_settings,  kRead,  {NoQuery, Method}},
+    {"PUT",    "settings/mail",     put_mail_settings,  kAdmin, {NoQuery, Method, Role, Write}},
+    {"POST",   "validate/job",      validate_job,       kRead,  {Method, NoQuery}},
+    {"POST",   "mail/test",         send_test_mail,     kAdmin, {Method, NoQuery, Role}},
+    {"GET",    "mail/results/*",    get_mail_result,    kRead,  {Method, NoQuery}},
 };
 // clang-format on
 
@@ -200,7 +200,7 @@ bool pass(Check check, ApiCall& call, const RouteRow& row) {
     case Role:
       return row.role == TokenRole::Read || call.request.role == TokenRole::Admin ||
              refuse(call, 403, "forbidden", "this needs an admin token");
-    case ConfigWrite:
+    case Write:
       return call.live.config->api.allow_config_write ||
              refuse(call, 403, "config_write_disabled",
                     "configuration changes through the API are disabled ([api] "

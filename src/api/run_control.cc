@@ -1,5 +1,5 @@
-// The endpoints that ask the daemon for a run and take such a wish, or the run itself, back. The loop
-// does the rest: it takes requests from the front of the queue, and looks at the cancel slot.
+// The endpoints that ask the daemon for a run and take such a wish, or the run itself, back. The
+// loop does the rest: it takes requests from the front of the queue, and looks at the cancel slot.
 #include <algorithm>
 #include <cstddef>
 #include <vector>
@@ -125,8 +125,7 @@ void cancel_job(ApiCall& call) {
     reply_no_job(call);
     return;
   }
-  reply_error(call.reply, 409, "not_running", "job '%s' is not running",
-              call.variables[0].c_str());
+  reply_error(call.reply, 409, "not_running", "job '%s' is not running", call.variables[0].c_str());
 }
 
 }  // namespace orv

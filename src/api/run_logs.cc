@@ -45,14 +45,15 @@ constexpr Utf8Form kUtf8Forms[] = {
     {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
 };
 
-// Whether `tail`, a lead byte and continuation bytes, begins a valid sequence without completing it.
+// Whether `tail`, a lead byte and continuation bytes, begins a valid sequence without completing
+// it.
 bool is_sequence_prefix(std::string_view tail) {
   for (const Utf8Form& form : kUtf8Forms) {
     const unsigned lead = byte_at(tail, 0);
     if (lead < form.first_lead || lead > form.last_lead) continue;
     if (tail.size() >= form.length) return false;
-    return tail.size() == 1 || (byte_at(tail, 1) >= form.lowest_second &&
-                                byte_at(tail, 1) <= form.highest_second);
+    return tail.size() == 1 ||
+           (byte_at(tail, 1) >= form.lowest_second && byte_at(tail, 1) <= form.highest_second);
   }
   return false;
 }

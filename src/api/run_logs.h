@@ -26,12 +26,12 @@ struct RunLog {
 // Opens "<directory>/<run id>.log" when that is a regular file, no link. Blocks on nothing.
 [[nodiscard]] bool open_run_log(const std::string& directory, std::string_view run_id, RunLog& out);
 
-// The run ids that the names in the directory give, newest first, whatever the entries are. None when
-// the directory cannot be read.
+// The run ids that the names in the directory give, newest first, whatever the entries are. None
+// when the directory cannot be read.
 [[nodiscard]] std::vector<std::string> list_run_ids(const std::string& directory);
 
-// How many bytes of `chunk` to hand out when more of the file follows: all, or without the beginning
-// of a UTF-8 sequence at its end. Never 0 for a chunk that is not empty.
+// How many bytes of `chunk` to hand out when more of the file follows: all, or without the
+// beginning of a UTF-8 sequence at its end. Never 0 for a chunk that is not empty.
 [[nodiscard]] std::size_t whole_utf8(std::string_view chunk);
 
 }  // namespace orv

@@ -1,6 +1,6 @@
-// The configuration as it is on disk at one moment: its bytes, their entity tag and the records they
-// load into. Every operation that shows or changes configuration works on one of its own, never on
-// the daemon's loaded copy, so that the tag it reports always belongs to what it reports.
+// The configuration as it is on disk at one moment: its bytes, their entity tag and the records
+// they load into. Every operation that shows or changes configuration works on one of its own,
+// never on the daemon's loaded copy, so that the tag it reports always belongs to what it reports.
 #ifndef ORV_API_SNAPSHOT_H_
 #define ORV_API_SNAPSHOT_H_
 
@@ -23,8 +23,8 @@ struct ConfigSnapshot {
   std::unique_ptr<Config> config;
 };
 
-// Reads the file whole: a regular file of at most kMaxConfigFile bytes without a NUL byte. False when
-// it cannot be read or is anything else.
+// Reads the file whole: a regular file of at most kMaxConfigFile bytes without a NUL byte. False
+// when it cannot be read or is anything else.
 [[nodiscard]] bool read_config_text(const std::string& path, SecretBytes& out);
 
 // Takes a snapshot: reads, parses, and reads again until two readings in a row agree, in at most

@@ -42,7 +42,7 @@ JobCommand effective_command(JobChange& change) {
   JobCommand command = change.existing != nullptr ? change.existing->command : JobCommand::Agent;
   const auto edit = find_edit(change.edits, "command");
   if (edit == change.edits.end()) return command;
-  command = JobCommand::Agent;  // what a job without the line runs
+  command = JobCommand::Agent;                                  // what a job without the line runs
   if (edit->value) (void)parse_command(*edit->value, command);  // a known one: it was read so
   return command;
 }

@@ -110,8 +110,8 @@ bool begin_change(ApiCall& call, ConfigSnapshot& snapshot) {
          check_if_match(call, snapshot);
 }
 
-void commit_settings(ApiCall& call, const ConfigSnapshot& snapshot,
-                     std::optional<std::string> text, std::string_view description) {
+void commit_settings(ApiCall& call, const ConfigSnapshot& snapshot, std::optional<std::string> text,
+                     std::string_view description) {
   if (!text) {
     reply_error(call.reply, 400, "invalid_value", "cannot write the values");
     return;

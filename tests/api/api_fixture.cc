@@ -74,7 +74,8 @@ Answer ApiFixture::send(std::string_view method, std::string_view path, std::str
   char err[256] = "";
   std::string shown = answer.body;
   // The reader is the strict one of requests: it takes no NUL, which a log may well hold.
-  for (std::size_t at = 0; (at = shown.find("\\u0000", at)) != std::string::npos;) shown[at + 5] = '1';
+  for (std::size_t at = 0; (at = shown.find("\\u0000", at)) != std::string::npos;)
+    shown[at + 5] = '1';
   EXPECT_EQ(json_parse(shown, {}, root, err), 0) << err << " in " << shown.substr(0, 2000);
   answer.json = std::move(root);
   return answer;

@@ -23,7 +23,7 @@ struct Answer {
 
   // The member at a path of keys and indexes as "jobs/0/name"; null when there is none.
   [[nodiscard]] const JsonValue* at(std::string_view path) const;
-  [[nodiscard]] std::string text(std::string_view path) const;  // "(none)" when it is no string
+  [[nodiscard]] std::string text(std::string_view path) const;     // "(none)" when it is no string
   [[nodiscard]] std::int64_t number(std::string_view path) const;  // -99 when it is no integer
   // "<status> <code>: <message>" of an error, "<status>" of anything else.
   [[nodiscard]] std::string verdict() const;

@@ -123,7 +123,8 @@ TEST_F(ReadEndpoints, SaysWhyTheConfigurationCannotBeRead) {
   dir.write("sched.cfg", "x\n");
   EXPECT_EQ(get("jobs").verdict(),
             "500 config_unreadable: " + live.config_path + ":1: content before any [section]");
-  for (const std::string& text : {std::string("# a\0b\n", 6), std::string(kMaxConfigFile + 1, '#')}) {
+  for (const std::string& text :
+       {std::string("# a\0b\n", 6), std::string(kMaxConfigFile + 1, '#')}) {
     dir.write("sched.cfg", text);
     EXPECT_EQ(get("info").verdict(), "500 config_unreadable: cannot read " + live.config_path);
   }
@@ -188,8 +189,8 @@ TEST_F(ReadEndpoints, LogChunksReassembleExactly) {
   std::int64_t offset = 0;
   bool finished = false;
   while (offset < static_cast<std::int64_t>(log.size())) {
-    const Answer chunk = get("jobs/full/runs/20261005T140000Z/log?length=49151&offset=" +
-                             std::to_string(offset));
+    const Answer chunk =
+        get("jobs/full/runs/20261005T140000Z/log?length=49151&offset=" + std::to_string(offset));
     ASSERT_EQ(chunk.status, 200u);
     ASSERT_LT(chunk.body.size(), kReplyBufferSize);
     ASSERT_GT(chunk.number("length"), 0);
@@ -214,10 +215,22 @@ TEST(LogChunk, IsCutBeforeTheBeginningOfASequenceOnly) {
     std::size_t whole;
   };
   static constexpr Case kCases[] = {
-      {"", 0},           {"ab", 2},           {"a\xc3", 1},          {"a\xc3\xa4", 3},
-      {"a\xe2\x82", 1},  {"a\xe2\x82\xac", 4}, {"a\xf0\x9f\x92", 1}, {"a\xf0\x9f\x92\xa9", 5},
-      {"a\xff", 2},      {"a\xc0", 2},        {"a\xed\xa0", 3},      {"a\xe0\x80", 3},
-      {"a\x80\x80", 3},  {"\xe2\x82", 2},     {"a\xf4\x90", 3},      {"a\xc3\xa4\x80", 4},
+      {"", 0},
+      {"ab", 2},
+      {"a\xc3", 1},
+      {"a\xc3\xa4", 3},
+      {"a\xe2\x82", 1},
+      {"a\xe2\x82\xac", 4},
+      {"a\xf0\x9f\x92", 1},
+      {"a\xf0\x9f\x92\xa9", 5},
+      {"a\xff", 2},
+      {"a\xc0", 2},
+      {"a\xed\xa0", 3},
+      {"a\xe0\x80", 3},
+      {"a\x80\x80", 3},
+      {"\xe2\x82", 2},
+      {"a\xf4\x90", 3},
+      {"a\xc3\xa4\x80", 4},
   };
   for (const Case& c : kCases) EXPECT_EQ(whole_utf8(c.chunk), c.whole) << c.chunk;
 }

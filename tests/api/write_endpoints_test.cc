@@ -254,8 +254,8 @@ TEST_F(WriteEndpoints, AnnouncesAChangeByMailUnlessToldNotTo) {
                 .verdict(),
             "200");
   const std::string mail = next_mail();
-  EXPECT_TRUE(
-      contains(mail, ": orv_sched configuration changed via API (updated [mail])\n\nThe orv_sched "));
+  EXPECT_TRUE(contains(
+      mail, ": orv_sched configuration changed via API (updated [mail])\n\nThe orv_sched "));
   EXPECT_TRUE(mail.ends_with(
       " was changed through the API.\n\nChange:  updated [mail]\nToken:   ops\n"
       "Client:  192.0.2.7\nFile:    " +
