@@ -1,0 +1,116 @@
+#include "net/certificate.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "net/pem.h"
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::contains;
+
+struct Files {
+  test::TempDir dir;
+  std::string cert = dir.file("cert.pem");
+  std::string key = dir.file("key.pem");
+  ErrorCode create(const char* name, bool force = false) {
+    return cert_create(cert.c_str(), key.c_str(), name, 0, force, true);
+  }
+};
+
+std::string fingerprint(const std::string& path) {
+  char text[kFingerprintSize] = "";
+  EXPECT_EQ(cert_fingerprint(path.c_str(), text), ErrorCode::Ok);
+  return text;
+}
+
+TEST(Certificate, IsWhatAnIndependentReaderSees) {
+  if (test::run_program({"sh", "-c", "command -v openssl"}).status != 0) {
+    GTEST_SKIP() << "the openssl program is not installed";
+  }
+  const struct {
+    const char* name;
+    const char* alternative;  // the whole line
+  } cases[] = {
+      {"backup01", "DNS:backup01\n"},
+      {"192.0.2.10", "IP Address:192.0.2.10\n"},
+      {"::1", "IP Address:0:0:0:0:0:0:0:1\n"},
+      {"10.1", "DNS:10.1\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Files files;
+    ASSERT_EQ(files.create(c.name), ErrorCode::Ok);
+    const auto text = test::run_program(
+        {"openssl", "x509", "-in", files.cert, "-noout", "-text", "-fingerprint", "-sha256"});
+    EXPECT_TRUE(contains(text.out, c.alternative)) << text.out;
+    EXPECT_TRUE(contains(text.out, "Version: 3 (0x2)"));
+    EXPECT_TRUE(contains(text.out, "Subject: CN = " + std::string(c.name) + "\n"));
+    EXPECT_TRUE(contains(text.out, "NIST CURVE: P-256"));
+    EXPECT_TRUE(contains(text.out, "Fingerprint=" + fingerprint(files.cert)));
+    EXPECT_EQ(test::run_program({"openssl", "verify", "-CAfile", files.cert, files.cert}).status,
+              0);
+    struct stat status {};
+    ASSERT_EQ(::stat(files.key.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+  }
+  // One name stays one name, whatever the separators in it would mean elsewhere.
+  Files files;
+  ASSERT_EQ(files.create("a,DNS:evil,IP:10.0.0.1"), ErrorCode::Ok);
+  const auto asn1 = test::run_program({"openssl", "asn1parse", "-in", files.cert});
+  EXPECT_FALSE(contains(asn1.out, "[HEX DUMP]:3020820465766C")) << asn1.out;
+  const auto match =
+      test::run_program({"openssl", "x509", "-in", files.cert, "-noout", "-checkip", "10.0.0.1"});
+  EXPECT_TRUE(contains(match.out, "does NOT match")) << match.out;
+  const auto host =
+      test::run_program({"openssl", "x509", "-in", files.cert, "-noout", "-checkhost", "evil"});
+  EXPECT_TRUE(contains(host.out, "does NOT match")) << host.out;
+}
+
+TEST(Certificate, ReplacesExistingFilesOnlyWhenForced) {
+  Files files;
+  files.dir.write("key.pem", "old", 0644);
+  EXPECT_EQ(files.create("a"), ErrorCode::AlreadyExists);
+  EXPECT_EQ(test::read_file(files.key), "old");
+  EXPECT_FALSE(test::exists(files.cert));
+  EXPECT_EQ(files.create("a", true), ErrorCode::Ok);
+  const std::string first = fingerprint(files.cert);
+  EXPECT_EQ(files.create("a", true), ErrorCode::Ok);
+  EXPECT_NE(fingerprint(files.cert), first);
+  EXPECT_EQ(cert_create(nullptr, "k", "n", 1, true, true), ErrorCode::Invalid);
+  EXPECT_EQ(cert_create("/nowhere/c", "/nowhere/k", "n", 1, true, true), ErrorCode::IoError);
+}
+
+TEST(CertificateFingerprint, SaysWhyThereIsNone) {
+  const test::TempDir dir;
+  char small[kFingerprintSize - 1];
+  EXPECT_EQ(cert_fingerprint(dir.file("none").c_str(), small), ErrorCode::Invalid);
+  char text[kFingerprintSize];
+  EXPECT_EQ(cert_fingerprint(dir.file("none").c_str(), text), ErrorCode::NotFound);
+  EXPECT_EQ(cert_fingerprint(dir.write("text", "hello\n").c_str(), text), ErrorCode::Invalid);
+}
+
+TEST(PemFile, IsTakenWholeOrRefused) {
+  const test::TempDir dir;
+  const struct {
+    std::string content;
+    bool taken;
+  } cases[] = {{"x", true},
+               {std::string(16384, 'x'), true},
+               {"", false},
+               {std::string(16385, 'x'), false},
+               {std::string("a\0b", 3), false}};
+  for (const auto& c : cases) {
+    const std::string path = dir.write("file.pem", c.content);
+    SecretBytes out(std::string_view("before"));
+    char err[512] = "";
+    EXPECT_EQ(read_pem_file(path.c_str(), out, err) == 0, c.taken);
+    EXPECT_EQ(out.view(), c.taken ? std::string_view(c.content) : "before");
+    EXPECT_EQ(err, c.taken ? "" : path + " is empty, too large or not a PEM file");
+  }
+}
+
+}  // namespace
+}  // namespace orv

@@ -1,0 +1,374 @@
+#include "net/supervisor.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+
+#include "common/log.h"
+#include "support/support.h"
+
+namespace orv {
+namespace {
+
+using test::contains;
+using namespace std::chrono_literals;
+
+std::int64_t fake_now = 1000;
+
+// The stand-in for the network process, where an ordinary user can execute it. Root starts the
+// child under an account that a test machine does not have: these tests run as nobody then.
+const std::string& fake_program() {
+  static const test::TempDir dir;
+  static const std::string path = [] {
+    std::string copy = dir.file("orv_fake_net");
+    std::filesystem::copy_file(ORV_FAKE_NET, copy);
+    constexpr uid_t kNobody = 65534;
+    if (::geteuid() == 0) {
+      EXPECT_EQ(::chown(dir.path().c_str(), kNobody, kNobody), 0);
+      EXPECT_EQ(::setresgid(kNobody, kNobody, kNobody), 0);
+      EXPECT_EQ(::setresuid(kNobody, kNobody, kNobody), 0);
+      ::prctl(PR_SET_DUMPABLE, 1);  // the leak checker attaches to its own process
+    }
+    return copy;
+  }();
+  return path;
+}
+
+class Net : public ::testing::Test {
+ protected:
+  Net() : binary_("ORV_SCHED_NET_BIN", fake_program()) {
+    stderr_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    const ScopedFd file(::open(dir_.file("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644));
+    EXPECT_EQ(::dup2(file.get(), STDERR_FILENO), STDERR_FILENO);
+    mail_.present = true;
+    (void)mail_.smtp_host.set("mail.example.com");
+    mail_.smtp_port = 25;
+    (void)mail_.smtp_user.set("u");
+    (void)mail_.smtp_password.set("hunter2");
+    (void)mail_.from.set("a@b");
+    (void)mail_.to.emplace_back().set("c@d");
+    mail_.timeout_s = 60;
+    api_.enabled = true;
+    (void)api_.cert.set(dir_.write("cert", "certificate"));
+    (void)api_.key.set(dir_.write("key", "key"));
+    (void)api_.listen.host.set("127.0.0.1");
+    api_.listen.port = free_port();
+  }
+  ~Net() override {
+    net_shutdown(sup_);
+    ::dup2(stderr_, STDERR_FILENO);
+    ::close(stderr_);
+  }
+
+  void manner(const char* name) {
+    manner_.emplace("ORV_FAKE_NET", name);
+    notes_.emplace("ORV_FAKE_NET_LOG", dir_.file("notes"));
+  }
+  [[nodiscard]] std::string log() const { return test::read_file(dir_.file("log")); }
+  [[nodiscard]] std::string notes() const { return test::read_file(dir_.file("notes")); }
+  bool pump_until(const std::function<bool()>& condition) {
+    return test::wait_until(20s, [&] {
+      net_wait(sup_, 20);
+      return condition();
+    });
+  }
+  bool logs(const std::string& line) {
+    return pump_until([&] { return contains(log(), line); });
+  }
+  bool noted(const std::string& line) {
+    return pump_until([&] { return contains(notes(), line); });
+  }
+  static std::uint32_t free_port() {
+    ScopedFd fd = try_bind("127.0.0.1", 0);
+    sockaddr_in at{};
+    socklen_t length = sizeof at;
+    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&at), &length);
+    return ntohs(at.sin_port);
+  }
+  static ScopedFd try_bind(const char* host, std::uint32_t port) {
+    ScopedFd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(static_cast<std::uint16_t>(port));
+    ::inet_pton(AF_INET, host, &at.sin_addr);
+    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&at), sizeof at) != 0) fd.reset();
+    return fd;
+  }
+
+  static void ok_handler(void* context, const ApiRequest& request, ApiResponse& response) {
+    *static_cast<std::string*>(context) = request.path.view();
+    response.status = 200;
+    response.body = "{}";
+  }
+
+  test::ScopedEnv binary_;  // first: what follows belongs to the user that it makes us
+  test::TempDir dir_;
+  std::optional<test::ScopedEnv> manner_;
+  std::optional<test::ScopedEnv> notes_;
+  int stderr_ = -1;
+  MailSection mail_;
+  ApiSection api_;
+  std::string seen_path_;
+  NetSupervisor sup_;
+};
+
+TEST(NetAsRoot, NeedsTheServiceAccount) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+  if (test::run_program({"id", "tarnwell-api"}).status == 0) GTEST_SKIP() << "the account exists";
+  const test::ScopedEnv binary("ORV_SCHED_NET_BIN", ORV_FAKE_NET);
+  MailSection mail;
+  mail.present = true;
+  NetSupervisor sup;
+  testing::internal::CaptureStderr();
+  net_set_mail(sup, mail);
+  EXPECT_TRUE(contains(testing::internal::GetCapturedStderr(),
+                       "orv_sched: the 'tarnwell-api' account does not exist (run 'orv_setup "
+                       "--repair'): no mail, no API"));
+  EXPECT_EQ(sup.pid, -1);
+  EXPECT_EQ(sup.backoff, 10U);
+}
+
+TEST_F(Net, ChildIsHardenedAndGivenItsSettings) {
+  manner("good");
+  net_set_mail(sup_, mail_);
+  ASSERT_TRUE(
+      noted("mail-config id=1 host=mail.example.com port=25 tls=1 user=u password=hunter2 "
+            "to=1 timeout=60"));
+  EXPECT_TRUE(contains(notes(), "args= --ipc-fd 3\n"));
+  EXPECT_TRUE(
+      contains(notes(), "limits core=0 files=64/64 no-new-privs=1 pdeathsig=9 fds= 0 1 2 3\n"));
+  EXPECT_TRUE(
+      contains(log(), "pid=" + std::to_string(sup_.pid) + " as the current user (not root)\n"));
+
+  mail_.smtp_port = 587;
+  net_set_mail(sup_, mail_);  // told, not restarted
+  ASSERT_TRUE(noted("mail-config id=2 host=mail.example.com port=587"));
+
+  const pid_t first = sup_.pid;
+  net_set_api(sup_, api_, ok_handler, &seen_path_);
+  ASSERT_TRUE(noted("api-config id=4 cert=11 key=3 max-clients=16"));
+  EXPECT_NE(sup_.pid, first);
+  EXPECT_TRUE(contains(notes(), "args= --ipc-fd 3 --listen-fd 4\n"));
+  EXPECT_TRUE(contains(notes(), "files=80/80 no-new-privs=1 pdeathsig=9 fds= 0 1 2 3 4\n"));
+  EXPECT_FALSE(contains(log(), "WARN")) << log();
+}
+
+TEST_F(Net, MailIsQueuedAndItsOutcomeReported) {
+  static std::string outcome;
+  outcome.clear();
+  sup_.on_mail_result = [](void*, std::uint32_t id, std::uint32_t status, std::string_view error) {
+    outcome = std::to_string(id) + " " + std::to_string(status) + " " + std::string(error);
+  };
+  manner("good");
+  EXPECT_EQ(net_queue_mail(sup_, "100%s", "b"), 0U);
+  EXPECT_TRUE(logs("ERROR orv_sched: mail \"100%s\" not sent: the network process is not running"));
+  net_set_mail(sup_, mail_);
+  sup_.next_id = 0;
+  EXPECT_EQ(net_queue_mail(sup_, "100%s", "body"), 1U);
+  EXPECT_EQ(sup_.next_id, 2U);
+  EXPECT_TRUE(logs("INFO  orv_sched: mail #1 sent"));
+  EXPECT_TRUE(contains(log(), "orv_sched: mail #1 queued: 100%s\n"));
+  EXPECT_EQ(outcome, "1 0 ");
+  EXPECT_TRUE(contains(notes(), "mail id=1 subject=100%s\nbody\n"));
+  EXPECT_EQ(net_queue_mail(sup_, "large", std::string(65536, 'b')), 0U);
+  EXPECT_TRUE(logs("cannot hand it to the network process (message too large or socket error)"));
+}
+
+TEST_F(Net, MailSentOnItsOwnTellsWhyItFailed) {
+  const struct {
+    const char* manner;
+    const char* reason;  // empty: sent
+  } cases[] = {
+      {"good", ""},
+      {"silent", ""},
+      {"slow", ""},
+      {"reject", "550 no such user %s%n"},
+      {"escape", "550   [2Jno"},
+      {"quit-on-mail", "the network process exited before reporting a result"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.manner);
+    manner(c.manner);
+    char err[512] = "";
+    EXPECT_EQ(net_send_mail_now(mail_, "s", "b", err), *c.reason == '\0' ? 0 : -1);
+    EXPECT_STREQ(err, c.reason);
+  }
+  manner("mute");
+  net_set_mail(sup_, mail_);
+  char err[512] = "";
+  EXPECT_EQ(net_wait_mail_result(sup_, net_queue_mail(sup_, "s", "b"), 0, err), -1);
+  EXPECT_STREQ(err, "no answer from the network process within 0 s");
+
+  const test::ScopedEnv nowhere("ORV_SCHED_NET_BIN", "/nowhere/orv_sched_net");
+  EXPECT_EQ(net_send_mail_now(mail_, "s", "b", err), -1);
+  EXPECT_STREQ(err, "cannot start the network process orv_sched_net (see the log)");
+  EXPECT_TRUE(contains(log(), "network process binary /nowhere/orv_sched_net not found: no mail"));
+  EXPECT_EQ(net_send_mail_now(MailSection(), "s", "b", err), -1);
+  EXPECT_STREQ(err, "no [mail] section in the configuration");
+}
+
+TEST_F(Net, EveryViolationEndsTheChildAndBacksOffOnce) {
+  const struct {
+    const char* manner;
+    const char* reason;
+  } cases[] = {
+      {"malformed", "sent a malformed message: killed"},
+      {"short", "sent a malformed message: killed"},
+      {"empty", "closed the connection"},
+      {"oversized", "sent an oversized message: killed"},
+      {"bad-hello", "sent a bad HELLO: killed"},
+      {"bad-result", "sent a bad MAIL_RESULT: killed"},
+      {"bad-request", "sent a bad API_REQUEST: killed"},
+      {"forbidden", "sent a message type it may not send: killed"},
+      {"unknown", "sent a message type it may not send: killed"},
+      {"exit", "closed the connection"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.manner);
+    manner(c.manner);
+    NetSupervisor sup;
+    sup.clock = [] { return fake_now; };
+    net_set_mail(sup, mail_);
+    const std::string line = " orv_sched: network process pid=" + std::to_string(sup.pid) + " ";
+    EXPECT_TRUE(test::wait_until(20s, [&] {
+      net_wait(sup, 20);
+      return sup.pid == -1;
+    }));
+    EXPECT_FALSE(sup.fd.valid());
+    EXPECT_EQ(sup.next_restart, fake_now + 5);
+    EXPECT_EQ(sup.backoff, 10U);
+    const std::string text = log();
+    const std::size_t at = text.find("WARN " + line + c.reason + "\n");
+    EXPECT_NE(at, std::string::npos) << text;
+    EXPECT_EQ(text.find(line, at + 10), std::string::npos) << text;  // told once
+    net_shutdown(sup);
+  }
+  EXPECT_TRUE(contains(log(), "WARN  orv_sched: API_REQUEST: incomplete\n"));
+}
+
+TEST_F(Net, BackOffDoublesAndStartsAnewAfterAStableRun) {
+  manner("mute");
+  sup_.clock = [] { return fake_now; };
+  sup_.wanted = true;
+  for (const std::uint32_t wait : {5U, 10U, 20U, 40U, 80U, 160U, 300U, 300U}) {
+    net_pump(sup_);
+    ASSERT_GT(sup_.pid, 0);
+    fake_now += 10;
+    ::kill(sup_.pid, SIGKILL);
+    ASSERT_TRUE(pump_until([&] { return sup_.pid == -1; }));
+    EXPECT_EQ(sup_.next_restart - fake_now, wait);
+    fake_now += wait - 1;
+    net_pump(sup_);
+    EXPECT_EQ(sup_.pid, -1);  // not yet
+    ++fake_now;
+  }
+  net_pump(sup_);
+  fake_now += 60;
+  ::kill(sup_.pid, SIGKILL);
+  ASSERT_TRUE(pump_until([&] { return sup_.pid == -1; }));
+  EXPECT_EQ(sup_.next_restart - fake_now, 5);
+  EXPECT_EQ(sup_.backoff, 10U);
+
+  fake_now -= 100000;  // a clock set back does not keep the child away
+  net_pump(sup_);
+  EXPECT_GT(sup_.pid, 0);
+}
+
+TEST_F(Net, RequestsAreAnsweredByTheHandlerOrRefused) {
+  manner("request");
+  net_set_api(sup_, api_, ok_handler, &seen_path_);
+  ASSERT_TRUE(noted("response id=1 status=200 auth-failed=0"));
+  EXPECT_EQ(seen_path_, "/api/v1/info");
+
+  net_set_mail(sup_, mail_);
+  net_stop_api(sup_);
+  EXPECT_TRUE(contains(log(), "orv_sched: API stopped\n"));
+  ASSERT_TRUE(noted("response id=1 status=503"));
+  EXPECT_TRUE(
+      contains(notes(), R"({"error":{"code":"unavailable","message":"the API is disabled"}})"));
+  EXPECT_TRUE(try_bind("127.0.0.1", api_.listen.port).valid());
+}
+
+TEST_F(Net, AChildThatDoesNotReadOrNeverStopsTalkingCannotHoldUpAPump) {
+  static int answered;
+  answered = 0;
+  manner("flood");
+  net_set_api(
+      sup_, api_,
+      [](void*, const ApiRequest&, ApiResponse& response) {
+        static const std::string large(kIpcMaxResponseBody, 'x');
+        ++answered;
+        response.status = 200;
+        response.body = large;
+      },
+      nullptr);
+  int most = 0;
+  EXPECT_TRUE(pump_until([&] {
+    const int before = answered;
+    net_pump(sup_);
+    most = std::max(most, answered - before);
+    return contains(log(),
+                    "could not hand an API response to orv_sched_net (it is not keeping up)");
+  }));
+  EXPECT_LE(most, kNetPumpRecords);
+  EXPECT_GT(sup_.pid, 0);  // slow is no crime
+}
+
+TEST_F(Net, WrongPidInHelloIsOnlyAWarning) {
+  manner("wrong-pid");
+  net_set_mail(sup_, mail_);
+  EXPECT_TRUE(logs("WARN  orv_sched: network process HELLO names pid 1, expected " +
+                   std::to_string(sup_.pid) + "\n"));
+  EXPECT_TRUE(sup_.fd.valid());
+}
+
+TEST_F(Net, ApiRestartsTheChildWhenASettingChangedAndOnlyThen) {
+  manner("mute");
+  const auto apply = [&] {
+    const pid_t before = sup_.pid;
+    net_set_api(sup_, api_, ok_handler, &seen_path_);
+    return sup_.pid != before;
+  };
+  EXPECT_TRUE(apply());
+  EXPECT_FALSE(apply());
+  api_.max_clients = 3;
+  EXPECT_TRUE(apply());
+  dir_.write("cert", "another");  // the same address again: the old child held it
+  EXPECT_TRUE(apply());
+  dir_.write("key", "another");
+  EXPECT_TRUE(apply());
+  (void)api_.listen.host.set("::1");
+  EXPECT_TRUE(apply());
+  EXPECT_EQ(sup_.listen_label, "[::1]:" + std::to_string(api_.listen.port));
+  EXPECT_FALSE(contains(log(), "WARN")) << log();
+
+  (void)api_.listen.host.set("127.0.0.1");
+  const ScopedFd taken = try_bind("127.0.0.1", api_.listen.port);
+  ASSERT_EQ(::listen(taken.get(), 1), 0);
+  net_set_mail(sup_, mail_);
+  EXPECT_TRUE(apply());
+  EXPECT_TRUE(logs("ERROR orv_sched: API not started: cannot listen on 127.0.0.1:" +
+                   std::to_string(api_.listen.port) + ": Address already in use\n"));
+  EXPECT_TRUE(sup_.fd.valid());  // mail goes on
+  EXPECT_FALSE(sup_.api_enabled);
+  EXPECT_TRUE(sup_.cert_pem.empty() && sup_.key_pem.empty());
+
+  (void)api_.listen.host.set("localhost");
+  EXPECT_FALSE(apply());
+  EXPECT_TRUE(logs("API not started: bad address localhost\n"));
+  (void)api_.key.set(dir_.file("none"));
+  EXPECT_FALSE(apply());
+  EXPECT_TRUE(logs("API not started: cannot read " + dir_.file("none") +
+                   ": No such file or directory (create one with 'orv_sched api-init')\n"));
+}
+
+}  // namespace
+}  // namespace orv
