@@ -1,6 +1,5 @@
 #include "api/body_fields.h"
 
-#include <utility>
 
 #include "common/secret.h"
 #include "config/values.h"
@@ -22,8 +21,8 @@ bool read_text_value(ApiReply& reply, const JsonValue& object, const BodyField& 
   if (!read_string_field(reply, object, field.name, max, text)) return false;
   if (text.empty()) return true;
   if (field.accepts != nullptr && !field.accepts(text)) return refuse(reply, field.complaint);
-  value = std::move(text);
-  wipe_text(text);  // a short text, perhaps a password, was copied and not moved
+  value = text;
+  wipe_text(text);  // it may be a password
   return true;
 }
 
