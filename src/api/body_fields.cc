@@ -1,6 +1,5 @@
 #include "api/body_fields.h"
 
-
 #include "common/secret.h"
 #include "config/values.h"
 
