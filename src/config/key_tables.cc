@@ -275,6 +275,13 @@ int store_key(SectionKind section, std::string_view key, std::string_view value,
   return fail(err, "%s:%zu: %s", place.path, place.number, complaint);
 }
 
+std::vector<std::string_view> section_keys(SectionKind section) {
+  const auto* kind = std::ranges::find(kSections, section, &SectionRow::kind);
+  std::vector<std::string_view> names;
+  for (const KeyRow& row : kind->keys) names.push_back(row.key);
+  return names;
+}
+
 bool RememberedKeys::repeats(std::string_view key) {
   if (key.size() > kMaxKeyLength) return false;
   const auto end = keys_.begin() + static_cast<std::ptrdiff_t>(count_);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "common/fixed_text.h"
 #include "config/config.h"
@@ -35,6 +36,9 @@ struct LinePlace {
 // job. 0; -1 with a message, which begins "<path>:<line>: " but for those of 'after'.
 [[nodiscard]] int store_key(SectionKind section, std::string_view key, std::string_view value,
                             const LinePlace& place, KeyTarget& target, std::span<char> err);
+
+// The keys that sections of the kind take, in the order of their table. The texts are constants.
+[[nodiscard]] std::vector<std::string_view> section_keys(SectionKind section);
 
 // The keys that a section has had. It remembers the first kMaxKeys of at most kMaxKeyLength bytes:
 // a repetition of any other key goes unnoticed, and its later value counts.
