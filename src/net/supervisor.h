@@ -24,8 +24,7 @@
 namespace orv {
 
 inline constexpr int kNetPumpRecords = 32;
-inline constexpr std::int64_t kNetStableAfter =
-    59;  // seconds; who ran longer starts the series anew
+inline constexpr std::int64_t kNetStableAfter = 59;   // seconds; a longer run resets the back-off
 inline constexpr std::uint32_t kNetFirstBackoff = 5;  // seconds
 inline constexpr std::uint32_t kNetMaxBackoff = 300;  // seconds
 
@@ -69,10 +68,10 @@ struct NetSupervisor {
 // was not wanted yet, else sending it the new settings.
 void net_set_mail(NetSupervisor& sup, const MailSection& mail);
 
-// Starts, changes or stops the API according to [api]; nothing happens when nothing changed.
+// Starts, changes or stops the API according to [api]; nothing happens when nothing changed. A change
+// ends the child at once and starts another. A certificate or key that cannot be read, or an address
+// that cannot be listened on, is logged and stops the API; mail goes on.
 void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context);
-// A certificate or key that cannot be read, or an address that cannot be listened on, is logged and
-// stops the API; mail goes on.
 void net_stop_api(NetSupervisor& sup);
 
 // One round: handles what the child has sent, reaps it, starts a new one when it is due. Returns at
