@@ -70,9 +70,9 @@ void run_cycle(benchmark::State& state, const char* parent) {
     home.reset();
     state.ResumeTiming();
   }
-  state.counters["s_per_job"] = benchmark::Counter(
-      static_cast<double>(jobs) * static_cast<double>(state.iterations()),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["s_per_job"] =
+      benchmark::Counter(static_cast<double>(jobs) * static_cast<double>(state.iterations()),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void DueJobsOnDisk(benchmark::State& state) { run_cycle(state, "/var/tmp"); }

@@ -49,8 +49,8 @@ bool decide_background(const ArgList& args, const Job& job, bool detached) {
 }
 
 int run_and_report(const Request& request) {
-  const ErrorCode rc = run_now(request.config, request.queue, request.job_name, request.settings,
-                               request.force);
+  const ErrorCode rc =
+      run_now(request.config, request.queue, request.job_name, request.settings, request.force);
   return rc == ErrorCode::Ok ? kExitOk : kExitFailed;
 }
 
@@ -65,10 +65,11 @@ bool refused(const Request& request) {
     std::fprintf(stderr, "error: job '%s' is already RUNNING (pid %u; use --force to override)\n",
                  job, pid);
   } else {
-    std::fprintf(stderr,
-                 "error: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
-                 "use --force to run '%s' alongside it)\n",
-                 running.c_str(), pid, job);
+    std::fprintf(
+        stderr,
+        "error: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
+        "use --force to run '%s' alongside it)\n",
+        running.c_str(), pid, job);
   }
   return true;
 }
@@ -83,7 +84,8 @@ void detach(const ArgList& args) {
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
       (void)::dup2(null.get(), standard);
     }
-    if (null.get() <= STDERR_FILENO) (void)::fcntl(null.release(), F_SETFD, 0);  // it was closed before
+    if (null.get() <= STDERR_FILENO)
+      (void)::fcntl(null.release(), F_SETFD, 0);  // it was closed before
   }
   if (!option_present(args, "--no-syslog")) log_set_syslog(true);
 }
@@ -135,13 +137,13 @@ int run_start_command(const CommandContext& context, bool detached) {
     return kExitFailed;
   }
   const bool background = job != nullptr && decide_background(args, *job, detached);
-  const Request request{context,
-                        *config,
-                        queue,
-                        args[2],
-                        {background, common.job_timeout_s, std::move(common.job_log_dir),
-                         common.job_log_keep},
-                        option_present(args, "--force")};
+  const Request request{
+      context,
+      *config,
+      queue,
+      args[2],
+      {background, common.job_timeout_s, std::move(common.job_log_dir), common.job_log_keep},
+      option_present(args, "--force")};
   return detached ? start_detached(request) : run_and_report(request);
 }
 

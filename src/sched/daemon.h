@@ -24,10 +24,10 @@ struct DaemonSettings {
 };
 
 // Runs jobs until SIGTERM or SIGINT: those that API clients queued, then those that are due by
-// schedule, once time or dependency, strictly one at a time. Reloads the configuration when its file
-// changes. `live` is filled and owned by the loop for as long as it runs; `handler` answers API
-// requests and is called with `handler_context`.
-// Ok after a stop by signal; an error when start-up fails (the cause was logged).
+// schedule, once time or dependency, strictly one at a time. Reloads the configuration when its
+// file changes. `live` is filled and owned by the loop for as long as it runs; `handler` answers
+// API requests and is called with `handler_context`. Ok after a stop by signal; an error when
+// start-up fails (the cause was logged).
 [[nodiscard]] ErrorCode daemon_loop(const DaemonSettings& settings, LiveState& live,
                                     ApiHandler handler, void* handler_context);
 

@@ -11,6 +11,7 @@
 #include "common/log.h"
 #include "config/config.h"
 #include "config/job_command.h"
+#include "sched/lost_run.h"
 #include "sched/result_mail.h"
 
 namespace orv {
@@ -27,7 +28,8 @@ void note_save(Dispatch& d, ErrorCode rc) {
   d.unsaved = rc != ErrorCode::Ok;
 }
 
-// Whether the record on disk is news to the one in memory: another process has started the job since.
+// Whether the record on disk is news to the one in memory: another process has started the job
+// since.
 bool overtaken(const QueueRecord& memory, const QueueRecord& disk) {
   return queue_runner_alive(disk) || disk.started_at > memory.started_at;
 }
@@ -66,8 +68,8 @@ void read_queue(Dispatch& d) {
   if (d.unsaved) note_save(d, queue_save(d.queue));
 }
 
-// A save that an operation made on its own account; Ok can also mean that there was nothing to save,
-// so it does not end an earlier failure.
+// A save that an operation made on its own account; Ok can also mean that there was nothing to
+// save, so it does not end an earlier failure.
 void note_own_save(Dispatch& d, ErrorCode rc) {
   if (rc != ErrorCode::Ok) note_save(d, rc);
 }
@@ -88,11 +90,12 @@ void warn_of_never(const Dispatch& d, std::int64_t now) {
         record_state(*record) == JobState::Running) {
       continue;
     }
-    log_msg(LogLevel::Warn,
-            "orv_sched: job '%s' has a %s, but its next run in the queue is \"never\" -- disable and "
-            "enable the job, or edit its %s, to have it set",
-            job.name.c_str(), job.has_schedule ? "schedule" : "once time",
-            job.has_schedule ? "schedule" : "once time");
+    log_msg(
+        LogLevel::Warn,
+        "orv_sched: job '%s' has a %s, but its next run in the queue is \"never\" -- disable and "
+        "enable the job, or edit its %s, to have it set",
+        job.name.c_str(), job.has_schedule ? "schedule" : "once time",
+        job.has_schedule ? "schedule" : "once time");
   }
 }
 
@@ -111,7 +114,8 @@ void reload_config(Dispatch& d) {
   dispatch_apply_network(d);
 }
 
-// The identity is read before the file: an edit that comes between the two is seen by the next pass.
+// The identity is read before the file: an edit that comes between the two is seen by the next
+// pass.
 void follow_config_file(Dispatch& d) {
   const bool changed_by_api = std::exchange(d.live.config_changed, false);
   const FileIdentity identity = file_identity(d.settings.config_path.c_str());
@@ -124,24 +128,42 @@ void follow_config_file(Dispatch& d) {
   }
 }
 
-// Whether another process runs a job; told once for each job and process.
+// Whether the note is another than the one last told of, which it then replaces.
+bool is_news(Dispatch& d, const std::string& note) {
+  FixedText<kMaxBusyNote> cut;
+  cut.set_truncated(note);
+  return !(std::exchange(d.busy_note, cut) == cut);
+}
+
+// Whether a job runs that this process has not started; told once for each job and runner.
 bool busy_elsewhere(Dispatch& d) {
-  const QueueRecord* const runner = queue_find_live_runner(d.queue);
-  if (runner == nullptr) {
-    d.busy_note.clear();
-    return false;
-  }
-  const std::string job(record_name(*runner));
-  const std::uint32_t pid = queue_get_runner_pid(*runner);
-  FixedText<kMaxBusyNote> note;
-  note.set_truncated(job + "/" + std::to_string(pid));
-  if (note == d.busy_note) return true;
-  log_msg(LogLevel::Info,
-          "orv_sched: job '%s' is running in another process (pid %u) -- no job is started before it "
-          "ends",
+  if (const QueueRecord* const runner = queue_find_live_runner(d.queue)) {
+    const std::string job(record_name(*runner));
+    const std::uint32_t pid = queue_get_runner_pid(*runner);
+    if (is_news(d, job + "/" + std::to_string(pid))) {
+      log_msg(
+          LogLevel::Info,
+          "orv_sched: job '%s' is running in another process (pid %u) -- no job is started before "
+          "it ends",
           job.c_str(), pid);
-  d.busy_note = note;
-  return true;
+    }
+    return true;
+  }
+  const QueueRecord* const lost = find_lost_run(d.queue, *d.live.config, d.settings.job_log_dir,
+                                                d.settings.job_timeout_s, std::time(nullptr));
+  if (lost != nullptr) {
+    const std::string job(record_name(*lost));
+    if (is_news(d, job + "/")) {
+      log_msg(
+          LogLevel::Warn,
+          "orv_sched: job '%s': the tool of a run whose scheduler is gone is still running -- no "
+          "job is started before it ends",
+          job.c_str());
+    }
+    return true;
+  }
+  d.busy_note.clear();
+  return false;
 }
 
 bool guard_trips(Dispatch& d) {

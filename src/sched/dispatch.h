@@ -18,8 +18,8 @@ namespace orv {
 
 inline constexpr std::size_t kMaxBusyNote = 159;  // bytes of "<job>/<pid>"
 
-// What the loop knows from pass to pass. `settings` and `live` outlive it; live.config is set before
-// the first pass.
+// What the loop knows from pass to pass. `settings` and `live` outlive it; live.config is set
+// before the first pass.
 struct Dispatch {
   Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHandler handler_in,
            void* handler_context_in);
@@ -33,11 +33,11 @@ struct Dispatch {
   void* handler_context;
   RunServices services;  // what a job run does for the network process and the API
   QueueState queue;
-  ScopedFd lock;             // held during a pass
-  bool unsaved = false;      // the records hold changes that could not be written yet
-  FileIdentity identity;     // of the configuration file when it was last loaded, well or not
-  std::uint32_t guard = 0;   // passes since the last wait or API run
-  FixedText<kMaxBusyNote> busy_note;  // the runner in another process that was last told of
+  ScopedFd lock;            // held during a pass
+  bool unsaved = false;     // the records hold changes that could not be written yet
+  FileIdentity identity;    // of the configuration file when it was last loaded, well or not
+  std::uint32_t guard = 0;  // passes since the last wait or API run
+  FixedText<kMaxBusyNote> busy_note;  // the run of another process that was last told of
 };
 
 // What the loop does next.
@@ -47,8 +47,8 @@ enum class PassEnd { Again, Wait };
 [[nodiscard]] PassEnd dispatch_pass(Dispatch& dispatch);
 
 // After a load of the configuration: reconciles the queue, recomputes the next runs of edited
-// schedules, and warns of every enabled job that has a time to run at while its record says "never".
-// Needs the lock.
+// schedules, and warns of every enabled job that has a time to run at while its record says
+// "never". Needs the lock.
 void dispatch_adopt_config(Dispatch& dispatch);
 
 // Marks the runs FAILED whose scheduler is gone. Needs the lock.

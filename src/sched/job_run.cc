@@ -116,6 +116,7 @@ JobLog open_job_log(const Job& job, const std::vector<const char*>& argv, const 
     log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
     return log;
   }
+  job_log_mark_used(log.fd.get());
   result.log_path.set_truncated(log.path);
   write_to_log(log, job_log_header(job, argv, result.started));
   return log;
@@ -174,14 +175,14 @@ ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint
   const SlotHolder slot(services != nullptr ? services->cancel : nullptr, job);
   PollCallback callback;
   if (services != nullptr) callback = callback_of(*services);
-  run.started = run_command(argv.data(), options, out_fd,
-                            services != nullptr ? &callback : nullptr, run.outcome) == 0;
+  run.started = run_command(argv.data(), options, out_fd, services != nullptr ? &callback : nullptr,
+                            run.outcome) == 0;
   if (!run.started) {
     log_msg(LogLevel::Error, "orv_sched: job '%s': cannot start a process: %s", job.name.c_str(),
             std::strerror(errno));
   } else if (run.outcome.exec_error != 0) {
-    log_msg(LogLevel::Error, "orv_sched: job '%s': cannot execute %s: %s", job.name.c_str(), argv[0],
-            std::strerror(run.outcome.exec_error));
+    log_msg(LogLevel::Error, "orv_sched: job '%s': cannot execute %s: %s", job.name.c_str(),
+            argv[0], std::strerror(run.outcome.exec_error));
   }
   run.cancelled_by = slot.canceller();
   return run;

@@ -1,5 +1,5 @@
-// One run of one job, start to finish: argument vector, RUNNING in the queue, job log, the tool as a
-// child with a time limit, trailer, rotation, outcome in the queue.
+// One run of one job, start to finish: argument vector, RUNNING in the queue, job log, the tool as
+// a child with a time limit, trailer, rotation, outcome in the queue.
 #ifndef ORV_SCHED_JOB_RUN_H_
 #define ORV_SCHED_JOB_RUN_H_
 
@@ -15,14 +15,14 @@ namespace orv {
 
 enum class RunResult : std::uint32_t { Done = 0, Failed = 1, Busy = 2 };
 
-inline constexpr std::size_t kMaxCommandText = 1023;  // bytes
-inline constexpr std::size_t kMaxLogPath = 1399;      // bytes
+inline constexpr std::size_t kMaxCommandText = 1023;        // bytes
+inline constexpr std::size_t kMaxLogPath = 1399;            // bytes
 inline constexpr std::uint32_t kDefaultJobTimeout = 86400;  // seconds
 
 struct JobRunResult {
   RunResult result = RunResult::Done;
-  std::int64_t started = 0;   // Unix seconds
-  std::int64_t finished = 0;  // Unix seconds
+  std::int64_t started = 0;    // Unix seconds
+  std::int64_t finished = 0;   // Unix seconds
   std::int32_t exit_code = 0;  // -1: not started, killed by a signal, or no argument vector
   bool timed_out = false;
   FixedText<kMaxCommandText> command;  // arguments joined with blanks
@@ -37,8 +37,8 @@ struct CancelSlot {
 };
 
 // What a run does for others while it waits for its child. The run knows nothing of the network
-// process: it calls `serve` at least every 50 ms, and at once when `wait_fd` (if there is one now) is
-// readable. `cancel` may be null.
+// process: it calls `serve` at least every 50 ms, and at once when `wait_fd` (if there is one now)
+// is readable. `cancel` may be null.
 struct RunServices {
   void (*serve)(void* context) = nullptr;
   int (*wait_fd)(void* context) = nullptr;  // -1: none now
@@ -47,8 +47,8 @@ struct RunServices {
 };
 
 struct JobRunSettings {
-  bool background = false;         // --background for the tool, when its command takes it
-  std::uint32_t timeout_s = 0;     // 0: kDefaultJobTimeout
+  bool background = false;      // --background for the tool, when its command takes it
+  std::uint32_t timeout_s = 0;  // 0: kDefaultJobTimeout
   std::string job_log_dir;
   std::uint32_t job_log_keep = 0;  // logs kept for each job; 0 keeps all
 };

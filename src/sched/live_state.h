@@ -1,5 +1,5 @@
-// What the daemon loop and the API share while the daemon runs. The loop owns it; the API is handed a
-// reference and runs on the same thread, from inside the loop's servicing of the network process.
+// What the daemon loop and the API share while the daemon runs. The loop owns it; the API is handed
+// a reference and runs on the same thread, from inside the loop's servicing of the network process.
 #ifndef ORV_SCHED_LIVE_STATE_H_
 #define ORV_SCHED_LIVE_STATE_H_
 
@@ -18,7 +18,7 @@
 
 namespace orv {
 
-inline constexpr std::size_t kMaxTokenName = 64;   // bytes
+inline constexpr std::size_t kMaxTokenName = 64;  // bytes
 inline constexpr std::size_t kMaxQueuedRuns = 32;
 inline constexpr std::size_t kTestMailsKept = 16;
 
@@ -49,12 +49,12 @@ void test_mail_result(TestMailRing& ring, std::uint32_t id, std::uint32_t status
 struct LiveState {
   std::string config_path;
   std::string queue_path;
-  std::string job_log_dir;                 // the one the daemon runs with
-  std::unique_ptr<Config> config;          // as the daemon has loaded it; never null once it runs
-  std::int64_t daemon_started = 0;         // Unix seconds
-  CancelSlot running;                      // the job that runs now
-  std::vector<RunRequest> run_queue;       // at most kMaxQueuedRuns
-  bool config_changed = false;             // set by the API: reload without looking at the file's identity
+  std::string job_log_dir;            // the one the daemon runs with
+  std::unique_ptr<Config> config;     // as the daemon has loaded it; never null once it runs
+  std::int64_t daemon_started = 0;    // Unix seconds
+  CancelSlot running;                 // the job that runs now
+  std::vector<RunRequest> run_queue;  // at most kMaxQueuedRuns
+  bool config_changed = false;  // set by the API: reload without looking at the file's identity
   TestMailRing test_mails;
   NetSupervisor net;
 };

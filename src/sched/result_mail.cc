@@ -16,8 +16,8 @@
 namespace orv {
 namespace {
 
-constexpr std::size_t kMaxSubject = 511;   // bytes
-constexpr std::size_t kMaxBody = 40959;    // bytes
+constexpr std::size_t kMaxSubject = 511;    // bytes
+constexpr std::size_t kMaxBody = 40959;     // bytes
 constexpr std::size_t kTailWindow = 16384;  // bytes at the end of a log that are looked at
 constexpr int kTailLines = 40;
 constexpr std::size_t kMailMessageSize = 512;
@@ -48,7 +48,8 @@ std::string duration_text(std::int64_t seconds) {
   return text.data();
 }
 
-// Where the last kTailLines lines of `text` begin; a newline at its very end closes the last of them.
+// Where the last kTailLines lines of `text` begin; a newline at its very end closes the last of
+// them.
 std::size_t tail_start(std::string_view text) {
   int newlines = 0;
   const std::size_t end = text.ends_with('\n') ? text.size() - 1 : text.size();
@@ -86,13 +87,14 @@ MailText compose(std::string_view job_name, const JobRunResult& result) {
   const std::int64_t seconds = std::max<std::int64_t>(result.finished - result.started, 0);
   MailText mail;
   mail.subject = "[tarnwell] " + host + ": job " + job + " " + word;
-  mail.body = "Job:       " + job + "\nHost:      " + host + "\nResult:    " + word +
-              "\nExit code: " + std::to_string(result.exit_code) +
-              (result.timed_out ? " (timed out)" : "") + "\nCommand:   " +
-              std::string(result.command.view()) + "\nStarted:   " + local_time(result.started) +
-              "\nFinished:  " + local_time(result.finished) +
-              "\nDuration:  " + duration_text(seconds) + "\nJob log:   " +
-              (result.log_path.empty() ? "(none)" : result.log_path.c_str()) + "\n";
+  mail.body =
+      "Job:       " + job + "\nHost:      " + host + "\nResult:    " + word +
+      "\nExit code: " + std::to_string(result.exit_code) +
+      (result.timed_out ? " (timed out)" : "") +
+      "\nCommand:   " + std::string(result.command.view()) +
+      "\nStarted:   " + local_time(result.started) + "\nFinished:  " + local_time(result.finished) +
+      "\nDuration:  " + duration_text(seconds) +
+      "\nJob log:   " + (result.log_path.empty() ? "(none)" : result.log_path.c_str()) + "\n";
   if (!result.log_path.empty()) {
     mail.body += "\n--- last lines of the job log ---\n" + log_tail(result.log_path.c_str());
   }

@@ -1,9 +1,11 @@
 #include "sched/run_now.h"
 
+#include <ctime>
 #include <string>
 #include <utility>
 
 #include "common/log.h"
+#include "sched/lost_run.h"
 #include "sched/result_mail.h"
 
 namespace orv {
@@ -15,19 +17,34 @@ void log_unsaved(const QueueState& queue, ErrorCode rc) {
           error_text(rc));
 }
 
-void log_refusal(const QueueRecord& runner, const std::string& job) {
-  const std::string running(record_name(runner));
-  const std::uint32_t pid = queue_get_runner_pid(runner);
-  if (running == job) {
-    log_msg(LogLevel::Error,
-            "orv_sched: job '%s' is already RUNNING (pid %u; use --force to override)", job.c_str(),
-            pid);
-    return;
-  }
-  log_msg(LogLevel::Error,
-          "orv_sched: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or use "
-          "--force to run '%s' alongside it)",
+// Whether a job runs already, beside which `job` must not be started; logged.
+bool refused(const QueueState& queue, const Config& config, const JobRunSettings& settings,
+             const std::string& job) {
+  if (const QueueRecord* const runner = queue_find_live_runner(queue)) {
+    const std::string running(record_name(*runner));
+    const std::uint32_t pid = queue_get_runner_pid(*runner);
+    if (running == job) {
+      log_msg(LogLevel::Error,
+              "orv_sched: job '%s' is already RUNNING (pid %u; use --force to override)",
+              job.c_str(), pid);
+    } else {
+      log_msg(
+          LogLevel::Error,
+          "orv_sched: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
+          "use --force to run '%s' alongside it)",
           running.c_str(), pid, job.c_str());
+    }
+    return true;
+  }
+  const QueueRecord* const lost =
+      find_lost_run(queue, config, settings.job_log_dir, settings.timeout_s, std::time(nullptr));
+  if (lost == nullptr) return false;
+  log_msg(
+      LogLevel::Error,
+      "orv_sched: job '%s': the tool of a run whose scheduler is gone is still running -- jobs run "
+      "one at a time, try again later (or use --force to run '%s' alongside it)",
+      std::string(record_name(*lost)).c_str(), job.c_str());
+  return true;
 }
 
 }  // namespace
@@ -48,11 +65,7 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
             queue.path.c_str());
   }
   log_unsaved(queue, queue_sweep_stale_runners(queue));
-  const QueueRecord* const runner = queue_find_live_runner(queue);
-  if (runner != nullptr && !force) {
-    log_refusal(*runner, name);
-    return ErrorCode::Unavailable;
-  }
+  if (!force && refused(queue, config, settings, name)) return ErrorCode::Unavailable;
   if (job->timeout_s != 0) settings.timeout_s = job->timeout_s;
   JobRunResult result;
   const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);

@@ -41,7 +41,7 @@ struct ChildPlan {
   std::vector<char*> argv;        // null-ended
   std::vector<char*> shell_argv;  // "/bin/sh", <candidate>, arguments: for a script without "#!"
   std::vector<std::string> owned_env;
-  std::vector<char*> env;         // null-ended
+  std::vector<char*> env;  // null-ended
   std::vector<std::string> owned_candidates;
   std::vector<char*> candidates;  // the program's possible paths, in the order of the PATH
   int out_fd = -1;                // becomes standard output and error; -1 leaves them alone
@@ -82,8 +82,8 @@ void plan_candidates(ChildPlan& plan, const std::string& program) {
     for (bool more = true; more;) {
       const std::size_t colon = path.find(':');
       const std::string_view directory = path.substr(0, colon);
-      plan.owned_candidates.push_back(
-          directory.empty() ? "./" + program : std::string(directory) + "/" + program);
+      plan.owned_candidates.push_back(directory.empty() ? "./" + program
+                                                        : std::string(directory) + "/" + program);
       more = colon != std::string_view::npos;
       if (more) path.remove_prefix(colon + 1);
     }
@@ -160,8 +160,8 @@ int exec_candidates(ChildPlan& plan) {
   ::_exit(kExecFailed);
 }
 
-// An ignored SIGCHLD is inherited across exec; children would then be reaped by the kernel and their
-// exit codes lost.
+// An ignored SIGCHLD is inherited across exec; children would then be reaped by the kernel and
+// their exit codes lost.
 void keep_exit_codes() {
   struct sigaction action {};
   if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
@@ -293,8 +293,8 @@ bool capture_some(Capture& capture) {
   return true;
 }
 
-// What the child wrote before its end is in the pipe now, so one pipe's fill is all there is to read.
-// Waiting for the end of file instead could mean waiting for whatever the tool left behind.
+// What the child wrote before its end is in the pipe now, so one pipe's fill is all there is to
+// read. Waiting for the end of file instead could mean waiting for whatever the tool left behind.
 void capture_rest(Capture& capture) {
   const int fill = ::fcntl(capture.pipe.get(), F_GETPIPE_SZ);
   for (int seen = 0; seen <= std::max(fill, 65536) && capture_some(capture); seen += 512) {
@@ -345,8 +345,8 @@ Pipe make_error_pipe() {
 void conclude(const Child& child, const Pipe& errors, RunOutcome& outcome) {
   if (WIFEXITED(child.status)) outcome.exit_code = WEXITSTATUS(child.status);
   int error = 0;
-  if (errors.read_end.valid() && ::read(errors.read_end.get(), &error, sizeof error) ==
-                                     static_cast<ssize_t>(sizeof error)) {
+  if (errors.read_end.valid() &&
+      ::read(errors.read_end.get(), &error, sizeof error) == static_cast<ssize_t>(sizeof error)) {
     outcome.exec_error = error;
   }
 }

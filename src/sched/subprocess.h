@@ -8,9 +8,10 @@
 
 namespace orv {
 
-inline constexpr int kServeIntervalMs = 50;           // waits between two looks, output to a descriptor
-inline constexpr int kCaptureIntervalMs = 100;        // the same when output is captured
-inline constexpr std::uint32_t kKillAfterSeconds = 299;  // SIGKILL when more have passed since SIGTERM
+inline constexpr int kServeIntervalMs = 50;     // waits between two looks, output to a descriptor
+inline constexpr int kCaptureIntervalMs = 100;  // the same when output is captured
+inline constexpr std::uint32_t kKillAfterSeconds =
+    299;  // SIGKILL when more have passed since SIGTERM
 
 struct RunOutcome {
   std::int32_t exit_code = -1;  // 0..255; -1 when the child ended by a signal
@@ -32,11 +33,11 @@ struct CommandOptions {
   std::uint32_t kill_after_s = kKillAfterSeconds;
 };
 
-// `argv` ends with a null pointer; its first element is searched in the PATH. The child gets default
-// signal dispositions, an empty signal mask, the caller's standard input and no other descriptor but
-// its output. Each form returns 0 when the child was started and reaped, -1 when a pipe or the fork
-// failed (errno says why). The run ends when the child ends, whoever still holds its output; what it
-// left running is left alone.
+// `argv` ends with a null pointer; its first element is searched in the PATH. The child gets
+// default signal dispositions, an empty signal mask, the caller's standard input and no other
+// descriptor but its output. Each form returns 0 when the child was started and reaped, -1 when a
+// pipe or the fork failed (errno says why). The run ends when the child ends, whoever still holds
+// its output; what it left running is left alone.
 //
 // Output captured: at most output.size() - 1 bytes, NUL-terminated; the rest is read and dropped.
 [[nodiscard]] int run_command_captured(const char* const* argv, const CommandOptions& options,

@@ -30,13 +30,9 @@ class DaemonFixture : public ::testing::Test {
       const std::string& command, const std::vector<std::string>& words = {}) const {
     std::vector<std::string> argv = {ORV_SCHED_PROGRAM, command};
     argv.insert(argv.end(), words.begin(), words.end());
-    const std::vector<std::string> files = {"--config", home_.file("sched.cfg"), "--queue",
-                                            home_.file("state/queue"), "--no-syslog",
-                                            "--log-path", home_.file("log")};
-    argv.insert(argv.end(), files.begin(), files.end());
-    if (command == "daemon" || command == "run" || command == "start") {
-      argv.insert(argv.end(), {"--job-log-dir", home_.file("job-logs")});
-    }
+    argv.insert(argv.end(), {"--config", home_.file("sched.cfg"), "--queue",
+                             home_.file("state/queue"), "--job-log-dir", home_.file("job-logs"),
+                             "--no-syslog", "--log-path", home_.file("log")});
     return argv;
   }
   [[nodiscard]] Env env() const { return {{"PATH", home_.file("bin") + ":/usr/bin:/bin"}}; }
@@ -44,8 +40,8 @@ class DaemonFixture : public ::testing::Test {
                                     const std::vector<std::string>& words = {}) const {
     return run_program(command_line(command, words), env());
   }
-  void start_daemon(const std::vector<std::string>& words = {"--poll-interval", "1"}) {
-    daemon_ = std::make_unique<Program>(command_line("daemon", words), env());
+  void start_daemon() {
+    daemon_ = std::make_unique<Program>(command_line("daemon", {"--poll-interval", "1"}), env());
   }
   // Stops it by SIGTERM; its exit status.
   int stop_daemon() {

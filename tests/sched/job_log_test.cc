@@ -15,27 +15,11 @@ namespace {
 
 using test::TempDir;
 
-TEST(JobLog, ShowsTheRunInHeaderAndTrailer) {
-  Job job;
-  ASSERT_TRUE(job.name.set("nightly"));
-  const std::vector<const char*> argv = {"orv_agent", "--name", "a b", nullptr};
-  EXPECT_EQ(job_log_path(job_log_directory("/logs", "nightly"), 1791208800),
-            "/logs/nightly/20261005T140000Z.log");
-  EXPECT_EQ(job_log_header(job, argv, 1791208800),
-            "job: nightly\nargv: orv_agent --name a b\nstart_unix: 1791208800\n\n--- output ---\n");
-  EXPECT_EQ(job_log_trailer(7, -1, true, nullptr),
-            "\n--- end ---\nfinish_unix: 7\nexit_code: -1\ntimed_out: 1\n");
-  EXPECT_EQ(job_log_trailer(7, 0, false, "API token ops"),
-            "\n--- end ---\nfinish_unix: 7\nexit_code: 0\ntimed_out: 0\ncancelled: 1\n"
-            "cancelled_by: API token ops\n");
-}
-
 TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
   struct Case { std::string text; JobLogTrailer expected; };
   const std::string marker = "\n--- end ---\n";
   const Case cases[] = {
       {"", {}},
-      {"output only\n", {}},
       {job_log_trailer(1791208805, -1, true, nullptr), {true, 1791208805, -1, true, false}},
       {std::string(100000, '\0') + job_log_trailer(5, 75, false, "API token x"),
        {true, 5, 75, false, true}},
@@ -61,7 +45,7 @@ TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
 
 TEST(JobLogRotation, DeletesTheOldestLogsAndNothingElse) {
   const TempDir dir;
-  // By bytes: "-" before digits before letters before bytes above 127. A directory counts, and stays.
+  // By bytes: "-" before digits before bytes above 127. A directory counts, and stays.
   const std::vector<std::string> logs = {"-.log", "20250101T000000Z.log", "20250102T000000Z.log",
                                          "a.log", "\xc3\xa4.log"};
   for (const std::string& name : logs) dir.write(name, "x");

@@ -77,29 +77,14 @@ TEST_F(JobRunTest, FailsARunThatTimedOutWhateverItsExitCode) {
   EXPECT_EQ(record_state(record()), JobState::Failed);
 }
 
-TEST_F(JobRunTest, RunsWithoutALogWhenThereCanBeNone) {
-  tool("exit 0");
-  dir_.write("logs", "a file in the way");
-  EXPECT_EQ(run(), RunResult::Done);
-  EXPECT_TRUE(result_.log_path.empty());
-}
-
-TEST_F(JobRunTest, FailsWithoutAnArgumentVector) {
-  job_.command = static_cast<JobCommand>(99);
-  EXPECT_EQ(run(), RunResult::Failed);
-  EXPECT_TRUE(test::contains(result_.command.view(), "(cannot build the command line: "));
-  EXPECT_TRUE(result_.log_path.empty());
-  EXPECT_EQ(record_state(record()), JobState::Failed);
-  EXPECT_EQ(record().exit_code, -1);
-  EXPECT_EQ(record().started_at, record().finished_at);
-}
-
 // What others see and do while the job runs.
 struct Onlooker {
   std::string queue_path;
+  std::string log_dir;
   CancelSlot slot;
   JobState seen = JobState::Pending;
   std::uint32_t runner = 0;
+  bool log_in_use = false;
   int calls = 0;
 };
 
@@ -107,6 +92,7 @@ TEST_F(JobRunTest, LeavesTheQueueToOthersMeanwhileAndCanBeCancelled) {
   tool("exec sleep 60");
   Onlooker onlooker;
   onlooker.queue_path = queue_.path;
+  onlooker.log_dir = settings_.job_log_dir;
   ASSERT_TRUE(onlooker.slot.cancelled_by.set("stale"));
   onlooker.slot.cancel_requested = true;  // left over from nobody knows when: must not count
   const RunServices services{
@@ -117,6 +103,8 @@ TEST_F(JobRunTest, LeavesTheQueueToOthersMeanwhileAndCanBeCancelled) {
         QueueState seen;
         ASSERT_EQ(queue_load(seen, self.queue_path.c_str()), ErrorCode::Ok);
         self.seen = record_state(*queue_find(seen, "nightly"));
+        self.log_in_use = job_log_in_use(
+            job_log_path(self.log_dir + "/nightly", queue_find(seen, "nightly")->started_at));
         self.runner = queue_get_runner_pid(*queue_find(seen, "nightly"));
         QueueRecord other;
         record_set_name(other, "other");
@@ -128,30 +116,13 @@ TEST_F(JobRunTest, LeavesTheQueueToOthersMeanwhileAndCanBeCancelled) {
       nullptr, &onlooker, &onlooker.slot};
   EXPECT_EQ(run(&services), RunResult::Failed);
   EXPECT_EQ(onlooker.seen, JobState::Running);
+  EXPECT_TRUE(onlooker.log_in_use);
+  EXPECT_FALSE(job_log_in_use(result_.log_path.c_str()));
   EXPECT_EQ(onlooker.runner, static_cast<std::uint32_t>(::getpid()));
   EXPECT_NE(queue_find(queue_, "other"), nullptr) << "what others saved meanwhile is kept";
   EXPECT_TRUE(onlooker.slot.job.empty());
   EXPECT_FALSE(onlooker.slot.cancel_requested);
   EXPECT_TRUE(log().ends_with(job_log_trailer(result_.finished, -1, false, "API token ops")));
-}
-
-TEST_F(JobRunTest, OnDemandKeepsTheNextRunAndWantsAKnownJob) {
-  Config config;
-  config.jobs.push_back(job_);
-  QueueRecord before;
-  record_set_name(before, "nightly");
-  before.next_run = 4711;
-  before.after_stamp = 12;
-  ASSERT_EQ(queue_upsert(queue_, before), ErrorCode::Ok);
-  tool("exit 0");
-  EXPECT_EQ(run_now(config, queue_, "nightly", settings_, false), ErrorCode::Ok);
-  ASSERT_EQ(queue_reload(queue_), ErrorCode::Ok);
-  EXPECT_EQ(record_state(record()), JobState::Done);
-  EXPECT_EQ(record().next_run, 4711);
-  EXPECT_EQ(record().after_stamp, 12);
-  tool("exit 75");
-  EXPECT_EQ(run_now(config, queue_, "nightly", settings_, false), ErrorCode::IoError);
-  EXPECT_EQ(run_now(config, queue_, "daily", settings_, false), ErrorCode::NotFound);
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 
-#include "sched/live_state.h"
 #include "support/support.h"
 
 namespace orv {
@@ -94,7 +93,6 @@ TEST_F(ResultMailTest, EndsWithTheLastLinesOfTheLog) {
   struct Case { std::string log; std::string tail; };
   const Case cases[] = {
       {numbered, last40},
-      {numbered.substr(0, numbered.size() - 1), last40.substr(0, last40.size() - 1)},
       {numbered + "\n", last40.substr(3) + "\n"},
       {std::string("one\ntw\0o\n", 9), "one\ntw o\n"},
       {"", ""},
@@ -110,21 +108,6 @@ TEST_F(ResultMailTest, EndsWithTheLastLinesOfTheLog) {
   }
   ASSERT_TRUE(result_.log_path.set(dir_.file("gone")));
   EXPECT_TRUE(mail().value_or("").ends_with("--- last lines of the job log ---\n"));
-}
-
-TEST(TestMails, KeepTheLastSixteen) {
-  TestMailRing ring;
-  for (std::uint32_t id = 1; id <= 17; ++id) test_mail_add(ring, id);
-  EXPECT_EQ(test_mail_find(ring, 1), nullptr);
-  EXPECT_EQ(test_mail_find(ring, 0), nullptr);
-  test_mail_result(ring, 0, 0, "");
-  test_mail_result(ring, 1, 0, "");
-  test_mail_result(ring, 2, 1, "refused");
-  test_mail_result(ring, 17, 0, "");
-  EXPECT_EQ(test_mail_find(ring, 2)->state, TestMailState::Failed);
-  EXPECT_EQ(test_mail_find(ring, 2)->error, "refused");
-  EXPECT_EQ(test_mail_find(ring, 3)->state, TestMailState::Pending);
-  EXPECT_EQ(test_mail_find(ring, 17)->state, TestMailState::Sent);
 }
 
 }  // namespace

@@ -1,0 +1,37 @@
+#include "sched/lost_run.h"
+
+#include "sched/job_log.h"
+#include "sched/job_run.h"
+#include "sched/subprocess.h"
+
+namespace orv {
+namespace {
+
+// The sweep of dead runners sets no finish time, so the start is left as the newest thing known.
+bool never_concluded(const QueueRecord& record) {
+  return record_state(record) != JobState::Running && record.started_at > record.finished_at;
+}
+
+std::int64_t longest_run(const Config& config, std::string_view job_name, std::uint32_t timeout_s) {
+  const Job* const job = find_job(config, job_name);
+  if (job != nullptr && job->timeout_s != 0) timeout_s = job->timeout_s;
+  if (timeout_s == 0) timeout_s = kDefaultJobTimeout;
+  return std::int64_t{timeout_s} + kKillAfterSeconds + 1;
+}
+
+}  // namespace
+
+const QueueRecord* find_lost_run(const QueueState& queue, const Config& config,
+                                 const std::string& job_log_dir, std::uint32_t timeout_s,
+                                 std::int64_t now) {
+  for (const QueueRecord& record : queue.records) {
+    if (!never_concluded(record)) continue;
+    const std::string_view job = record_name(record);
+    if (now - record.started_at > longest_run(config, job, timeout_s)) continue;
+    const std::string directory = job_log_directory(job_log_dir, job);
+    if (job_log_in_use(job_log_path(directory, record.started_at))) return &record;
+  }
+  return nullptr;
+}
+
+}  // namespace orv
