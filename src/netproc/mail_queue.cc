@@ -67,8 +67,8 @@ void MailQueue::run() {
 SmtpOutcome deliver_mail(const IpcMailConfig& settings, const QueuedMail& mail,
                          const std::atomic<bool>& stop) {
   std::uint64_t random = 0;
-  (void)::getrandom(&random, sizeof random, 0);  // a failure costs uniqueness within a second only
   const std::int64_t now = ::time(nullptr);
+  if (::getrandom(&random, sizeof random, 0) < 0) random = mail.id;  // unique within this process
   char unique_id[64];
   (void)std::snprintf(unique_id, sizeof unique_id, "%lld.%u.%016llx", static_cast<long long>(now),
                       mail.id, static_cast<unsigned long long>(random));  // always fits

@@ -251,7 +251,9 @@ std::string failure_text(CURL* curl, const Delivery& delivery, CURLcode code, co
     return "no recipient was accepted: " + delivery.first_refusal;
   }
   std::string text = known ? row->what : refused ? "refused" : curl_easy_strerror(code);
-  text += std::string(" at ") + step_of(curl, delivery);
+  if (code != CURLE_COULDNT_CONNECT && code != CURLE_COULDNT_RESOLVE_HOST) {
+    text += std::string(" at ") + step_of(curl, delivery);
+  }
   if (refused) return text + ", the server said: " + delivery.answer;
   long error_number = 0;
   (void)curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &error_number);  // 0 when it fails
