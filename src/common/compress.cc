@@ -4,6 +4,7 @@
 #include <string.h>
 #include <zstd.h>
 
+#include <algorithm>
 #include <limits>
 
 namespace orv {
@@ -12,24 +13,29 @@ namespace {
 const char* chars(const unsigned char* bytes) { return reinterpret_cast<const char*>(bytes); }
 char* chars(unsigned char* bytes) { return reinterpret_cast<char*>(bytes); }
 
-// lz4 counts in int.
+// lz4 counts in int; what does not fit is refused by a size of -1.
 int lz4_size(std::size_t size) {
-  return size > static_cast<std::size_t>(std::numeric_limits<int>::max())
-             ? -1
-             : static_cast<int>(size);
+  return size > static_cast<std::size_t>(std::numeric_limits<int>::max()) ? -1
+                                                                          : static_cast<int>(size);
+}
+
+// Room beyond what lz4 can fill is of no use to it, and no fault.
+int lz4_capacity(std::size_t size) {
+  return static_cast<int>(
+      std::min(size, static_cast<std::size_t>(std::numeric_limits<int>::max())));
 }
 
 std::size_t compress_zstd(int level, std::span<const unsigned char> source,
                           std::span<unsigned char> destination) {
-  const std::size_t size = ZSTD_compress(destination.data(), destination.size(), source.data(),
-                                         source.size(), level);
+  const std::size_t size =
+      ZSTD_compress(destination.data(), destination.size(), source.data(), source.size(), level);
   return ZSTD_isError(size) != 0 ? 0 : size;
 }
 
 std::size_t compress_lz4(std::span<const unsigned char> source,
                          std::span<unsigned char> destination) {
   const int size = LZ4_compress_default(chars(source.data()), chars(destination.data()),
-                                        lz4_size(source.size()), lz4_size(destination.size()));
+                                        lz4_size(source.size()), lz4_capacity(destination.size()));
   return size <= 0 ? 0 : static_cast<std::size_t>(size);
 }
 
@@ -66,8 +72,9 @@ ErrorCode decompress(Codec codec, std::span<const unsigned char> source,
       if (ZSTD_isError(size) != 0) return ErrorCode::Corrupt;
       break;
     case Codec::Lz4: {
-      const int got = LZ4_decompress_safe(chars(source.data()), chars(destination.data()),
-                                          lz4_size(source.size()), lz4_size(destination.size()));
+      const int got =
+          LZ4_decompress_safe(chars(source.data()), chars(destination.data()),
+                              lz4_size(source.size()), lz4_capacity(destination.size()));
       if (got < 0) return ErrorCode::Corrupt;
       size = static_cast<std::size_t>(got);
       break;

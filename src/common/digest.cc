@@ -14,8 +14,7 @@ namespace {
 [[noreturn]] void fatal_sha256() {
   constexpr std::string_view kMessage = "fatal: OpenSSL SHA-256 failed\n";
   // The process is about to abort; nobody is left to hear of a failed write.
-  [[maybe_unused]] const ssize_t ignored =
-      ::write(STDERR_FILENO, kMessage.data(), kMessage.size());
+  [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, kMessage.data(), kMessage.size());
   std::abort();
 }
 

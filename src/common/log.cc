@@ -23,9 +23,10 @@
 namespace orv {
 namespace {
 
-constexpr std::size_t kMaxLogName = 63;          // bytes
-constexpr std::size_t kMaxLogfilePath = 1199;    // bytes
-constexpr std::size_t kMaxRunlogMessage = 511;   // bytes
+constexpr std::size_t kMaxLogName = 63;         // bytes
+constexpr std::size_t kMaxLogfilePath = 1199;   // bytes
+constexpr std::size_t kMaxRunlogMessage = 511;  // bytes
+constexpr const char* kUnnamed = "orv";         // before a name is set
 constexpr std::uint64_t kDefaultMask = kRunlogBasic;
 
 struct DiagnosticLog {
@@ -39,6 +40,7 @@ struct RunLog {
   FixedText<kMaxLogName> identity;
   bool started = false;
   bool syslog_enabled = true;
+  bool syslog_open = false;
   std::uint64_t syslog_mask = kDefaultMask;
   std::uint64_t logfile_mask = kDefaultMask;
   FixedText<kMaxLogfilePath> path;
@@ -94,8 +96,24 @@ struct UtcText {
   return text;
 }
 
-// The logfile may have been rotated away since it was opened: the line belongs into the file that the
-// name leads to now.
+// The one connection to syslog serves both logs, under the same name.
+void open_syslog(RunLog& log) {
+  if (log.syslog_open) return;
+  // syslog keeps the pointer: the names live as long as the process.
+  const char* const name = !log.identity.empty()       ? log.identity.c_str()
+                           : diagnostic().name.empty() ? kUnnamed
+                                                       : diagnostic().name.c_str();
+  ::openlog(name, LOG_PID, LOG_DAEMON);
+  log.syslog_open = true;
+}
+
+// Not blocking: a named pipe that nobody reads must not hold the program up.
+ScopedFd open_for_lines(const RunLog& log) {
+  return open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0644);
+}
+
+// The logfile may have been rotated away since it was opened: the line belongs into the file that
+// the name leads to now.
 void follow_rotation(RunLog& log) {
   struct stat named {};
   struct stat open {};
@@ -103,7 +121,7 @@ void follow_rotation(RunLog& log) {
                     ::fstat(log.logfile.get(), &open) == 0 && named.st_ino == open.st_ino &&
                     named.st_dev == open.st_dev;
   if (same) return;
-  ScopedFd fresh = open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  ScopedFd fresh = open_for_lines(log);
   if (fresh.valid()) log.logfile = std::move(fresh);
 }
 
@@ -161,7 +179,7 @@ void open_logfile(RunLog& log, std::string_view directory, std::string_view tool
   if (tool.starts_with("orv_")) tool.remove_prefix(4);
   const char* const slash = dir.ends_with('/') ? "" : "/";
   log.path.set_truncated(dir + slash + std::string(tool) + ".log");
-  log.logfile = open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  log.logfile = open_for_lines(log);
   if (log.logfile.valid()) return;
   std::fprintf(stderr,
                "warning: orv_runlog: could not open logfile '%s' -- continuing without logfile\n",
@@ -201,12 +219,15 @@ void log_msg(LogLevel level, const char* format, ...) {
   // share it must not come in between.
   std::array<char, 128> lead{};
   std::snprintf(lead.data(), lead.size(), "%s [%s] %-5s ", UtcText().text.data(),
-                log.name.empty() ? "orv" : log.name.c_str(), row.label);
+                log.name.empty() ? kUnnamed : log.name.c_str(), row.label);
   (void)write_all(STDERR_FILENO, lead.data() + message + "\n");
   if (log.mirror) ::syslog(row.priority, "%s", message.c_str());
 }
 
-void log_set_syslog(bool on) { diagnostic().mirror = on; }
+void log_set_syslog(bool on) {
+  if (on) open_syslog(run_log());
+  diagnostic().mirror = on;
+}
 
 void runlog_init(const ArgList& args, std::string_view tool) {
   RunLog& log = run_log();
@@ -218,7 +239,7 @@ void runlog_init(const ArgList& args, std::string_view tool) {
   log.syslog_mask = read_mask(args, "--syslog");
   log.logfile_mask = read_mask(args, "--log");
   log.syslog_enabled = !no_syslog;
-  if (log.syslog_enabled) ::openlog(log.identity.c_str(), LOG_PID, LOG_DAEMON);
+  if (log.syslog_enabled) open_syslog(log);
   if (!no_log) open_logfile(log, directory, tool);
   (void)::on_exit(on_exit_record_stop, nullptr);
   runlog_write(kRunlogBasic, "started");

@@ -22,7 +22,7 @@ void log_init(std::string_view name, LogLevel minimum);
 // One line: "<UTC time> [<name>] <LEVEL> <message>". The format takes no line end.
 [[gnu::format(printf, 2, 3)]] void log_msg(LogLevel level, const char* format, ...);
 
-// Switches the syslog mirror of the diagnostic log.
+// Switches the syslog mirror of the diagnostic log; syslog is opened when the run log has not.
 void log_set_syslog(bool on);
 
 inline constexpr const char* kDefaultLogPath = "/var/log/orv/";
@@ -37,7 +37,8 @@ extern const OptionTable kRunlogOptions;
 // with the exit status, and records "started".
 void runlog_init(const ArgList& args, std::string_view tool);
 
-// One message (cut at 511 bytes) to the logfile and to syslog, each when its mask has one of `bits`.
+// One message (cut at 511 bytes) to the logfile and to syslog, each when its mask has one of
+// `bits`.
 [[gnu::format(printf, 2, 3)]] void runlog_msg(std::uint32_t bits, const char* format, ...);
 
 // Whether runlog_init() has run.

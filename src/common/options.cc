@@ -1,8 +1,7 @@
 #include "common/options.h"
 
-#include <cstdlib>
-
 #include <algorithm>
+#include <cstdlib>
 #include <limits>
 
 namespace orv {

@@ -35,8 +35,8 @@ int round_trip(Codec codec, std::span<const unsigned char> sample, const char* f
   const std::size_t size = compress(codec, kZstdLevel, sample, {packed.get(), bound});
   if (size == 0 || size >= sample.size()) return fail(err, "%s", failure);
   std::size_t produced = 0;
-  const ErrorCode rc = decompress(codec, {packed.get(), size}, {back.get(), sample.size()},
-                                  &produced);
+  const ErrorCode rc =
+      decompress(codec, {packed.get(), size}, {back.get(), sample.size()}, &produced);
   const bool same = rc == ErrorCode::Ok && produced == sample.size() &&
                     std::equal(sample.begin(), sample.end(), back.get());
   return same ? 0 : fail(err, "%s", failure);

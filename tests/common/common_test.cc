@@ -46,9 +46,9 @@ TEST(Secrets, AreZeroedWhereTheyStood) {
 }
 
 TEST(Options, LookupsTakeTheFirstOccurrence) {
-  const std::vector<const char*> words = {"orv_sched", "list",       "--queue=a", "--queue", "b",
-                                          "--config",  "-h",         "--",        "--cn",    "--force",
-                                          "--keep",    "4294967296", "--odd",     "12abc",   "--last"};
+  const std::vector<const char*> words = {
+      "orv_sched", "list",    "--queue=a", "--queue",    "b",     "--config", "-h",    "--",
+      "--cn",      "--force", "--keep",    "4294967296", "--odd", "12abc",    "--last"};
   const ArgList args(words);
   EXPECT_STREQ(option_value(args, "--queue", "x"), "a");
   EXPECT_STREQ(option_value(args, "--config", "x"), "-h");  // a value may look like an option
@@ -70,11 +70,11 @@ TEST(Numbers, AreDigitsThatFit) {
     bool ok;
     std::uint32_t value;
   };
-  static constexpr Case kCases[] = {{"0", true, 0},      {"4294967295", true, UINT32_MAX},
-                                    {"0010", true, 10},  {"4294967296", false, 0},
-                                    {"", false, 0},      {"-1", false, 0},
-                                    {"+1", false, 0},    {" 1", false, 0},
-                                    {"1 ", false, 0},    {"0x1", false, 0}};
+  static constexpr Case kCases[] = {{"0", true, 0},     {"4294967295", true, UINT32_MAX},
+                                    {"0010", true, 10}, {"4294967296", false, 0},
+                                    {"", false, 0},     {"-1", false, 0},
+                                    {"+1", false, 0},   {" 1", false, 0},
+                                    {"1 ", false, 0},   {"0x1", false, 0}};
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.text);
     std::uint32_t value = 99;
@@ -94,8 +94,8 @@ TEST(MailAddress, IsAPlainOne) {
   const std::string longest = std::string(253, 'a') + "@b";
   EXPECT_TRUE(check_mail_address(longest));
   EXPECT_FALSE(check_mail_address(longest + "c"));
-  for (const char* bad : {"", "a", "@b", "a@", "a@b@c", "a b@c", "<a@b>", "a@b\n", "a,b@c", "a@b\x7f",
-                          "\"a\"@b", "a;b@c", "a(b)@c", "a\\b@c"}) {
+  for (const char* bad : {"", "a", "@b", "a@", "a@b@c", "a b@c", "<a@b>", "a@b\n", "a,b@c",
+                          "a@b\x7f", "\"a\"@b", "a;b@c", "a(b)@c", "a\\b@c"}) {
     EXPECT_FALSE(check_mail_address(bad)) << bad;
   }
 }
@@ -143,7 +143,8 @@ TEST(Crc32c, BothPathsAgreeAtEveryLength) {
 
 TEST(Compression, KeepsOnlyWhatGains) {
   const std::vector<unsigned char> zeros(1000);
-  std::vector<unsigned char> out(compress_bound(Codec::Zstd, 1000) + compress_bound(Codec::Lz4, 1000));
+  std::vector<unsigned char> out(compress_bound(Codec::Zstd, 1000) +
+                                 compress_bound(Codec::Lz4, 1000));
   for (const Codec codec : {Codec::Zstd, Codec::Lz4}) {
     const std::size_t size = compress(codec, 3, zeros, out);
     ASSERT_GT(size, 0U);
