@@ -23,7 +23,8 @@ constexpr std::array<OptionRow, 7> kDaemonOptions = {{
     kJobLogDir,
     kJobLogKeep,
 }};
-constexpr std::array<OptionRow, 4> kApiInitOptions = {{kConfig, kQueue, {"--cn", "", true}, kForce}};
+constexpr std::array<OptionRow, 4> kApiInitOptions = {
+    {kConfig, kQueue, {"--cn", "", true}, kForce}};
 constexpr std::array<OptionRow, 3> kApiTokenOptions = {{kConfig, kQueue, {"--role", "", true}}};
 constexpr std::array<OptionRow, 8> kRunOptions = {{
     kConfig,

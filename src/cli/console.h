@@ -9,8 +9,8 @@
 
 namespace orv {
 
-// Prints "error: ..." on standard error and returns kExitFailed, so that a failure is one statement.
-// The format takes no line end.
+// Prints "error: ..." on standard error and returns kExitFailed, so that a failure is one
+// statement. The format takes no line end.
 [[gnu::format(printf, 1, 2)]] int complain(const char* format, ...);
 
 // The configuration that the command line names; null after the complaint.

@@ -1,9 +1,8 @@
-#include <array>
-#include <cstdio>
 #include <memory>
 
 #include "api/handler.h"
 #include "cli/commands.h"
+#include "cli/console.h"
 #include "cli/settings.h"
 #include "common/log.h"
 #include "config/config.h"
@@ -15,12 +14,8 @@ namespace {
 
 // The configuration is only looked at for the settings; the loop loads its own.
 int settle(const CommandContext& context, DaemonSettings& settings) {
-  const auto config = std::make_unique<Config>();
-  std::array<char, kConfigMessageSize> err{};
-  if (config_load(context.config_path, *config, err) != 0) {
-    std::fprintf(stderr, "error: %s\n", err.data());
-    return kExitUsage;
-  }
+  const std::unique_ptr<Config> config = load_config(context);
+  if (config == nullptr) return kExitUsage;
   const RunSettings run = settle_run_settings(context.args, config->sched);
   const LoopSettings loop = settle_loop_settings(context.args, config->sched);
   settings.config_path = context.config_path;

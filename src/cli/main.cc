@@ -1,8 +1,14 @@
 // orv_sched: the daemon and the operator's commands.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstddef>
+#include <cstdio>
+#include <new>
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/console.h"
 #include "cli/scanner.h"
 #include "cli/usage.h"
 #include "common/log.h"
@@ -19,6 +25,22 @@ namespace {
 void warn(const std::string& warning) {
   log_msg(LogLevel::Warn, "%s", warning.c_str());
   runlog_msg(kRunlogBasic, "%s", warning.c_str());
+}
+
+// Whoever starts the program without standard streams must not see its messages end up in the first
+// files that it opens, the queue among them.
+void occupy_standard_streams() {
+  int fd = 0;
+  do {
+    fd = ::open("/dev/null", O_RDWR);  // takes the lowest free number
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) (void)::close(fd);
+}
+
+// A result that could not be written is none.
+int deliver_results(int status) {
+  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  return written || status != kExitOk ? status : complain("cannot write to standard output");
 }
 
 int run_program(const ArgList& args) {
@@ -41,12 +63,17 @@ int run_program(const ArgList& args) {
   scan_command_line(args, *command, warn);
   const CommandContext context{option_value(args, "--config", kDefaultConfigPath),
                                option_value(args, "--queue", kDefaultQueuePath), args};
-  return command->run(context);
+  try {
+    return command->run(context);
+  } catch (const std::bad_alloc&) {
+    return complain("out of memory");
+  }
 }
 
 }  // namespace
 }  // namespace orv
 
 int main(int argc, char** argv) {
-  return orv::run_program(orv::ArgList(argv, static_cast<std::size_t>(argc)));
+  orv::occupy_standard_streams();
+  return orv::deliver_results(orv::run_program(orv::ArgList(argv, static_cast<std::size_t>(argc))));
 }

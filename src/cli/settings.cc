@@ -22,8 +22,8 @@ RunSettings settle_run_settings(const ArgList& args, const SchedSection& sched) 
   RunSettings settings;
   settings.job_timeout_s =
       settle(args, "--job-timeout-seconds", sched.job_timeout_s, kDefaultJobTimeout);
-  settings.job_log_dir = std::string(option_value(args, "--job-log-dir", directory))
-                             .substr(0, kMaxJobLogDir);
+  settings.job_log_dir =
+      std::string(option_value(args, "--job-log-dir", directory)).substr(0, kMaxJobLogDir);
   settings.job_log_keep = settle(args, "--job-log-keep", sched.job_log_keep, kDefaultJobLogKeep);
   return settings;
 }

@@ -42,8 +42,8 @@ TEST(Scanner, WarnsOfWhatTheCommandDoesNotTake) {
       {{"p", "list", "--queue", "--config", "a"}, {"unexpected argument 'a' ignored"}},
       {{"p", "list", "--", "--bogus", "extra"}, {}},
       {{"p", "list", "--queue"}, {}},
-      {{"p", "list", "--bogus", "-"}, {"unknown option '--bogus' ignored",
-                                       "unexpected argument '-' ignored"}},
+      {{"p", "list", "--bogus", "-"},
+       {"unknown option '--bogus' ignored", "unexpected argument '-' ignored"}},
       // Another command's option is unknown here; the run log's need the run log.
       {{"p", "list", "--force"}, {"unknown option '--force' ignored"}},
       {{"p", "list", "--%s%n", "x"}, {"unknown option '--%s%n' ignored (with the value after it)"}},
@@ -63,8 +63,8 @@ TEST(Settings, FlagThenFileThenDefault) {
   EXPECT_EQ(settle_run_settings(none, sched).job_log_dir, "/var/log/orv/orv_sched-jobs");
   EXPECT_EQ(settle_run_settings(none, sched).job_log_keep, 20U);
 
-  const Words flags = {"p", "daemon", "--poll-interval", "7", "--job-log-keep", "0",
-                       "--job-log-dir=" };
+  const Words flags = {"p", "daemon",        "--poll-interval", "7", "--job-log-keep",
+                       "0", "--job-log-dir="};
   EXPECT_EQ(settle_loop_settings(flags, sched).busy_retry_s, 7U);  // the settled poll interval
   sched.busy_retry_s = 9;
   sched.job_log_keep = 3;

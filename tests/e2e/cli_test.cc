@@ -40,8 +40,8 @@ TEST_F(CliTest, UsageGoesToStandardOutput) {
     std::vector<std::string> words;
     int status;
   };
-  for (const Case& c : std::vector<Case>{{{"bogus"}, 2}, {{"list", "-h"}, 0}, {{"run", "-x"}, 2},
-                                         {{"start"}, 2}}) {
+  for (const Case& c :
+       std::vector<Case>{{{"bogus"}, 2}, {{"list", "-h"}, 0}, {{"run", "-x"}, 2}, {{"start"}, 2}}) {
     SCOPED_TRACE(c.words.front());
     const ProgramResult result = sched(c.words);
     EXPECT_EQ(result.status, c.status);
@@ -104,10 +104,10 @@ TEST_F(CliTest, ValidateTellsTheFirstFault) {
 }
 
 TEST_F(CliTest, ListShowsWhatTheDaemonWouldSeeAndCreatesNothing) {
-  const ProgramResult result = with_config(
-      {"list"},
-      "[nightly]\nonce=4102444800\n[check]\ncommand=verify\nafter=nightly,prune\n"
-      "after-mode=finished\n[prune]\ncommand=maint-prune\nenabled=no\n");
+  const ProgramResult result =
+      with_config({"list"},
+                  "[nightly]\nonce=4102444800\n[check]\ncommand=verify\nafter=nightly,prune\n"
+                  "after-mode=finished\n[prune]\ncommand=maint-prune\nenabled=no\n");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out,
             "NAME                     COMMAND            STATUS     NEXT-RUN             LAST-RUN "
@@ -133,8 +133,9 @@ TEST_F(CliTest, ListReportsAQueueThatCannotBeRead) {
 
 TEST_F(CliTest, ListIsColouredOnATerminalOnly) {
   const std::string config = dir_.write("cfg", "[a]\nonce=4102444800\n[b]\nenabled=no\n");
-  const std::string command = std::string(ORV_SCHED_PROGRAM) + " list --no-syslog --no-log --config " +
-                              config + " --queue " + dir_.file("q");
+  const std::string command = std::string(ORV_SCHED_PROGRAM) +
+                              " list --no-syslog --no-log --config " + config + " --queue " +
+                              dir_.file("q");
   const auto on_terminal = [&](const char* no_color) {
     return run_program({"script", "-qec", command, "/dev/null"}, {{"NO_COLOR", no_color}}).out;
   };
@@ -146,10 +147,29 @@ TEST_F(CliTest, ListIsColouredOnATerminalOnly) {
   EXPECT_FALSE(contains(on_terminal("1"), "\033["));
 }
 
+TEST_F(CliTest, ClosedAndFullStreamsLoseNothing) {
+  const std::string config = dir_.write("cfg", "[a]\nonce=1\nprofile=p\n");
+  const std::string options = " --no-syslog --no-log --config " + config + " --queue " +
+                              dir_.file("queue") + " --job-log-dir " + dir_.file("logs");
+  const auto shell = [&](const std::string& command, const char* redirection) {
+    return run_program({"sh", "-c", ORV_SCHED_PROGRAM " " + command + options + " " + redirection});
+  };
+  // Without a standard error, messages must not be written into the first file that is opened.
+  EXPECT_EQ(shell("run a", "2>&-").status, 1);  // there is no tool
+  const std::string log = run_program({"sh", "-c", "cat " + dir_.file("logs") + "/a/*.log"}).out;
+  EXPECT_TRUE(contains(log, "finish_unix: "));
+  EXPECT_FALSE(contains(log, "[orv_sched]")) << log;
+
+  const ProgramResult full = shell("validate", ">/dev/full");
+  EXPECT_EQ(full.status, 1);
+  EXPECT_TRUE(full.err.ends_with("error: cannot write to standard output\n")) << full.err;
+}
+
 TEST_F(CliTest, TheDaemonNeedsAConfiguration) {
   const ProgramResult result = with_config({"daemon"}, "[a]\n");
   EXPECT_EQ(result.status, 2);
-  EXPECT_TRUE(contains(result.err, "error: [a]: needs at least one of 'schedule', 'once' or 'after'"));
+  EXPECT_TRUE(
+      contains(result.err, "error: [a]: needs at least one of 'schedule', 'once' or 'after'"));
 }
 
 }  // namespace
