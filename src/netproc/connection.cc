@@ -279,10 +279,12 @@ void Connection::refuse(const HttpError& error, std::int64_t retry_after_s) {
 void Connection::send(const HttpReply& reply) {
   stage_ = Stage::Reply;
   out_ = http_reply_text(reply);
+  if (parser_->get().method() == http::verb::head) out_.resize(out_.size() - reply.body.size());
   tcp().expires_after(host_.limits.reply);
   asio::async_write(stream_, asio::buffer(out_),
                     then([](Connection& c, const error_code& ec, std::size_t) {
                       if (ec) return c.close();
+                      std::string().swap(c.out_);  // an idle connection holds little memory
                       c.keep_alive_ ? c.await_request(false) : c.farewell();
                     }));
 }

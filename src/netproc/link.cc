@@ -28,14 +28,10 @@ void Link::on_input() {
   for (int i = 0; i < kLinkRecordsPerTurn && !ended_ && !busy(); ++i) {
     IpcParsed record;
     switch (ipc_recv(socket_.native_handle(), *buffer_, true)) {
-      case IpcReceived::Nothing:
-        return await_input();
-      case IpcReceived::Closed:
-        return end(nullptr);
-      case IpcReceived::Oversized:
-        return end("the scheduler sent an oversized record");
-      case IpcReceived::Record:
-        break;
+      case IpcReceived::Nothing: return await_input();
+      case IpcReceived::Closed: return end(nullptr);
+      case IpcReceived::Oversized: return end("the scheduler sent an oversized record");
+      case IpcReceived::Record: break;
     }
     if (ipc_parse({buffer_->bytes.data(), buffer_->length}, record) != 0) {
       return end("the scheduler sent a malformed record");

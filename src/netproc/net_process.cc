@@ -72,16 +72,11 @@ int NetProcess::run(ScopedFd listener) {
 
 void NetProcess::on_record(const IpcParsed& record) {
   switch (static_cast<MessageType>(record.type)) {
-    case MessageType::MailConfig:
-      return on_mail_config(record);
-    case MessageType::MailSend:
-      return on_mail_send(record);
-    case MessageType::ApiConfig:
-      return on_api_config(record);
-    case MessageType::ApiResponse:
-      return on_api_response(record);
-    default:
-      return on_end("the scheduler sent a record of a type that it may not send");
+    case MessageType::MailConfig: return on_mail_config(record);
+    case MessageType::MailSend: return on_mail_send(record);
+    case MessageType::ApiConfig: return on_api_config(record);
+    case MessageType::ApiResponse: return on_api_response(record);
+    default: return on_end("the scheduler sent a record of a type that it may not send");
   }
 }
 

@@ -107,14 +107,13 @@ int on_trace(CURL*, curl_infotype type, char* data, std::size_t size, void* user
 std::size_t on_read(char* into, std::size_t size, std::size_t count, void* user) {
   Delivery& delivery = *static_cast<Delivery*>(user);
   const std::size_t n = std::min(size * count, delivery.message.size() - delivery.offset);
-  if (n == 0) {
+  ::memcpy(into, delivery.message.data() + delivery.offset, n);
+  delivery.offset += n;
+  if (delivery.offset == delivery.message.size()) {
     delivery.message_sent = true;
     delivery.step = "end of the message";
     delivery.answer.clear();
-    return 0;
   }
-  ::memcpy(into, delivery.message.data() + delivery.offset, n);
-  delivery.offset += n;
   return n;
 }
 

@@ -1,13 +1,9 @@
 #include "netproc/http_message.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace orv {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 TEST(HttpHead, BecomesARequestOrTheErrorToAnswer) {
   const std::string long_path = "/" + std::string(2047, 'a'), long_query(1024, 'q');
@@ -50,23 +46,6 @@ TEST(HttpHead, BecomesARequestOrTheErrorToAnswer) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->status, status);
   }
-}
-
-TEST(HttpReply, CarriesWhatTheSchedulerSaid) {
-  EXPECT_EQ(http_reply_text({.status = 201,
-                             .body = "{}",
-                             .etag = "\"e\"",
-                             .signature = "abc",
-                             .now = 784111777,
-                             .keep_alive = true}),
-            "HTTP/1.1 201 Created\r\nDate: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
-            "Content-Type: application/json\r\nContent-Length: 2\r\nCache-Control: no-store\r\n"
-            "ETag: \"e\"\r\nORV-Signature: abc\r\nConnection: keep-alive\r\n\r\n{}");
-  const std::string blocked = http_reply_text(
-      {.status = 429, .body = http_error_body(kHttpTooManyFailures), .retry_after_s = 30});
-  EXPECT_THAT(blocked, HasSubstr("\r\nRetry-After: 30\r\nConnection: close\r\n"));
-  EXPECT_THAT(blocked, HasSubstr(R"({"error":{"code":"too_many_failures","message":")"));
-  EXPECT_THAT(blocked, Not(HasSubstr("ETag")));
 }
 
 }  // namespace
