@@ -1,11 +1,8 @@
 #include "config/cron.h"
 
-#include <time.h>
-
-#include <array>
-#include <cstdlib>
+#include <ctime>
+#include <limits>
 #include <optional>
-#include <vector>
 
 #include "common/message.h"
 #include "common/text.h"
@@ -13,198 +10,237 @@
 namespace orv {
 namespace {
 
-struct FieldRow {
-  const char* name;
-  unsigned low;
-  unsigned high;
-};
-constexpr std::array<FieldRow, 5> kFields = {{
-    {"minute", 0, 59},
-    {"hour", 0, 23},
-    {"day-of-month", 1, 31},
-    {"month", 1, 12},
-    {"day-of-week", 0, 7},
-}};
+constexpr std::size_t kFields = 5;
 
-struct ItemRange {
+// Decimal digits only. A number beyond 32 bits stays at the largest one: it is out of every bound
+// and as a step it passes every end, so it never wraps into something valid.
+std::optional<std::uint32_t> read_number(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  constexpr std::uint32_t kLargest = std::numeric_limits<std::uint32_t>::max();
+  std::uint64_t value = 0;
+  for (const char c : text) {
+    if (!is_digit(c)) return std::nullopt;
+    value = value * 10 + static_cast<std::uint64_t>(c - '0');
+    if (value > kLargest) value = kLargest;
+  }
+  return static_cast<std::uint32_t>(value);
+}
+
+struct Range {
   std::uint64_t first = 0;
   std::uint64_t last = 0;
-  std::uint64_t step = 1;
 };
 
-// Decimal digits of any length. A number too large for 64 bits is larger than any bound, too.
-bool parse_number(std::string_view text, std::uint64_t& out) {
-  if (text.empty()) return false;
-  for (const char c : text) {
-    if (!is_digit(c)) return false;
+// "*", "a-b" or "n", within low..high.
+std::optional<Range> read_range(std::string_view text, unsigned low, unsigned high) {
+  if (text == "*") return Range{low, high};
+  const std::size_t dash = text.find('-');
+  const auto first = read_number(text.substr(0, dash));
+  const auto last = dash == std::string_view::npos ? first : read_number(text.substr(dash + 1));
+  if (!first || !last || *first < low || *last > high || *first > *last) return std::nullopt;
+  return Range{*first, *last};
+}
+
+bool select_item(std::string_view item, unsigned low, unsigned high,
+                 std::span<std::uint8_t> flags) {
+  std::uint64_t step = 1;
+  const std::size_t slash = item.find('/');
+  if (slash != std::string_view::npos) {
+    const auto number = read_number(item.substr(slash + 1));
+    if (!number || *number < 1) return false;
+    step = *number;
   }
-  if (!parse_u64(text, out)) out = UINT64_MAX;
+  const auto range = read_range(item.substr(0, slash), low, high);
+  if (!range) return false;
+  for (std::uint64_t value = range->first; value <= range->last; value += step) flags[value] = 1;
   return true;
 }
 
-bool parse_item(std::string_view item, unsigned low, unsigned high, ItemRange& out) {
-  const std::size_t slash = item.find('/');
-  if (slash != std::string_view::npos) {
-    if (!parse_number(item.substr(slash + 1), out.step) || out.step < 1) return false;
-    item = item.substr(0, slash);
-  }
-  const std::size_t dash = item.find('-');
-  if (item == "*") {
-    out.first = low;
-    out.last = high;
-  } else if (dash != std::string_view::npos) {
-    if (!parse_number(item.substr(0, dash), out.first) ||
-        !parse_number(item.substr(dash + 1), out.last)) {
-      return false;
-    }
-  } else {
-    if (!parse_number(item, out.first)) return false;
-    out.last = out.first;  // a step on a single number has no effect
-  }
-  return low <= out.first && out.first <= out.last && out.last <= high;
+// Takes the next field off the front of `rest`; false when only separators are left.
+bool next_field(std::string_view& rest, std::string_view& field) {
+  constexpr std::string_view kSeparators = " \t";
+  const std::size_t begin = rest.find_first_not_of(kSeparators);
+  if (begin == std::string_view::npos) return false;
+  rest.remove_prefix(begin);
+  field = rest.substr(0, rest.find_first_of(kSeparators));
+  rest.remove_prefix(field.size());
+  return true;
 }
 
-std::vector<std::string_view> split_fields(std::string_view text) {
-  std::vector<std::string_view> fields;
-  while (true) {
-    const std::size_t start = text.find_first_not_of(" \t");
-    if (start == std::string_view::npos) return fields;
-    const std::size_t end = text.find_first_of(" \t", start);
-    fields.push_back(text.substr(start, end - start));
-    if (end == std::string_view::npos) return fields;
-    text.remove_prefix(end);
-  }
-}
-
-// A civil date with what the day fields ask about.
+// A date of the calendar, without any clock. The year is wide enough for whatever localtime()
+// gives.
 struct CivilDate {
-  int month;  // 1..12
-  int day;    // 1..31
-  int weekday;  // 0 is Sunday
+  std::int64_t year = 0;
+  std::size_t month = 1;    // 1..12
+  std::size_t day = 1;      // 1..31
+  std::size_t weekday = 0;  // 0 is Sunday
 };
 
-// Walks civil dates one day at a time, without the C library. Days are counted from 1970-01-01
-// (proleptic Gregorian calendar).
-class CivilCalendar {
- public:
-  explicit CivilCalendar(std::int64_t day_number) : number_(day_number) {
-    // Shifted so that a year begins in March and the leap day is its last.
-    const std::int64_t z = day_number + 719468;
-    const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const std::int64_t of_era = z - era * 146097;
-    const std::int64_t year_of_era =
-        (of_era - of_era / 1460 + of_era / 36524 - of_era / 146096) / 365;
-    const std::int64_t of_year = of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-    const std::int64_t shifted_month = (5 * of_year + 2) / 153;
-    day_ = static_cast<int>(of_year - (153 * shifted_month + 2) / 5) + 1;
-    month_ = static_cast<int>(shifted_month < 10 ? shifted_month + 3 : shifted_month - 9);
-    year_ = year_of_era + era * 400 + (month_ <= 2 ? 1 : 0);
-  }
+CivilDate date_of(const std::tm& local) {
+  return {std::int64_t{local.tm_year} + 1900, static_cast<std::size_t>(local.tm_mon) + 1,
+          static_cast<std::size_t>(local.tm_mday), static_cast<std::size_t>(local.tm_wday)};
+}
 
-  [[nodiscard]] CivilDate date() const {
-    return {month_, day_, static_cast<int>(((number_ + 4) % 7 + 7) % 7)};
-  }
+CivilDate day_after(const CivilDate& date) {
+  static constexpr std::array<std::size_t, 13> kDays = {0,  31, 28, 31, 30, 31, 30,
+                                                        31, 31, 30, 31, 30, 31};
+  const bool leap = date.year % 4 == 0 && (date.year % 100 != 0 || date.year % 400 == 0);
+  const std::size_t last = kDays[date.month] + (leap && date.month == 2 ? 1 : 0);
+  CivilDate next = date;
+  next.weekday = (date.weekday + 1) % 7;
+  if (++next.day <= last) return next;
+  next.day = 1;
+  if (++next.month <= 12) return next;
+  next.month = 1;
+  ++next.year;
+  return next;
+}
 
-  void advance() {
-    ++number_;
-    if (++day_ <= days_in_month()) return;
-    day_ = 1;
-    if (++month_ <= 12) return;
-    month_ = 1;
-    ++year_;
-  }
+bool qualifies(const CronSpec& spec, const CivilDate& date) {
+  return spec.month[date.month] != 0 && spec.day_of_month[date.day] != 0 &&
+         (spec.day_of_week[date.weekday] != 0 || (date.weekday == 0 && spec.day_of_week[7] != 0));
+}
 
- private:
-  [[nodiscard]] int days_in_month() const {
-    static constexpr std::array<int, 13> kDays = {0,  31, 28, 31, 30, 31, 30,
-                                                  31, 31, 30, 31, 30, 31};
-    const bool leap = (year_ % 4 == 0 && year_ % 100 != 0) || year_ % 400 == 0;
-    return kDays[static_cast<std::size_t>(month_)] + (month_ == 2 && leap ? 1 : 0);
-  }
+std::optional<std::tm> local_time(std::int64_t at) {
+  const std::time_t seconds = at;
+  std::tm local{};
+  if (::localtime_r(&seconds, &local) == nullptr) return std::nullopt;
+  return local;
+}
 
-  std::int64_t number_;
-  std::int64_t year_;
-  int month_;
-  int day_;
+// The time of the wall clock that `local` shows; `local` is then what that time reads back as.
+std::optional<std::int64_t> ask_mktime(std::tm& local) {
+  local.tm_isdst = -1;
+  local.tm_wday = -1;  // -1 is also a time; what mktime() leaves untouched on failure is this
+  const std::time_t at = std::mktime(&local);
+  if (at == -1 && local.tm_wday == -1) return std::nullopt;
+  return at;
+}
+
+// A day that is tried: its midnight, and what the local time of that midnight reads back as.
+struct TriedDay {
+  std::int64_t midnight = 0;
+  std::tm local{};
 };
 
-std::int64_t day_number_of(const struct tm& local) {
-  struct tm date {};
-  date.tm_year = local.tm_year;
-  date.tm_mon = local.tm_mon;
-  date.tm_mday = local.tm_mday;
-  const std::int64_t seconds = ::timegm(&date);  // midnight, so that the division is exact
-  return seconds / 86400;
+std::optional<TriedDay> ask_midnight(const std::tm& start_local, int days) {
+  TriedDay day;
+  day.local.tm_year = start_local.tm_year;
+  day.local.tm_mon = start_local.tm_mon;
+  day.local.tm_mday = start_local.tm_mday + days;
+  const auto midnight = ask_mktime(day.local);
+  if (!midnight) return std::nullopt;
+  day.midnight = *midnight;
+  return day;
 }
 
-bool date_qualifies(const CronSpec& spec, const CivilDate& date) {
-  const auto weekday = static_cast<std::size_t>(date.weekday);
-  return spec.month[static_cast<std::size_t>(date.month)] != 0 &&
-         spec.day_of_month[static_cast<std::size_t>(date.day)] != 0 &&
-         (spec.day_of_week[weekday] != 0 || (weekday == 0 && spec.day_of_week[7] != 0));
+bool begins_at_midnight(const TriedDay& day) {
+  return day.local.tm_hour == 0 && day.local.tm_min == 0 && day.local.tm_sec == 0;
 }
 
-CivilDate date_of(const struct tm& local) {
-  return {local.tm_mon + 1, local.tm_mday, local.tm_wday};
+// Where a midnight is missing or comes twice, mktime() answers by the offset that it met in its
+// last call, whatever that was. Asking for the day before first settles that, and makes the first
+// pass of a repeated hour win, for the day's later times as well. It is only done where it matters:
+// a midnight that reads back as asked for, with the offset of the day before, has nothing to
+// settle.
+std::optional<TriedDay> try_day(const std::tm& start_local, int days, const CivilDate& civil) {
+  const auto day = ask_midnight(start_local, days);
+  if (day && begins_at_midnight(*day) &&
+      static_cast<std::size_t>(day->local.tm_mday) == civil.day) {
+    const auto day_before = local_time(day->midnight - 86400);
+    if (day_before && day_before->tm_gmtoff == day->local.tm_gmtoff) return day;
+  }
+  (void)ask_midnight(start_local, days - 1);  // only for what mktime() remembers of it
+  return ask_midnight(start_local, days);
 }
 
-// The time of one local minute of `day`, when there is such a minute and it is not before `start`.
-std::optional<std::int64_t> candidate(const struct tm& day, int hour, int minute,
-                                      std::int64_t start) {
-  struct tm local {};
-  local.tm_year = day.tm_year;
-  local.tm_mon = day.tm_mon;
-  local.tm_mday = day.tm_mday;
+// The time of hour:minute on `day`; nothing when the day does not have it.
+std::optional<std::int64_t> time_on_day(const TriedDay& day, int hour, int minute) {
+  if (begins_at_midnight(day)) {
+    // As long as the offset is midnight's, this is what mktime() would try, and accept, first.
+    const std::int64_t at = day.midnight + hour * 3600 + minute * 60;
+    const auto local = local_time(at);
+    if (local && local->tm_gmtoff == day.local.tm_gmtoff) return at;
+  }
+  std::tm local{};
+  local.tm_year = day.local.tm_year;
+  local.tm_mon = day.local.tm_mon;
+  local.tm_mday = day.local.tm_mday;
   local.tm_hour = hour;
   local.tm_min = minute;
-  local.tm_isdst = -1;
-  // mktime() leaves in `local` what its result reads back as.
-  const time_t time = ::mktime(&local);
-  if (time == -1 || time < start) return std::nullopt;
-  const bool exists = local.tm_hour == hour && local.tm_min == minute &&
-                      local.tm_mday == day.tm_mday && local.tm_mon == day.tm_mon;
-  return exists ? std::optional<std::int64_t>(time) : std::nullopt;
+  const auto at = ask_mktime(local);
+  if (!at || local.tm_hour != hour || local.tm_min != minute ||
+      local.tm_mday != day.local.tm_mday || local.tm_mon != day.local.tm_mon) {
+    return std::nullopt;
+  }
+  return at;
 }
 
-// The first candidate of a day, from the given hour and minute on.
-std::optional<std::int64_t> first_in_day(const CronSpec& spec, const struct tm& day, int hour,
-                                         int minute, std::int64_t start) {
-  for (; hour < 24; ++hour, minute = 0) {
-    if (spec.hour[static_cast<std::size_t>(hour)] == 0) continue;
-    for (int m = minute; m < 60; ++m) {
-      if (spec.minute[static_cast<std::size_t>(m)] == 0) continue;
-      if (const auto time = candidate(day, hour, m, start)) return time;
+struct ClockTime {
+  std::size_t hour = 0;
+  std::size_t minute = 0;
+};
+
+// The first allowed time of a day at or after `from`.
+std::optional<ClockTime> next_clock_time(const CronSpec& spec, ClockTime from) {
+  for (; from.hour < spec.hour.size(); ++from.hour, from.minute = 0) {
+    if (spec.hour[from.hour] == 0) continue;
+    for (; from.minute < spec.minute.size(); ++from.minute) {
+      if (spec.minute[from.minute] != 0) return from;
     }
   }
   return std::nullopt;
 }
 
-// Midnight of start's date plus `offset` days, read back. mktime() keeps a guess of the offset from UTC
-// between calls: asked for midnight first and for later times in order, it settles on the first pass
-// of an hour that occurs twice.
-bool local_midnight(const struct tm& start, int offset, struct tm& day) {
-  day = {};
-  day.tm_year = start.tm_year;
-  day.tm_mon = start.tm_mon;
-  day.tm_mday = start.tm_mday + offset;
-  day.tm_isdst = -1;
-  return ::mktime(&day) != -1;
+std::optional<std::int64_t> search_day(const CronSpec& spec, const TriedDay& day, ClockTime from,
+                                       std::int64_t start) {
+  while (const auto clock = next_clock_time(spec, from)) {
+    const auto at =
+        time_on_day(day, static_cast<int>(clock->hour), static_cast<int>(clock->minute));
+    if (at && *at >= start) return at;
+    from = {clock->hour, clock->minute + 1};
+  }
+  return std::nullopt;
+}
+
+// A date whose midnight is missing may read back as a neighbour. So a date is passed over unasked
+// only when neither it nor one of its neighbours qualifies; start's own date, when it has no
+// allowed time left.
+std::int64_t search(const CronSpec& spec, std::int64_t start, const std::tm& start_local) {
+  ClockTime from{static_cast<std::size_t>(start_local.tm_hour),
+                 static_cast<std::size_t>(start_local.tm_min)};
+  CivilDate civil = date_of(start_local);
+  bool before = true;
+  bool here = qualifies(spec, civil);
+  for (int days = 0; days < kCronHorizonDays; ++days, from = ClockTime{}) {
+    const CivilDate next = day_after(civil);
+    const bool after = qualifies(spec, next);
+    if ((before || here || after) && next_clock_time(spec, from)) {
+      const auto day = try_day(start_local, days, civil);
+      if (day && qualifies(spec, date_of(day->local))) {
+        if (const auto at = search_day(spec, *day, from, start)) return *at;
+      }
+    }
+    before = here;
+    here = after;
+    civil = next;
+  }
+  return kCronNoRun;
+}
+
+bool same_reading(const std::tm& a, const std::tm& b) {
+  return a.tm_gmtoff == b.tm_gmtoff && a.tm_min == b.tm_min && a.tm_hour == b.tm_hour &&
+         a.tm_mday == b.tm_mday;
 }
 
 }  // namespace
 
 int cron_parse_field(std::string_view text, unsigned low, unsigned high,
                      std::span<std::uint8_t> flags) {
-  bool any = false;
   std::string_view item;
+  bool any = false;
   while (next_list_item(text, item)) {
-    ItemRange range;
-    if (!parse_item(item, low, high, range)) return -1;
-    // A step beyond the range selects the first value; adding it could wrap.
-    for (std::uint64_t value = range.first;; value += range.step) {
-      flags[value] = 1;
-      if (range.step > range.last - value) break;
-    }
+    if (!select_item(item, low, high, flags)) return -1;
     any = true;
   }
   return any ? 0 : -1;
@@ -212,19 +248,36 @@ int cron_parse_field(std::string_view text, unsigned low, unsigned high,
 
 int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
   if (text.size() > kMaxCronText) return fail(err, "cron expression too long");
-  const std::vector<std::string_view> fields = split_fields(text);
-  if (fields.size() != kFields.size()) {
-    return fail(err,
-                "expected 5 fields (minute hour day-of-month month day-of-week), got %d",
-                static_cast<int>(fields.size()));
+  std::array<std::string_view, kFields> fields;
+  std::string_view field;
+  std::size_t count = 0;
+  for (std::string_view rest = text; next_field(rest, field); ++count) {
+    if (count < kFields) fields[count] = field;
   }
+  if (count != kFields) {
+    return fail(err, "expected 5 fields (minute hour day-of-month month day-of-week), got %d",
+                static_cast<int>(count));
+  }
+
+  struct FieldRow {
+    const char* name;
+    unsigned low;
+    unsigned high;
+    std::span<std::uint8_t> flags;
+  };
   CronSpec spec;
-  const std::array<std::span<std::uint8_t>, 5> flags = {spec.minute, spec.hour, spec.day_of_month,
-                                                        spec.month, spec.day_of_week};
-  for (std::size_t i = 0; i < kFields.size(); ++i) {
-    if (cron_parse_field(fields[i], kFields[i].low, kFields[i].high, flags[i]) != 0) {
-      return fail(err, "invalid %s field '%.*s'", kFields[i].name,
-                  static_cast<int>(fields[i].size()), fields[i].data());
+  const std::array<FieldRow, kFields> rows = {{
+      {"minute", 0, 59, spec.minute},
+      {"hour", 0, 23, spec.hour},
+      {"day-of-month", 1, 31, spec.day_of_month},
+      {"month", 1, 12, spec.month},
+      {"day-of-week", 0, 7, spec.day_of_week},
+  }};
+  for (std::size_t i = 0; i < kFields; ++i) {
+    const FieldRow& row = rows[i];
+    if (cron_parse_field(fields[i], row.low, row.high, row.flags) != 0) {
+      return fail(err, "invalid %s field '%.*s'", row.name, static_cast<int>(fields[i].size()),
+                  fields[i].data());
     }
   }
   out = spec;
@@ -232,33 +285,20 @@ int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
 }
 
 std::int64_t cron_next_run(const CronSpec& spec, std::int64_t now, bool include_current_minute) {
-  const std::int64_t past_minute = ((now % 60) + 60) % 60;
-  const std::int64_t start = now - past_minute + (include_current_minute ? 0 : 60);
-  const time_t start_time = start;
-  struct tm first {};
-  if (::localtime_r(&start_time, &first) == nullptr) return kCronNoRun;
+  // Beyond this the arithmetic below could overflow; no calendar reaches that far.
+  constexpr std::int64_t kFarthest = std::numeric_limits<std::int64_t>::max() / 2;
+  if (now > kFarthest || now < -kFarthest) return kCronNoRun;
+  const std::int64_t into_minute = ((now % 60) + 60) % 60;
+  const std::int64_t start = now - into_minute + (include_current_minute ? 0 : 60);
 
-  // A zone that skips its midnight, or a whole day, makes a date read back as its neighbour. So a day
-  // is passed over without asking the C library only when neither it nor its neighbours qualify, and
-  // every other day is judged by the date that is read back.
-  CivilCalendar calendar(day_number_of(first) - 1);
-  bool before = date_qualifies(spec, calendar.date());
-  calendar.advance();
-  bool on = date_qualifies(spec, calendar.date());
-  for (int offset = 0; offset < kCronHorizonDays; ++offset) {
-    calendar.advance();
-    const bool after = date_qualifies(spec, calendar.date());
-    const bool worth_trying = before || on || after;
-    before = on;
-    on = after;
-    struct tm day {};
-    if (!worth_trying || !local_midnight(first, offset, day)) continue;
-    if (!date_qualifies(spec, date_of(day))) continue;
-    const int hour = offset == 0 ? first.tm_hour : 0;
-    const int minute = offset == 0 ? first.tm_min : 0;
-    if (const auto time = first_in_day(spec, day, hour, minute, start)) return *time;
-  }
-  return kCronNoRun;
+  auto start_local = local_time(start);
+  if (!start_local) return kCronNoRun;
+  const std::int64_t found = search(spec, start, *start_local);
+  // mktime() takes up a change of the system's time zone, localtime_r() does not: when the zone was
+  // changed since the last search, start was read in the old one.
+  const auto read_again = local_time(start);
+  if (!read_again || same_reading(*start_local, *read_again)) return found;
+  return search(spec, start, *read_again);
 }
 
 }  // namespace orv
