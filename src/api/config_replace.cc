@@ -1,9 +1,7 @@
 #include "api/config_replace.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include "common/files.h"
 #include "common/message.h"
 #include "common/secret.h"
+#include "common/times.h"
 #include "config/config.h"
 
 namespace orv {
@@ -26,10 +25,6 @@ constexpr mode_t kPermissionBits = 07777;
 constexpr unsigned kCopiesPerSecond = 1000;  // names "<time>-000.cfg" to "<time>-999.cfg"
 constexpr std::string_view kCopySuffix = ".cfg";
 constexpr std::size_t kMaxReplaceMessage = 1023;  // bytes
-
-struct DirCloser {
-  void operator()(DIR* dir) const { ::closedir(dir); }
-};
 
 // The temporary file; it goes with the scope unless it has become the configuration.
 class TemporaryFile {
@@ -96,22 +91,11 @@ bool read_whole(const std::string& path, SecretBytes& out) {
   return true;
 }
 
-std::string utc_stamp(std::int64_t now) {
-  const time_t seconds = now;
-  struct tm utc {};
-  std::array<char, 32> text{};
-  ::gmtime_r(&seconds, &utc);
-  (void)::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
-  return text.data();
-}
-
 std::vector<std::string> history_names(const std::string& directory) {
-  std::vector<std::string> names;
-  const std::unique_ptr<DIR, DirCloser> dir(::opendir(directory.c_str()));
-  while (const dirent* const entry = dir ? ::readdir(dir.get()) : nullptr) {
-    const std::string_view name = entry->d_name;
-    if (name.size() > kCopySuffix.size() && name.ends_with(kCopySuffix)) names.emplace_back(name);
-  }
+  std::vector<std::string> names = directory_names(directory);
+  std::erase_if(names, [](const std::string& name) {
+    return name.size() <= kCopySuffix.size() || !name.ends_with(kCopySuffix);
+  });
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -132,7 +116,7 @@ unsigned next_number(const std::vector<std::string>& names, const std::string& s
 }
 
 ScopedFd create_copy(const std::string& directory, std::int64_t now, std::string& path) {
-  const std::string stamp = utc_stamp(now);
+  const std::string stamp = format_utc(now, kUtcStampFormat);
   ScopedFd fd;
   errno = EEXIST;
   for (unsigned n = next_number(history_names(directory), stamp); n < kCopiesPerSecond; ++n) {

@@ -1,6 +1,5 @@
 #include "api/run_logs.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -18,10 +17,6 @@ namespace {
 constexpr std::string_view kIdForm = "ddddddddTddddddZ";
 static_assert(kIdForm.size() == kRunIdLength);
 constexpr std::string_view kLogSuffix = ".log";
-
-struct DirCloser {
-  void operator()(DIR* dir) const { (void)::closedir(dir); }  // only read from: nothing to lose
-};
 
 int number_at(std::string_view digits, std::size_t at, std::size_t width) {
   int value = 0;
@@ -88,10 +83,8 @@ bool open_run_log(const std::string& directory, std::string_view run_id, RunLog&
 
 std::vector<std::string> list_run_ids(const std::string& directory) {
   std::vector<std::string> ids;
-  const std::unique_ptr<DIR, DirCloser> dir(::opendir(directory.c_str()));
-  if (!dir) return ids;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string_view name = entry->d_name;
+  for (const std::string& entry : directory_names(directory)) {
+    const std::string_view name = entry;
     if (name.size() != kRunIdLength + kLogSuffix.size() || !name.ends_with(kLogSuffix)) continue;
     if (is_run_id(name.substr(0, kRunIdLength))) ids.emplace_back(name.substr(0, kRunIdLength));
   }

@@ -15,6 +15,7 @@
 #include "common/files.h"
 #include "common/options.h"
 #include "common/secret.h"
+#include "common/times.h"
 
 namespace orv {
 namespace {
@@ -34,13 +35,8 @@ int save(const TokenFile& file) {
 int list_tokens(const TokenFile& file) {
   std::printf("%-32s %-6s %s\n", "NAME", "ROLE", "CREATED");
   for (const std::unique_ptr<ApiToken>& token : file.store.tokens) {
-    char created[32] = "-";
-    const std::time_t at = token->created;
-    std::tm local{};
-    if (at > 0 && ::localtime_r(&at, &local) != nullptr &&
-        std::strftime(created, sizeof created, "%Y-%m-%d %H:%M:%S", &local) == 0)
-      std::snprintf(created, sizeof created, "-");
-    std::printf("%-32s %-6s %s\n", token->name.c_str(), role_name(token->role), created);
+    std::printf("%-32s %-6s %s\n", token->name.c_str(), role_name(token->role),
+                local_time_cell(token->created).c_str());
   }
   return kExitOk;
 }

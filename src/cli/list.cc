@@ -9,6 +9,7 @@
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "common/times.h"
 #include "config/config.h"
 #include "config/job_command.h"
 #include "sched/queue_state.h"
@@ -17,19 +18,6 @@ namespace orv {
 namespace {
 
 constexpr std::size_t kMaxAfterCell = 511;  // bytes
-
-struct TimeCell {
-  std::array<char, 32> text{'-'};
-  explicit TimeCell(std::int64_t time) {
-    if (time < 1 || time == kNever) return;
-    const time_t seconds = time;
-    struct tm local {};
-    if (::localtime_r(&seconds, &local) == nullptr ||
-        ::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local) == 0) {
-      text = {'-'};
-    }
-  }
-};
 
 std::string after_cell(const Job& job) {
   if (job.after.empty()) return "-";
@@ -65,8 +53,8 @@ void print_row(const Job& job, const QueueRecord& record, bool color) {
   const std::string exit_code =
       record.started_at > 0 ? std::to_string(record.exit_code) : std::string("-");
   std::printf("%s%-24s %-18s %-10s %-20s %-20s %-20s %-6s %s%s\n", start, job.name.c_str(),
-              command_name(job.command), state_name(state), TimeCell(record.next_run).text.data(),
-              TimeCell(record.started_at).text.data(), TimeCell(record.finished_at).text.data(),
+              command_name(job.command), state_name(state), local_time_cell(record.next_run).c_str(),
+              local_time_cell(record.started_at).c_str(), local_time_cell(record.finished_at).c_str(),
               exit_code.c_str(), after_cell(job).c_str(), *start == '\0' ? "" : "\033[0m");
 }
 

@@ -1,10 +1,12 @@
 #include "common/files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/types.h>
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace orv {
@@ -83,6 +85,18 @@ FileIdentity file_identity(const char* path) {
   struct stat st {};
   if (::stat(path, &st) != 0) return {};
   return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ino, st.st_size};
+}
+
+std::vector<std::string> directory_names(const std::string& path) {
+  struct Closer {
+    void operator()(DIR* dir) const { ::closedir(dir); }
+  };
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, Closer> dir(::opendir(path.c_str()));
+  while (const dirent* const entry = dir ? ::readdir(dir.get()) : nullptr) {
+    names.emplace_back(entry->d_name);
+  }
+  return names;
 }
 
 std::string_view host_name(std::span<char, kMaxHostName + 1> buffer) {

@@ -7,7 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/scoped_fd.h"
 #include "common/status.h"
@@ -42,6 +44,10 @@ struct FileIdentity {
   friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 [[nodiscard]] FileIdentity file_identity(const char* path);
+
+// The names of the directory's entries, "." and ".." included, in no order; none when it cannot be
+// read.
+[[nodiscard]] std::vector<std::string> directory_names(const std::string& path);
 
 // The host's name, at most 255 bytes, "localhost" when it cannot be read.
 inline constexpr std::size_t kMaxHostName = 255;

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/times.h"
 #include "config/job_command.h"
 #include "plan/describe.h"
 #include "plan/findings.h"
@@ -40,7 +41,7 @@ std::string trigger_in_words(const Job& job) {
   if (job.has_schedule) {
     text = schedule_in_words(job.schedule) + " (" + job.schedule_text.c_str() + ")";
   } else if (job.has_once) {
-    text = "once at " + local_time_text(job.once);
+    text = "once at " + local_time_cell(job.once);
   }
   if (!job.after.empty()) {
     text += std::string(text.empty() ? "" : ", ") + "after " + join(job.after) +
@@ -58,7 +59,7 @@ void print_next_runs(const Job& job, const QueueRecord& record, std::int64_t now
   const char* label = "next runs:";
   for (int i = 0; i < kNextRunsShown && next > 0 && next != kNever; ++i) {
     const bool overdue = next <= now;
-    std::printf("%-11s %s%s\n", label, local_time_text(next).c_str(), overdue ? " (overdue)" : "");
+    std::printf("%-11s %s%s\n", label, local_time_cell(next).c_str(), overdue ? " (overdue)" : "");
     label = "";
     next = job.has_schedule ? cron_next_run(job.schedule, overdue ? now : next, false) : kNever;
   }
@@ -69,7 +70,7 @@ void print_last_runs(const Plan& plan, const Job& job) {
   if (runs.empty()) std::printf("last runs:  - (no logs in %s)\n", plan.job_log_dir.c_str());
   const char* label = "last runs:";
   for (const PastRun& run : runs) {
-    std::printf("%-11s %s  ", label, local_time_text(run.start).c_str());
+    std::printf("%-11s %s  ", label, local_time_cell(run.start).c_str());
     label = "";
     if (!run.trailer.finished) {
       std::printf("not finished\n");
@@ -104,7 +105,7 @@ int plan_forecast(const Plan& plan, unsigned days, const char* svg_path) {
   for (const PlannedRun& run : forecast.runs) {
     guessed = guessed || run.guessed;
     const std::string duration = (run.guessed ? "~" : "") + duration_text(run.end - run.start);
-    std::printf("%-20s %-9s %-24s %-9s %s\n", local_time_text(run.start).c_str(), duration.c_str(),
+    std::printf("%-20s %-9s %-24s %-9s %s\n", local_time_cell(run.start).c_str(), duration.c_str(),
                 run.job->name.c_str(), start_reason_name(run.reason),
                 run.late_s > 0 ? duration_text(run.late_s).c_str() : "-");
   }

@@ -114,16 +114,6 @@ std::string schedule_in_words(const CronSpec& spec) {
   return text;
 }
 
-std::string local_time_text(std::int64_t time) {
-  if (time < 1 || time == kNever) return "-";
-  const time_t seconds = time;
-  struct tm local {};
-  std::array<char, 64> text{};
-  if (::localtime_r(&seconds, &local) == nullptr) return "-";
-  if (::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local) == 0) return "-";
-  return text.data();
-}
-
 std::string duration_text(std::int64_t seconds) {
   std::array<char, 64> text{};
   const auto s = static_cast<long long>(seconds);

@@ -12,8 +12,6 @@ namespace orv {
 // "at 02:30, on Monday to Friday, in January".
 [[nodiscard]] std::string schedule_in_words(const CronSpec& spec);
 
-// Local time "2026-10-05 14:00:00"; "-" for 0, negative and never.
-[[nodiscard]] std::string local_time_text(std::int64_t time);
 // "3h 05m", "12m 04s", "9s".
 [[nodiscard]] std::string duration_text(std::int64_t seconds);
 

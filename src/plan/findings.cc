@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "common/times.h"
 #include "plan/describe.h"
 
 namespace orv {
@@ -58,7 +59,7 @@ bool stuck_at_never(const Job& job, const QueueRecord& record, std::int64_t now)
 std::string wait_for_time(const QueueRecord& record, std::int64_t now) {
   const bool retry = record_state(record) == JobState::Pending && record.started_at > 0;
   return std::string(retry ? "its tool was busy; it is tried again at " : "its time is ") +
-         local_time_text(record.next_run) + ", in " + duration_text(record.next_run - now);
+         local_time_cell(record.next_run) + ", in " + duration_text(record.next_run - now);
 }
 
 

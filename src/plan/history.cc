@@ -1,13 +1,11 @@
 #include "plan/history.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
 #include <functional>
-#include <memory>
 
 #include "common/files.h"
 
@@ -16,10 +14,6 @@ namespace {
 
 constexpr std::size_t kRunsLookedAt = 10;  // for a duration, before it counts as unknown
 constexpr std::int32_t kExitBusy = 75;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { ::closedir(dir); }
-};
 
 // The start that a log's name stands for ("20261005T140000Z.log").
 std::optional<std::int64_t> start_of(const std::string& name) {
@@ -44,10 +38,7 @@ std::optional<PastRun> read_run(const std::string& path, std::int64_t start) {
 std::vector<PastRun> past_runs(std::string_view job_log_dir, std::string_view job,
                                std::size_t most) {
   const std::string directory = job_log_directory(job_log_dir, job);
-  std::vector<std::string> names;
-  if (const std::unique_ptr<DIR, DirCloser> dir{::opendir(directory.c_str())}) {
-    while (const dirent* entry = ::readdir(dir.get())) names.emplace_back(entry->d_name);
-  }
+  std::vector<std::string> names = directory_names(directory);
   // The names sort by time.
   std::sort(names.begin(), names.end(), std::greater<>());
   std::vector<PastRun> runs;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/times.h"
 #include "plan/describe.h"
 
 namespace orv {
@@ -82,7 +83,7 @@ void add_run(std::string& out, const Scale& scale, const PlannedRun& run, int y)
   add(out, "<rect x=\"%.1f\" y=\"%d\" width=\"%.1f\" height=\"%d\" fill=\"%s\"><title>",
       scale.x(run.start), y + 4, width, kRowHeight - 8, fill);
   out += escape(run.job->name.view());
-  add(out, " %s, %s%s</title></rect>\n", local_time_text(run.start).c_str(),
+  add(out, " %s, %s%s</title></rect>\n", local_time_cell(run.start).c_str(),
       run.guessed ? "perhaps " : "", duration_text(run.end - run.start).c_str());
 }
 

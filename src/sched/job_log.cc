@@ -1,6 +1,5 @@
 #include "sched/job_log.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,14 +7,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <memory>
 #include <vector>
 
 #include "common/files.h"
+#include "common/times.h"
 
 namespace orv {
 namespace {
@@ -25,11 +21,6 @@ constexpr std::size_t kTrailerWindow = 512;  // bytes at the end of a log in whi
 constexpr std::string_view kLogSuffix = ".log";
 constexpr std::size_t kMaxLogName = 63;  // bytes of a name that rotation keeps
 
-struct DirCloser {
-  void operator()(DIR* dir) const { (void)::closedir(dir); }
-};
-using ScopedDir = std::unique_ptr<DIR, DirCloser>;
-
 // The number behind the first `label`, in the way of strtoll(); 0 when the label is not there.
 std::int64_t number_after(const std::string& text, std::string_view label) {
   const std::size_t at = text.find(label);
@@ -37,14 +28,13 @@ std::int64_t number_after(const std::string& text, std::string_view label) {
   return std::strtoll(text.c_str() + at + label.size(), nullptr, 10);
 }
 
-// The names of the directory's logs, cut; whatever goes wrong leaves what was found so far.
-std::vector<std::string> log_names(DIR* dir) {
-  std::vector<std::string> names;
-  while (const dirent* entry = ::readdir(dir)) {
-    const std::string_view name = entry->d_name;
-    if (name.size() <= kLogSuffix.size() || !name.ends_with(kLogSuffix)) continue;
-    names.emplace_back(name.substr(0, kMaxLogName));
-  }
+// The names of the directory's logs, cut.
+std::vector<std::string> log_names(const std::string& directory) {
+  std::vector<std::string> names = directory_names(directory);
+  std::erase_if(names, [](const std::string& name) {
+    return name.size() <= kLogSuffix.size() || !name.ends_with(kLogSuffix);
+  });
+  for (std::string& name : names) name.resize(std::min(name.size(), kMaxLogName));
   return names;
 }
 
@@ -55,14 +45,9 @@ std::string job_log_directory(std::string_view job_log_dir, std::string_view job
 }
 
 std::string job_log_path(std::string_view directory, std::int64_t start) {
-  const std::time_t seconds = start;
-  std::tm utc{};
-  std::array<char, 64> name{};
-  if (::gmtime_r(&seconds, &utc) == nullptr ||
-      std::strftime(name.data(), name.size(), "%Y%m%dT%H%M%SZ", &utc) == 0) {
-    std::snprintf(name.data(), name.size(), "%" PRId64, start);  // a year beyond all calendars
-  }
-  return std::string(directory) + "/" + name.data() + std::string(kLogSuffix);
+  std::string name = format_utc(start, kUtcStampFormat);
+  if (name.empty()) name = std::to_string(start);  // a year beyond all calendars
+  return std::string(directory) + "/" + name + std::string(kLogSuffix);
 }
 
 std::string job_log_header(const Job& job, std::span<const char* const> argv, std::int64_t start) {
@@ -117,14 +102,12 @@ void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer
 
 void rotate_job_logs(const std::string& directory, std::uint32_t keep) {
   if (keep == 0) return;
-  const ScopedDir dir(::opendir(directory.c_str()));
-  if (!dir) return;
-  std::vector<std::string> names = log_names(dir.get());
+  std::vector<std::string> names = log_names(directory);
   if (names.size() <= keep) return;
   std::sort(names.begin(), names.end());  // start times: the oldest come first
   names.resize(names.size() - keep);
   for (const std::string& name : names) {
-    (void)::unlinkat(::dirfd(dir.get()), name.c_str(), 0);  // a log that stays does no harm
+    (void)::unlink((directory + "/" + name).c_str());  // a log that stays does no harm
   }
 }
 

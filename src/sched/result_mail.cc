@@ -12,6 +12,7 @@
 
 #include "common/files.h"
 #include "common/log.h"
+#include "common/times.h"
 
 namespace orv {
 namespace {
@@ -31,14 +32,8 @@ bool mail_wanted(const Config& config, std::string_view job_name, RunResult resu
 }
 
 std::string local_time(std::int64_t seconds) {
-  const std::time_t time = seconds;
-  std::tm local{};
-  std::array<char, 64> text{};
-  if (::localtime_r(&time, &local) == nullptr ||
-      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %Z", &local) == 0) {
-    return std::to_string(seconds);
-  }
-  return text.data();
+  const std::string text = format_local(seconds, "%Y-%m-%d %H:%M:%S %Z");
+  return text.empty() ? std::to_string(seconds) : text;
 }
 
 std::string duration_text(std::int64_t seconds) {

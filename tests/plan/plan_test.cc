@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common/times.h"
 #include "config/config.h"
 #include "plan/describe.h"
 #include "plan/findings.h"
@@ -71,7 +72,7 @@ class PlanTest : public ::testing::Test {
     std::vector<std::string> out;
     for (const PlannedRun& run : forecast.runs) {
       out.push_back(std::string(run.job->name.view()) + " " +
-                    local_time_text(run.start).substr(11, 5) + " " + duration_text(run.late_s) +
+                    local_time_cell(run.start).substr(11, 5) + " " + duration_text(run.late_s) +
                     (run.guessed ? " ~" : ""));
     }
     return out;
