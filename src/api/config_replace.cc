@@ -118,8 +118,9 @@ unsigned next_number(const std::vector<std::string>& names, const std::string& s
 ScopedFd create_copy(const std::string& directory, std::int64_t now, std::string& path) {
   const std::string stamp = format_utc(now, kUtcStampFormat);
   ScopedFd fd;
-  errno = EEXIST;
-  for (unsigned n = next_number(history_names(directory), stamp); n < kCopiesPerSecond; ++n) {
+  unsigned n = next_number(history_names(directory), stamp);
+  errno = EEXIST;  // what is told when all numbers are taken
+  for (; n < kCopiesPerSecond; ++n) {
     std::array<char, 16> number{};
     std::snprintf(number.data(), number.size(), "-%03u", n);
     path = directory + "/" + stamp + number.data() + std::string(kCopySuffix);
