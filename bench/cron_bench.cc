@@ -14,19 +14,19 @@ constexpr std::int64_t kNow = 1796601637;  // 2026-12-07 00:00:37 UTC
 constexpr std::int64_t kHorizonMinutes = std::int64_t{kCronHorizonDays} * 1440;
 
 CronSpec cron(const char* text) {
-  CronSpec spec;
+  CronSpec fields;
   std::array<char, 128> err{};
-  if (cron_parse(text, spec, err) != 0) std::abort();
-  return spec;
+  if (cron_parse(text, fields, err) != 0) std::abort();
+  return fields;
 }
 
 void next_run(benchmark::State& state, const char* schedule) {
-  const CronSpec spec = cron(schedule);
-  for (auto _ : state) benchmark::DoNotOptimize(cron_next_run(spec, kNow, false));
+  const CronSpec fields = cron(schedule);
+  for (auto _ : state) benchmark::DoNotOptimize(cron_next_run(fields, kNow, false));
 }
 
 void minute_by_minute(benchmark::State& state, const char* schedule) {
-  const CronSpec spec = cron(schedule);
+  const CronSpec fields = cron(schedule);
   for (auto _ : state) {
     std::int64_t found = kCronNoRun;
     std::int64_t at = kNow - kNow % 60 + 60;
@@ -35,11 +35,11 @@ void minute_by_minute(benchmark::State& state, const char* schedule) {
       struct tm t {};
       ::localtime_r(&seconds, &t);
       const auto weekday = static_cast<std::size_t>(t.tm_wday);
-      if (spec.minute[static_cast<std::size_t>(t.tm_min)] != 0 &&
-          spec.hour[static_cast<std::size_t>(t.tm_hour)] != 0 &&
-          spec.day_of_month[static_cast<std::size_t>(t.tm_mday)] != 0 &&
-          spec.month[static_cast<std::size_t>(t.tm_mon) + 1] != 0 &&
-          spec.day_of_week[weekday] != 0) {
+      if (fields.minute[static_cast<std::size_t>(t.tm_min)] != 0 &&
+          fields.hour[static_cast<std::size_t>(t.tm_hour)] != 0 &&
+          fields.day_of_month[static_cast<std::size_t>(t.tm_mday)] != 0 &&
+          fields.month[static_cast<std::size_t>(t.tm_mon) + 1] != 0 &&
+          fields.day_of_week[weekday] != 0) {
         found = at;
       }
     }

@@ -96,9 +96,9 @@ CivilDate day_after(const CivilDate& date) {
   return next;
 }
 
-bool qualifies(const CronSpec& spec, const CivilDate& date) {
-  return spec.month[date.month] != 0 && spec.day_of_month[date.day] != 0 &&
-         (spec.day_of_week[date.weekday] != 0 || (date.weekday == 0 && spec.day_of_week[7] != 0));
+bool qualifies(const CronSpec& cron, const CivilDate& date) {
+  return cron.month[date.month] != 0 && cron.day_of_month[date.day] != 0 &&
+         (cron.day_of_week[date.weekday] != 0 || (date.weekday == 0 && cron.day_of_week[7] != 0));
 }
 
 std::optional<std::tm> local_time(std::int64_t at) {
@@ -182,19 +182,19 @@ struct ClockTime {
 };
 
 // The first allowed time of a day at or after `from`.
-std::optional<ClockTime> next_clock_time(const CronSpec& spec, ClockTime from) {
-  for (; from.hour < spec.hour.size(); ++from.hour, from.minute = 0) {
-    if (spec.hour[from.hour] == 0) continue;
-    for (; from.minute < spec.minute.size(); ++from.minute) {
-      if (spec.minute[from.minute] != 0) return from;
+std::optional<ClockTime> next_clock_time(const CronSpec& cron, ClockTime from) {
+  for (; from.hour < cron.hour.size(); ++from.hour, from.minute = 0) {
+    if (cron.hour[from.hour] == 0) continue;
+    for (; from.minute < cron.minute.size(); ++from.minute) {
+      if (cron.minute[from.minute] != 0) return from;
     }
   }
   return std::nullopt;
 }
 
-std::optional<std::int64_t> search_day(const CronSpec& spec, const TriedDay& day, ClockTime from,
+std::optional<std::int64_t> search_day(const CronSpec& cron, const TriedDay& day, ClockTime from,
                                        std::int64_t start) {
-  while (const auto clock = next_clock_time(spec, from)) {
+  while (const auto clock = next_clock_time(cron, from)) {
     const auto at =
         time_on_day(day, static_cast<int>(clock->hour), static_cast<int>(clock->minute));
     if (at && *at >= start) return at;
@@ -206,19 +206,19 @@ std::optional<std::int64_t> search_day(const CronSpec& spec, const TriedDay& day
 // A date whose midnight is missing may read back as a neighbour. So a date is passed over unasked
 // only when neither it nor one of its neighbours qualifies; start's own date, when it has no
 // allowed time left.
-std::int64_t search(const CronSpec& spec, std::int64_t start, const std::tm& start_local) {
+std::int64_t search(const CronSpec& cron, std::int64_t start, const std::tm& start_local) {
   ClockTime from{static_cast<std::size_t>(start_local.tm_hour),
                  static_cast<std::size_t>(start_local.tm_min)};
   CivilDate civil = date_of(start_local);
   bool before = true;
-  bool here = qualifies(spec, civil);
+  bool here = qualifies(cron, civil);
   for (int days = 0; days < kCronHorizonDays; ++days, from = ClockTime{}) {
     const CivilDate next = day_after(civil);
-    const bool after = qualifies(spec, next);
-    if ((before || here || after) && next_clock_time(spec, from)) {
+    const bool after = qualifies(cron, next);
+    if ((before || here || after) && next_clock_time(cron, from)) {
       const auto day = try_day(start_local, days, civil);
-      if (day && qualifies(spec, date_of(day->local))) {
-        if (const auto at = search_day(spec, *day, from, start)) return *at;
+      if (day && qualifies(cron, date_of(day->local))) {
+        if (const auto at = search_day(cron, *day, from, start)) return *at;
       }
     }
     before = here;
@@ -265,13 +265,13 @@ int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
     unsigned high;
     std::span<std::uint8_t> flags;
   };
-  CronSpec spec;
+  CronSpec cron;
   const std::array<FieldRow, kFields> rows = {{
-      {"minute", 0, 59, spec.minute},
-      {"hour", 0, 23, spec.hour},
-      {"day-of-month", 1, 31, spec.day_of_month},
-      {"month", 1, 12, spec.month},
-      {"day-of-week", 0, 7, spec.day_of_week},
+      {"minute", 0, 59, cron.minute},
+      {"hour", 0, 23, cron.hour},
+      {"day-of-month", 1, 31, cron.day_of_month},
+      {"month", 1, 12, cron.month},
+      {"day-of-week", 0, 7, cron.day_of_week},
   }};
   for (std::size_t i = 0; i < kFields; ++i) {
     const FieldRow& row = rows[i];
@@ -280,11 +280,11 @@ int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
                   fields[i].data());
     }
   }
-  out = spec;
+  out = cron;
   return 0;
 }
 
-std::int64_t cron_next_run(const CronSpec& spec, std::int64_t now, bool include_current_minute) {
+std::int64_t cron_next_run(const CronSpec& cron, std::int64_t now, bool include_current_minute) {
   // Beyond this the arithmetic below could overflow; no calendar reaches that far.
   constexpr std::int64_t kFarthest = std::numeric_limits<std::int64_t>::max() / 2;
   if (now > kFarthest || now < -kFarthest) return kCronNoRun;
@@ -293,12 +293,12 @@ std::int64_t cron_next_run(const CronSpec& spec, std::int64_t now, bool include_
 
   auto start_local = local_time(start);
   if (!start_local) return kCronNoRun;
-  const std::int64_t found = search(spec, start, *start_local);
+  const std::int64_t found = search(cron, start, *start_local);
   // mktime() takes up a change of the system's time zone, localtime_r() does not: when the zone was
   // changed since the last search, start was read in the old one.
   const auto read_again = local_time(start);
   if (!read_again || same_reading(*start_local, *read_again)) return found;
-  return search(spec, start, *read_again);
+  return search(cron, start, *read_again);
 }
 
 }  // namespace orv

@@ -40,7 +40,7 @@ static_assert(sizeof(CronSpec) == 137);
 // The first time at or after the minute of `now` (`include_current_minute`) or after that minute,
 // in Unix seconds; kCronNoRun when no date within the horizon has one. Local times that a
 // daylight-saving change skips are passed over; of a repeated hour the first pass counts.
-[[nodiscard]] std::int64_t cron_next_run(const CronSpec& spec, std::int64_t now,
+[[nodiscard]] std::int64_t cron_next_run(const CronSpec& cron, std::int64_t now,
                                          bool include_current_minute);
 
 }  // namespace orv

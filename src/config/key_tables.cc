@@ -143,15 +143,15 @@ bool job_args(KeyTarget& target, std::string_view value, std::span<char> words) 
 }
 
 bool schedule(KeyTarget& target, std::string_view value, std::span<char> words) {
-  CronSpec spec;
+  CronSpec cron;
   std::array<char, 128> reason{};
-  if (cron_parse(value, spec, reason) != 0) {
+  if (cron_parse(value, cron, reason) != 0) {
     return fail(words, "invalid 'schedule': %s", reason.data()) == 0;
   }
   if (!field<&Job::schedule_text>(target).set(value)) {
     return fail(words, "'schedule' too long") == 0;
   }
-  field<&Job::schedule>(target) = spec;
+  field<&Job::schedule>(target) = cron;
   field<&Job::has_schedule>(target) = true;
   return true;
 }

@@ -63,10 +63,10 @@ unsigned even_step(const std::vector<unsigned>& values, unsigned range) {
   return step;
 }
 
-std::string time_in_words(const CronSpec& spec) {
-  const std::vector<unsigned> minutes = selected(spec.minute);
-  const std::vector<unsigned> hours = selected(spec.hour);
-  const bool all_hours = hours.size() == spec.hour.size();
+std::string time_in_words(const CronSpec& cron) {
+  const std::vector<unsigned> minutes = selected(cron.minute);
+  const std::vector<unsigned> hours = selected(cron.hour);
+  const bool all_hours = hours.size() == cron.hour.size();
   constexpr std::size_t kMaxTimes = 6;  // listed one by one
   if (minutes.size() * hours.size() <= kMaxTimes) {
     std::string text = "at ";
@@ -79,7 +79,7 @@ std::string time_in_words(const CronSpec& spec) {
     return text;
   }
   std::string text;
-  if (minutes.size() == spec.minute.size()) {
+  if (minutes.size() == cron.minute.size()) {
     text = "every minute";
   } else if (const unsigned step = even_step(minutes, 60); step != 0) {
     text = "every " + plain(step) + " minutes";
@@ -95,13 +95,13 @@ std::string time_in_words(const CronSpec& spec) {
 
 }  // namespace
 
-std::string schedule_in_words(const CronSpec& spec) {
-  std::string text = time_in_words(spec);
-  CronSpec week = spec;
+std::string schedule_in_words(const CronSpec& cron) {
+  std::string text = time_in_words(cron);
+  CronSpec week = cron;
   week.day_of_week[0] |= week.day_of_week[7];
   const std::vector<unsigned> days = selected(std::span(week.day_of_week).first(7));
-  const std::vector<unsigned> dates = selected(spec.day_of_month);
-  const std::vector<unsigned> months = selected(spec.month);
+  const std::vector<unsigned> dates = selected(cron.day_of_month);
+  const std::vector<unsigned> months = selected(cron.month);
   if (dates.size() < 31) text += ", on day " + list_in_words(dates, plain) + " of the month";
   if (days.size() < 7) {
     text += dates.size() < 31 ? " when it is " : ", on ";

@@ -10,7 +10,7 @@
 namespace orv {
 
 // "at 02:30, on Monday to Friday, in January".
-[[nodiscard]] std::string schedule_in_words(const CronSpec& spec);
+[[nodiscard]] std::string schedule_in_words(const CronSpec& cron);
 
 // "3h 05m", "12m 04s", "9s".
 [[nodiscard]] std::string duration_text(std::int64_t seconds);

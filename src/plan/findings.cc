@@ -149,18 +149,18 @@ std::vector<ClockGap> clock_gaps(std::int64_t from, std::int64_t to) {
   return gaps;
 }
 
-std::vector<std::string> skipped_times(const CronSpec& spec, const ClockGap& gap) {
+std::vector<std::string> skipped_times(const CronSpec& cron, const ClockGap& gap) {
   std::vector<std::string> out;
   for (std::int64_t civil = gap.begin; civil < gap.end; civil += 60) {
     const time_t seconds = civil;
     struct tm at {};
     ::gmtime_r(&seconds, &at);
     const auto day = static_cast<std::size_t>(at.tm_wday);
-    const bool week = spec.day_of_week[day] != 0 || (day == 0 && spec.day_of_week[7] != 0);
-    if (!week || spec.month[static_cast<std::size_t>(at.tm_mon) + 1] == 0 ||
-        spec.day_of_month[static_cast<std::size_t>(at.tm_mday)] == 0 ||
-        spec.hour[static_cast<std::size_t>(at.tm_hour)] == 0 ||
-        spec.minute[static_cast<std::size_t>(at.tm_min)] == 0) {
+    const bool week = cron.day_of_week[day] != 0 || (day == 0 && cron.day_of_week[7] != 0);
+    if (!week || cron.month[static_cast<std::size_t>(at.tm_mon) + 1] == 0 ||
+        cron.day_of_month[static_cast<std::size_t>(at.tm_mday)] == 0 ||
+        cron.hour[static_cast<std::size_t>(at.tm_hour)] == 0 ||
+        cron.minute[static_cast<std::size_t>(at.tm_min)] == 0) {
       continue;
     }
     std::array<char, 32> text{};

@@ -30,7 +30,7 @@ struct ClockGap {
 [[nodiscard]] std::vector<ClockGap> clock_gaps(std::int64_t from, std::int64_t to);
 
 // The scheduled local times that the gap swallows, as "2027-03-28 02:30"; at most one an hour of it.
-[[nodiscard]] std::vector<std::string> skipped_times(const CronSpec& spec, const ClockGap& gap);
+[[nodiscard]] std::vector<std::string> skipped_times(const CronSpec& cron, const ClockGap& gap);
 
 // All that is surprising about the configured jobs, each finding led by "[job]: ".
 [[nodiscard]] std::vector<std::string> check_jobs(const Config& config, const QueueState& queue,

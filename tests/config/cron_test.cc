@@ -16,16 +16,16 @@ namespace {
 using test::ScopedTimeZone;
 
 CronSpec cron(const std::string& text) {
-  CronSpec spec;
+  CronSpec fields;
   std::array<char, 128> err{};
-  EXPECT_EQ(cron_parse(text, spec, err), 0) << text << ": " << err.data();
-  return spec;
+  EXPECT_EQ(cron_parse(text, fields, err), 0) << text << ": " << err.data();
+  return fields;
 }
 
 std::string message_of(const std::string& text) {
-  CronSpec spec;
+  CronSpec fields;
   std::array<char, 512> err{};
-  return cron_parse(text, spec, err) == 0 ? "" : err.data();
+  return cron_parse(text, fields, err) == 0 ? "" : err.data();
 }
 
 std::int64_t local(const char* text) {
@@ -56,7 +56,7 @@ time_t midnight_of(const struct tm& first, int offset, struct tm& day) {
 
 // The search in its plainest form: every date of the horizon goes through mktime() and is judged by
 // what reads back. The day before start's is asked first: mktime() remembers its last offset.
-std::int64_t literal_next_run(const CronSpec& spec, std::int64_t now, bool include) {
+std::int64_t literal_next_run(const CronSpec& fields, std::int64_t now, bool include) {
   const std::int64_t start = now - now % 60 + (include ? 0 : 60);
   const time_t start_time = start;
   struct tm first {};
@@ -68,15 +68,15 @@ std::int64_t literal_next_run(const CronSpec& spec, std::int64_t now, bool inclu
     if (midnight == -1) continue;
     ::localtime_r(&midnight, &day);
     const auto weekday = static_cast<std::size_t>(day.tm_wday);
-    if (spec.month[static_cast<std::size_t>(day.tm_mon) + 1] == 0 ||
-        spec.day_of_month[static_cast<std::size_t>(day.tm_mday)] == 0 ||
-        (spec.day_of_week[weekday] == 0 && !(weekday == 0 && spec.day_of_week[7] != 0))) {
+    if (fields.month[static_cast<std::size_t>(day.tm_mon) + 1] == 0 ||
+        fields.day_of_month[static_cast<std::size_t>(day.tm_mday)] == 0 ||
+        (fields.day_of_week[weekday] == 0 && !(weekday == 0 && fields.day_of_week[7] != 0))) {
       continue;
     }
     for (int h = d == 0 ? first.tm_hour : 0; h < 24; ++h) {
-      if (spec.hour[static_cast<std::size_t>(h)] == 0) continue;
+      if (fields.hour[static_cast<std::size_t>(h)] == 0) continue;
       for (int m = d == 0 && h == first.tm_hour ? first.tm_min : 0; m < 60; ++m) {
-        if (spec.minute[static_cast<std::size_t>(m)] == 0) continue;
+        if (fields.minute[static_cast<std::size_t>(m)] == 0) continue;
         struct tm at {};
         at.tm_year = day.tm_year;
         at.tm_mon = day.tm_mon;
@@ -220,11 +220,11 @@ TEST(CronNextRun, AgreesWithTheLiteralSearch) {
                                pick(kMonths) + " " + pick(kWeekdays);
       const std::int64_t spread = std::int64_t{4} * 86400;
       const std::int64_t now = odd - spread + static_cast<std::int64_t>(random() % (2 * spread));
-      const CronSpec spec = cron(text);
-      const std::int64_t expected = literal_next_run(spec, now, i % 2 == 0);
+      const CronSpec fields = cron(text);
+      const std::int64_t expected = literal_next_run(fields, now, i % 2 == 0);
       // What mktime() was asked before, in the other half of the year perhaps, must not matter.
       (void)local(i % 3 == 0 ? "2024-01-15 12:00:00" : "2024-07-15 12:00:00");
-      EXPECT_EQ(cron_next_run(spec, now, i % 2 == 0), expected)
+      EXPECT_EQ(cron_next_run(fields, now, i % 2 == 0), expected)
           << zone.name << " " << text << " at " << shown(now) << ": " << shown(expected);
     }
   }

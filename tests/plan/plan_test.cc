@@ -28,10 +28,10 @@ void load(Config& config, std::string_view text) {
 }
 
 CronSpec cron(const char* text) {
-  CronSpec spec;
+  CronSpec fields;
   std::array<char, 128> err{};
-  EXPECT_EQ(cron_parse(text, spec, err), 0) << err.data();
-  return spec;
+  EXPECT_EQ(cron_parse(text, fields, err), 0) << err.data();
+  return fields;
 }
 
 TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
