@@ -170,7 +170,7 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   }
   if (!force && (exists(cert_path) || exists(key_path))) return ErrorCode::AlreadyExists;
   const ErrorQueue errors;
-  const Key key(::EVP_EC_gen("P-256"));
+  const Key key(::EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
   if (!key) return ErrorCode::IoError;
   const Certificate cert =
       make_certificate(key.get(), common_name, days < 1 ? kCertificateDays : days);

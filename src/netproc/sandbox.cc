@@ -72,12 +72,13 @@ void add(scmp_filter_ctx filter, std::uint32_t action, const char* name) {
 bool add_argument_rules(scmp_filter_ctx filter) {
   constexpr auto kWriting = static_cast<scmp_datum_t>(O_ACCMODE | O_CREAT | O_TRUNC);
   bool ok = seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(openat), 1,
-                             SCMP_A2(SCMP_CMP_MASKED_EQ, kWriting, O_RDONLY)) == 0;
+                             scmp_arg_cmp{2, SCMP_CMP_MASKED_EQ, kWriting, O_RDONLY}) == 0;
   ok = ok && seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(clone), 1,
-                              SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)) == 0;
+                              scmp_arg_cmp{0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD}) == 0;
   for (const int family : {AF_INET, AF_INET6, AF_UNIX, AF_NETLINK}) {
-    ok = ok && seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(socket), 1,
-                                SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(family))) == 0;
+    ok = ok &&
+         seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(socket), 1,
+                          scmp_arg_cmp{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(family), 0}) == 0;
   }
   return ok;
 }
