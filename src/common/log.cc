@@ -130,8 +130,9 @@ void runlog_write(std::uint32_t bits, const char* message) {
   if (log.logfile.valid() && (static_cast<std::uint32_t>(log.logfile_mask) & bits) != 0) {
     follow_rotation(log);
     std::array<char, kMaxRunlogMessage + 160> line{};
-    std::snprintf(line.data(), line.size(), "%s [%s] pid=%ld %s\n", UtcText().text.data(),
-                  log.identity.c_str(), static_cast<long>(::getpid()), message);
+    std::snprintf(line.data(), line.size(), "%s [%.*s] pid=%ld %s\n", UtcText().text.data(),
+                  static_cast<int>(log.identity.size()), log.identity.c_str(),
+                  static_cast<long>(::getpid()), message);
     // A full disk must not stop the program that has backups to run.
     (void)write_all(log.logfile.get(), std::string_view(line.data()));
   }
