@@ -1,5 +1,7 @@
 // orv_sched: the daemon and the operator's commands.
+#include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -37,10 +39,12 @@ void occupy_standard_streams() {
   if (fd >= 0) (void)::close(fd);
 }
 
-// A result that could not be written is none.
+// A result that could not be written is none. A reader that has seen enough need not be told.
 int deliver_results(int status) {
-  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  return written || status != kExitOk ? status : complain("cannot write to standard output");
+  errno = 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  if (status != kExitOk) return status;
+  return errno == EPIPE ? kExitFailed : complain("cannot write to standard output");
 }
 
 int run_program(const ArgList& args) {
@@ -75,5 +79,7 @@ int run_program(const ArgList& args) {
 
 int main(int argc, char** argv) {
   orv::occupy_standard_streams();
+  // Whoever reads our messages may go away; a running job is brought to its end all the same.
+  (void)::signal(SIGPIPE, SIG_IGN);
   return orv::deliver_results(orv::run_program(orv::ArgList(argv, static_cast<std::size_t>(argc))));
 }

@@ -49,6 +49,18 @@ TEST_F(RunStartTest, RunExitsWithTheOutcomeAndDecidesOnTheBackground) {
   EXPECT_EQ(record_state(record("back")), JobState::Pending) << "busy";
 }
 
+TEST_F(RunStartTest, ARunOutlivesWhoeverReadsItsMessages) {
+  tool("orv_agent", "while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done");
+  configure("[a]\nonce=1\n");
+  std::string command = "{";
+  for (const std::string& word : command_line("run", {"a"})) command += " '" + word + "'";
+  command += "; echo $? >" + home_.file("code") + "; } 2>&1 | { head -c 1 >" +
+             home_.file("first") + "; exec <&-; : >" + home_.file("go") + "; }";
+  EXPECT_EQ(run_program({"sh", "-c", command}, env()).status, 0);
+  EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return file("code") == "0\n"; }));
+  EXPECT_EQ(record_state(record("a")), JobState::Done);
+}
+
 TEST_F(RunStartTest, StartDetachesAndRefusesWhileAJobRuns) {
   tool("orv_agent", "echo \"$* $(readlink /proc/$$/fd/0) $(pwd)\" >" + home_.file("args") +
                         "; while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done; exit 3");
