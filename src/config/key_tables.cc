@@ -38,10 +38,17 @@ auto& field(KeyTarget& target) {
   }
 }
 
+// What strtoul(3) passes over before a number. A minus sign is none of it: nothing may wrap.
+std::string_view number_digits(std::string_view value) {
+  while (!value.empty() && is_space(value.front())) value.remove_prefix(1);
+  if (value.starts_with('+')) value.remove_prefix(1);
+  return value;
+}
+
 template <auto kField, std::uint32_t kMin = 0, std::uint32_t kMax = UINT32_MAX>
 bool number(KeyTarget& target, std::string_view value, std::span<char>) {
   std::uint32_t n = 0;
-  if (!parse_u32(value, n) || n < kMin || n > kMax) return false;
+  if (!parse_u32(number_digits(value), n) || n < kMin || n > kMax) return false;
   field<kField>(target) = n;
   return true;
 }

@@ -68,7 +68,7 @@ TEST(ConfigLoad, HasDefaultsWithoutAnySetting) {
 
 TEST(ConfigLoad, StoresEveryKey) {
   const Loaded loaded = parse(
-      "[sched]\npoll-interval=5\nbusy-retry-seconds=6\njob-timeout-seconds=4294967295\n"
+      "[sched]\npoll-interval=\" +5\"\nbusy-retry-seconds=6\njob-timeout-seconds=4294967295\n"
       "job-log-dir=logs\njob-log-keep=8\n"
       "[api]\nenabled=TRUE\nlisten=[::1]:8443\ncert=/c\nkey=/k\ntokens-file=/t\n"
       "allow-config-write=no\nallow-args=0\nnotify-changes=false\n"
@@ -152,6 +152,7 @@ TEST(ConfigLoad, SaysWhichValueItRefuses) {
       " (expected unix seconds or YYYY-MM-DDTHH:MM:SS local time, no timezone suffix)";
   const Fault faults[] = {
       {"[sched]\npoll-interval=-1", "f:2: 'poll-interval' must be a number"},
+      {"[sched]\npoll-interval=+-1", "f:2: 'poll-interval' must be a number"},
       {"[sched]\npoll-interval=4294967296", "f:2: 'poll-interval' must be a number"},
       {"[sched]\njob-log-dir=" + std::string(600, 'x'), "f:2: 'job-log-dir' too long"},
       {"[sched]\nPoll-interval=1", "f:2: unknown [sched] setting 'Poll-interval'"},
