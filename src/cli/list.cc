@@ -53,9 +53,10 @@ void print_row(const Job& job, const QueueRecord& record, bool color) {
   const std::string exit_code =
       record.started_at > 0 ? std::to_string(record.exit_code) : std::string("-");
   std::printf("%s%-24s %-18s %-10s %-20s %-20s %-20s %-6s %s%s\n", start, job.name.c_str(),
-              command_name(job.command), state_name(state), local_time_cell(record.next_run).c_str(),
-              local_time_cell(record.started_at).c_str(), local_time_cell(record.finished_at).c_str(),
-              exit_code.c_str(), after_cell(job).c_str(), *start == '\0' ? "" : "\033[0m");
+              command_name(job.command), state_name(state),
+              local_time_cell(record.next_run).c_str(), local_time_cell(record.started_at).c_str(),
+              local_time_cell(record.finished_at).c_str(), exit_code.c_str(),
+              after_cell(job).c_str(), *start == '\0' ? "" : "\033[0m");
 }
 
 }  // namespace

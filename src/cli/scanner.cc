@@ -77,7 +77,7 @@ std::size_t scan_command_line(const ArgList& args, const CommandRow& command,
     const OptionRow* const row = find_option(command, word);
     if (row == nullptr) {
       i += ignore_unknown(scan, i);
-    } else if (row->takes_value && word == row->name) {
+    } else if (row->takes_value && word.find('=') == std::string_view::npos) {
       ++i;
     }
   }

@@ -13,7 +13,7 @@ namespace {
 const char* chars(const unsigned char* bytes) { return reinterpret_cast<const char*>(bytes); }
 char* chars(unsigned char* bytes) { return reinterpret_cast<char*>(bytes); }
 
-// lz4 counts in int; what does not fit is refused by a size of -1.
+// lz4 counts in int, and refuses to compress a size of -1.
 int lz4_size(std::size_t size) {
   return size > static_cast<std::size_t>(std::numeric_limits<int>::max()) ? -1
                                                                           : static_cast<int>(size);
@@ -72,6 +72,7 @@ ErrorCode decompress(Codec codec, std::span<const unsigned char> source,
       if (ZSTD_isError(size) != 0) return ErrorCode::Corrupt;
       break;
     case Codec::Lz4: {
+      if (lz4_size(source.size()) < 0) return ErrorCode::Corrupt;
       const int got =
           LZ4_decompress_safe(chars(source.data()), chars(destination.data()),
                               lz4_size(source.size()), lz4_capacity(destination.size()));

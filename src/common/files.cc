@@ -70,8 +70,8 @@ ErrorCode write_all(int fd, std::string_view text) {
 ErrorCode read_at(int fd, std::uint64_t offset, std::span<char> into, std::size_t& got) {
   std::size_t done = 0;
   while (done < into.size()) {
-    const ssize_t n = ::pread(fd, into.data() + done, into.size() - done,
-                              static_cast<off_t>(offset + done));
+    const ssize_t n =
+        ::pread(fd, into.data() + done, into.size() - done, static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return error_from_errno(errno);
     if (n == 0) break;

@@ -158,7 +158,7 @@ std::optional<TriedDay> try_day(const std::tm& start_local, int days, const Civi
 std::optional<std::int64_t> time_on_day(const TriedDay& day, int hour, int minute) {
   if (begins_at_midnight(day)) {
     // As long as the offset is midnight's, this is what mktime() would try, and accept, first.
-    const std::int64_t at = day.midnight + hour * 3600 + minute * 60;
+    const std::int64_t at = day.midnight + std::int64_t{hour} * 3600 + std::int64_t{minute} * 60;
     const auto local = local_time(at);
     if (local && local->tm_gmtoff == day.local.tm_gmtoff) return at;
   }
