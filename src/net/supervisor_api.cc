@@ -77,6 +77,13 @@ int open_listener(const ListenAddress& at, ScopedFd& out, std::span<char> err) {
   return 0;
 }
 
+// Shut down, not only closed: the child has the socket too, and so has whatever it may have started
+// and left behind. The address would stay taken, and connections would go on being accepted.
+void close_listener(NetSupervisor& sup) {
+  if (sup.listen_fd.valid()) (void)::shutdown(sup.listen_fd.get(), SHUT_RDWR);
+  sup.listen_fd.reset();
+}
+
 void restart_at_once(NetSupervisor& sup) {
   end_child(sup);
   sup.next_restart = 0;
@@ -103,8 +110,7 @@ void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, 
       cert.view() == sup.cert_pem && key.view() == sup.key_pem.view()) {
     return;
   }
-  // The child holds the old listening socket too: as long as it lives, the address stays taken.
-  sup.listen_fd.reset();
+  close_listener(sup);
   if (sup.api_enabled) end_child(sup);
   ScopedFd listener;
   if (open_listener(api.listen, listener, reason) != 0) {
@@ -135,7 +141,7 @@ void net_stop_api(NetSupervisor& sup) {
 }
 
 void net::clear_api(NetSupervisor& sup) {
-  sup.listen_fd.reset();
+  close_listener(sup);
   sup.listen_label.clear();
   wipe_text(sup.cert_pem);
   sup.cert_pem = {};

@@ -170,6 +170,18 @@ void set_send_buffer(int fd) {
   (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
 }
 
+// Records carry bytes only. The C library's headers may be older than the option, and the kernel
+// too: there, descriptors that the child sends are dropped with the record that brought them.
+void refuse_descriptors(int fd) {
+#ifdef SO_PASSRIGHTS
+  constexpr int kPassRights = SO_PASSRIGHTS;
+#else
+  constexpr int kPassRights = 83;
+#endif
+  const int off = 0;
+  (void)::setsockopt(fd, SOL_SOCKET, kPassRights, &off, sizeof off);
+}
+
 }  // namespace
 
 bool start_child(NetSupervisor& sup) {
@@ -186,6 +198,7 @@ bool start_child(NetSupervisor& sup) {
   ScopedFd ours(ends[0]);
   const ScopedFd theirs(ends[1]);
   set_send_buffer(ours.get());
+  refuse_descriptors(ours.get());
 
   plan.parent_end = ours.get();
   plan.child_end = theirs.get();

@@ -77,6 +77,37 @@ void send_raw(Fake& fake, std::string_view bytes) {
   for (;;) ::pause();
 }
 
+// A record that brings its own socket along.
+void send_descriptor(Fake& fake) {
+  (void)ipc_encode_hello(*fake.out, static_cast<std::uint32_t>(::getpid()));
+  iovec bytes = {fake.out->bytes.data(), fake.out->length};
+  alignas(cmsghdr) char space[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  message.msg_control = space;
+  message.msg_controllen = sizeof space;
+  cmsghdr* head = CMSG_FIRSTHDR(&message);
+  head->cmsg_level = SOL_SOCKET;
+  head->cmsg_type = SCM_RIGHTS;
+  head->cmsg_len = CMSG_LEN(sizeof(int));
+  ::memcpy(CMSG_DATA(head), &fake.ipc_fd, sizeof(int));
+  const bool sent = ::sendmsg(fake.ipc_fd, &message, MSG_NOSIGNAL) > 0;
+  note(fake, "descriptor %s", sent ? "sent" : "refused");
+}
+
+// Leaves a process behind that holds the listening socket.
+void leave_holder(Fake& fake) {
+  if (::fork() == 0) {
+    ::close(fake.ipc_fd);
+    const char* log = ::getenv("ORV_FAKE_NET_LOG");  // it stays until the test's files are gone
+    while (log != nullptr && ::access(log, F_OK) == 0) ::poll(nullptr, 0, 50);
+    ::_exit(0);
+  }
+  hello(fake, ::getpid());
+  note(fake, "held");
+}
+
 // What the manners do once, when they start; some also behave differently later.
 struct Manner {
   const char* name;
@@ -107,6 +138,8 @@ constexpr Manner kManners[] = {
     {"ping",      [](Fake& f) { hello(f, ::getpid()); send_request(f); }},  // the next on each answer
     {"chatty",    [](Fake& f) { for (;;) hello(f, ::getpid()); }},
     {"flood",     [](Fake& f) { for (;;) send_request(f); }},  // asks for ever, reads no answer
+    {"descriptor", send_descriptor},
+    {"holder",    leave_holder},
     {"escape",    [](Fake& f) { hello(f, ::getpid()); }},
 };
 // clang-format on

@@ -95,6 +95,8 @@ class Net : public ::testing::Test {
   }
   static ScopedFd try_bind(const char* host, std::uint32_t port) {
     ScopedFd fd(::socket(AF_INET, SOCK_STREAM, 0));
+    const int on = 1;  // of a socket that listens, it takes no notice
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in at{};
     at.sin_family = AF_INET;
     at.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -322,6 +324,19 @@ TEST_F(Net, AChildThatDoesNotReadOrNeverStopsTalkingCannotHoldUpAPump) {
   EXPECT_GT(sup_.pid, 0);  // slow is no crime
 }
 
+TEST_F(Net, DescriptorsThatTheChildSendsGoNowhere) {
+  const auto open_descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = open_descriptors();
+  manner("descriptor");
+  net_set_mail(sup_, mail_);
+  ASSERT_TRUE(noted("descriptor "));
+  net_pump(sup_);
+  EXPECT_EQ(open_descriptors(), before + 1) << "our end of the socket pair";
+}
+
 TEST_F(Net, WrongPidInHelloIsOnlyAWarning) {
   manner("wrong-pid");
   net_set_mail(sup_, mail_);
@@ -345,6 +360,14 @@ TEST_F(Net, ApiRestartsTheChildWhenASettingChangedAndOnlyThen) {
   EXPECT_TRUE(apply());
   dir_.write("key", "another");
   EXPECT_TRUE(apply());
+  manner("holder");
+  dir_.write("key", "a third");
+  EXPECT_TRUE(apply());
+  ASSERT_TRUE(noted("fds= 0 1 2 3 4\nheld\n"));
+  manner("mute");
+  dir_.write("key", "a fourth");  // and what the child left behind holds it still
+  EXPECT_TRUE(apply());
+  EXPECT_TRUE(sup_.api_enabled) << log();
   (void)api_.listen.host.set("::1");
   EXPECT_TRUE(apply());
   EXPECT_EQ(sup_.listen_label, "[::1]:" + std::to_string(api_.listen.port));
