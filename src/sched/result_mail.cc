@@ -93,6 +93,8 @@ MailText compose(std::string_view job_name, const JobRunResult& result) {
   if (!result.log_path.empty()) {
     mail.body += "\n--- last lines of the job log ---\n" + log_tail(result.log_path.c_str());
   }
+  // A job's name may have a carriage return in it, a mail's subject may not.
+  std::replace(mail.subject.begin(), mail.subject.end(), '\r', ' ');
   if (mail.subject.size() > kMaxSubject) mail.subject.resize(kMaxSubject);
   if (mail.body.size() > kMaxBody) mail.body.resize(kMaxBody);
   return mail;
