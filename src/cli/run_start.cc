@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,6 +19,7 @@
 #include "common/log.h"
 #include "config/config.h"
 #include "config/job_command.h"
+#include "sched/lost_run.h"
 #include "sched/run_now.h"
 
 namespace orv {
@@ -54,10 +56,26 @@ int run_and_report(const Request& request) {
   return rc == ErrorCode::Ok ? kExitOk : kExitFailed;
 }
 
-// Whether a live runner stands in the way of `start`; told on standard error.
+// Whether a tool without its scheduler stands in the way of `start`.
+bool refused_by_lost_run(const Request& request) {
+  const JobRunSettings& settings = request.settings;
+  const QueueRecord* const lost = find_lost_run(request.queue, request.config, settings.job_log_dir,
+                                                settings.timeout_s, ::time(nullptr));
+  if (lost == nullptr) return false;
+  std::fprintf(
+      stderr,
+      "error: job '%s': the tool of a run whose scheduler is gone is still running -- jobs run one "
+      "at a time, try again later (or use --force to run '%s' alongside it)\n",
+      std::string(record_name(*lost)).c_str(), request.job_name);
+  return true;
+}
+
+// Whether a job that runs already stands in the way of `start`; told on standard error, because
+// what the detached child finds is told in syslog only.
 bool refused(const Request& request) {
+  if (request.force) return false;
   const QueueRecord* const runner = queue_find_live_runner(request.queue);
-  if (runner == nullptr || request.force) return false;
+  if (runner == nullptr) return refused_by_lost_run(request);
   const char* const job = request.job_name;
   const std::string running(record_name(*runner));
   const std::uint32_t pid = queue_get_runner_pid(*runner);

@@ -9,7 +9,7 @@ namespace {
 
 // The sweep of dead runners sets no finish time, so the start is left as the newest thing known.
 bool never_concluded(const QueueRecord& record) {
-  return record_state(record) != JobState::Running && record.started_at > record.finished_at;
+  return !queue_runner_alive(record) && record.started_at > record.finished_at;
 }
 
 std::int64_t longest_run(const Config& config, std::string_view job_name, std::uint32_t timeout_s) {

@@ -61,6 +61,26 @@ TEST_F(RunStartTest, ARunOutlivesWhoeverReadsItsMessages) {
   EXPECT_EQ(record_state(record("a")), JobState::Done);
 }
 
+TEST_F(RunStartTest, StartRefusesBesideAToolThatLostItsScheduler) {
+  tool("orv_agent", ": >" + home_.file("here") + "; while ! [ -e " + home_.file("go") +
+                        " ]; do sleep 0.05; done; : >" + home_.file("gone"));
+  configure("[a]\nonce=1\n[b]\nonce=1\n");
+  {
+    Program killed(command_line("run", {"a"}), env());
+    ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("here")); }));
+    killed.signal(SIGKILL);
+    killed.wait();
+  }
+  const ProgramResult refused = sched("start", {"b"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(contains(refused.err,
+                       "error: job 'a': the tool of a run whose scheduler is gone is still "
+                       "running -- jobs run one at a time"))
+      << refused.err;
+  home_.write("go", "");
+  EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("gone")); }));
+}
+
 TEST_F(RunStartTest, StartDetachesAndRefusesWhileAJobRuns) {
   tool("orv_agent", "echo \"$* $(readlink /proc/$$/fd/0) $(pwd)\" >" + home_.file("args") +
                         "; while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done; exit 3");
