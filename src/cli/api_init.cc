@@ -1,4 +1,6 @@
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "cli/commands.h"
@@ -8,6 +10,8 @@
 
 namespace orv {
 namespace {
+
+constexpr std::size_t kMaxCommonName = 64;  // of X.509 (RFC 5280, ub-common-name)
 
 // Prints the outcome; false when there may be no certificate.
 bool report_creation(ErrorCode rc, const ApiSection& api, const char* common_name) {
@@ -19,6 +23,12 @@ bool report_creation(ErrorCode rc, const ApiSection& api, const char* common_nam
   if (rc == ErrorCode::AlreadyExists) {
     std::printf("certificate exists, kept: %s (use --force to replace it)\n", api.cert.c_str());
     return true;
+  }
+  const std::size_t length = std::strlen(common_name);
+  if (length < 1 || length > kMaxCommonName) {
+    (void)complain("cannot create %s / %s: the common name must have 1..%zu characters",
+                   api.cert.c_str(), api.key.c_str(), kMaxCommonName);
+    return false;
   }
   (void)complain("cannot create %s / %s (%s)", api.cert.c_str(), api.key.c_str(), error_text(rc));
   return false;

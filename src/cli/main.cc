@@ -79,7 +79,9 @@ int run_program(const ArgList& args) {
 
 int main(int argc, char** argv) {
   orv::occupy_standard_streams();
-  // Whoever reads our messages may go away; a running job is brought to its end all the same.
+  // Whoever reads our messages may go away, and a file may reach its size limit. Writing
+  // then fails, but a running job is brought to its end.
   (void)::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGXFSZ, SIG_IGN);
   return orv::deliver_results(orv::run_program(orv::ArgList(argv, static_cast<std::size_t>(argc))));
 }
