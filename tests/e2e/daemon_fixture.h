@@ -4,8 +4,10 @@
 #define ORV_TESTS_E2E_DAEMON_FIXTURE_H_
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -39,6 +41,21 @@ class DaemonFixture : public ::testing::Test {
   [[nodiscard]] ProgramResult sched(const std::string& command,
                                     const std::vector<std::string>& words = {}) const {
     return run_program(command_line(command, words), env());
+  }
+  // `argv` for an ordinary user: the network process refuses to be root, and the account that a root
+  // scheduler would give it may be missing. As root, everything runs as the user nobody, and from
+  // copies: the build may lie where that user cannot go. `helper` is a second program to copy.
+  [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv,
+                                                 const std::filesystem::path& helper) const {
+    for (const std::filesystem::path& program : {std::filesystem::path(ORV_SCHED_PROGRAM), helper}) {
+      const std::string copy = home_.file(program.filename().string());
+      if (!exists(copy)) std::filesystem::copy_file(program, copy);
+      if (argv[0] == program) argv[0] = copy;
+    }
+    if (::geteuid() != 0) return argv;
+    EXPECT_EQ(run_program({"chown", "-R", "65534:65534", home_.path()}).status, 0);
+    argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    return argv;
   }
   void start_daemon() {
     daemon_ = std::make_unique<Program>(command_line("daemon", {"--poll-interval", "1"}), env());

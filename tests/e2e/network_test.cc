@@ -5,15 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "common/scoped_fd.h"
 #include "e2e/daemon_fixture.h"
 
 namespace orv::test {
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
 constexpr const char* kPython = "/usr/bin/python3";
@@ -29,20 +26,10 @@ std::string free_port() {
   return std::to_string(ntohs(address.sin_port));
 }
 
-// The network process refuses to be root, and the account that a root scheduler would give it may
-// be missing: as root, everything runs as the user nobody, with programs and files of its own.
 class Network : public DaemonFixture {
  protected:
   [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv) const {
-    for (const char* program : {ORV_SCHED_PROGRAM, ORV_SCHED_NET_PROGRAM}) {
-      if (argv[0] == program) argv[0] = home_.file(fs::path(program).filename().string());
-      const std::string copy = home_.file(fs::path(program).filename().string());
-      if (!exists(copy)) fs::copy_file(program, copy);
-    }
-    if (::geteuid() != 0) return argv;
-    EXPECT_EQ(run_program({"chown", "-R", "65534:65534", home_.path()}).status, 0);
-    argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-    return argv;
+    return DaemonFixture::as_user(std::move(argv), ORV_SCHED_NET_PROGRAM);
   }
   ProgramResult sched_as_user(const std::string& command,
                               const std::vector<std::string>& words = {}) {
