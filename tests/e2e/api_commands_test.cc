@@ -117,9 +117,9 @@ TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
   cert_ = dir_.file("new.crt");
   configure("");
   expect_error({"api-init"}, "cannot create " + cert_ + " / " + key_ + " (I/O error)");
-  expect_error({"api-init", "--cn", std::string(65, 'x')},
-               "cannot create " + cert_ + " / " + key_ +
-                   ": the common name must have 1..64 characters");
+  expect_error(
+      {"api-init", "--cn", std::string(65, 'x')},
+      "cannot create " + cert_ + " / " + key_ + ": the common name must have 1..64 characters");
 }
 
 TEST_F(ApiCommands, InfoShowsTheWholeSection) {
