@@ -1,85 +1,23 @@
 // The scheduler with the real network process: the API over TLS, and mail to a real SMTP server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/scoped_fd.h"
-#include "e2e/daemon_fixture.h"
+#include "e2e/network_fixture.h"
 
 namespace orv::test {
 namespace {
 
 using ::testing::HasSubstr;
 
-constexpr const char* kPython = "/usr/bin/python3";
-
-std::string free_port() {
-  const ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-  EXPECT_EQ(::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-  return std::to_string(ntohs(address.sin_port));
-}
-
-class Network : public DaemonFixture {
- protected:
-  [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv) const {
-    return DaemonFixture::as_user(std::move(argv), ORV_SCHED_NET_PROGRAM);
-  }
-  ProgramResult sched_as_user(const std::string& command,
-                              const std::vector<std::string>& words = {}) {
-    return run_program(as_user(command_line(command, words)), env());
-  }
-  // Gives the token's role and keeps it in the file of that name.
-  void add_token(const std::string& role) {
-    const std::string out = sched_as_user("api-token", {"add", role, "--role", role}).out;
-    const std::size_t at = out.find(role + ".");
-    ASSERT_NE(at, std::string::npos) << out;
-    home_.write(role, out.substr(at, out.find('\n', at) - at), 0600);
-  }
-};
-
-TEST_F(Network, ServesTheApiToCurlOpensslAndItsOwnClient) {
-  const std::string port = free_port(), at = "127.0.0.1:" + port;
-  configure("[api]\nenabled = yes\nlisten = " + at + "\ncert = " + home_.file("api.crt") +
-            "\nkey = " + home_.file("api.key") + "\ntokens-file = " + home_.file("tokens") +
-            "\n[nightly]\ncommand = agent\nprofile = nightly\nschedule = 30 2 * * *\n");
-  const std::string made = sched_as_user("api-init", {"--cn", "localhost"}).out;
-  const std::string fingerprint = made.substr(made.find("fingerprint: ") + 13, 95);
-  add_token("read");
-  add_token("admin");
-  daemon_ = std::make_unique<Program>(as_user(command_line("daemon")), env());
-  ASSERT_TRUE(daemon_says("API on " + at)) << daemon_->err();
-
-  const std::string url = "https://localhost:" + port + "/api/v1/info";
-  const auto curl = [&](const std::string& token) {
-    return run_program({"curl", "-si", "--cacert", home_.file("api.crt"), "--resolve",
-                        "localhost:" + port + ":127.0.0.1", "-H", "Authorization: Bearer " + token,
-                        url})
-        .out;
-  };
-  EXPECT_THAT(curl(file("read")), HasSubstr("HTTP/1.1 200 OK\r\n"));
-  EXPECT_THAT(curl(file("read") + "x"), HasSubstr("HTTP/1.1 401 Unauthorized\r\n"));
-  const auto shown = run_program({"openssl", "s_client", "-connect", at, "-ign_eof"}, {},
+TEST_F(Network, ServesTheApiToCurlAndOpenssl) {
+  configure_api("[nightly]\ncommand = agent\nprofile = nightly\nschedule = 30 2 * * *\n");
+  start_api_daemon();
+  EXPECT_THAT(curl_info(file("read")), HasSubstr("HTTP/1.1 200 OK\r\n"));
+  EXPECT_THAT(curl_info(file("read") + "x"), HasSubstr("HTTP/1.1 401 Unauthorized\r\n"));
+  const auto shown = run_program({"openssl", "s_client", "-connect", server_, "-ign_eof"}, {},
                                  "GET /nowhere HTTP/1.0\r\n\r\n");
   EXPECT_THAT(shown.out, HasSubstr("HTTP/1.1 401"));
-  const auto client = [&](const std::vector<std::string>& words) {
-    std::vector<std::string> argv = {kPython, ORV_API_CLIENT};
-    argv.insert(argv.end(), words.begin(), words.end());
-    return run_program(argv, {{"ORV_API_SERVER", at},
-                              {"ORV_API_FINGERPRINT", fingerprint},
-                              {"ORV_API_TOKEN_FILE", home_.file("admin")}});
-  };
-  const ProgramResult jobs = client({"jobs"});
-  EXPECT_EQ(jobs.status, 0) << jobs.err;
-  EXPECT_THAT(jobs.out, HasSubstr("nightly"));
-  EXPECT_EQ(client({"job", "delete", "nightly"}).status, 0);
-  EXPECT_FALSE(contains(file("sched.cfg"), "nightly"));
   EXPECT_EQ(stop_daemon(), 0);
 }
 

@@ -1,0 +1,89 @@
+// The scheduler with the real network process in a private home: certificate, tokens, and clients.
+#ifndef ORV_TESTS_E2E_NETWORK_FIXTURE_H_
+#define ORV_TESTS_E2E_NETWORK_FIXTURE_H_
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+#include "common/scoped_fd.h"
+#include "e2e/daemon_fixture.h"
+
+namespace orv::test {
+
+inline constexpr const char* kPython = "/usr/bin/python3";
+
+class Network : public DaemonFixture {
+ protected:
+  static std::string free_port() {
+    const ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    EXPECT_EQ(::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    return std::to_string(ntohs(address.sin_port));
+  }
+  [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv) const {
+    return DaemonFixture::as_user(std::move(argv), ORV_SCHED_NET_PROGRAM);
+  }
+  ProgramResult sched_as_user(const std::string& command,
+                              const std::vector<std::string>& words = {}) {
+    return run_program(as_user(command_line(command, words)), env());
+  }
+  // Gives the token's role and keeps it in the file of that name.
+  void add_token(const std::string& role) {
+    const std::string out = sched_as_user("api-token", {"add", role, "--role", role}).out;
+    const std::size_t at = out.find(role + ".");
+    ASSERT_NE(at, std::string::npos) << out;
+    home_.write(role, out.substr(at, out.find('\n', at) - at), 0600);
+  }
+  // Configures an API on loopback with the tokens "read" and "admin", and `more` behind its
+  // section.
+  void configure_api(const std::string& more) {
+    port_ = free_port();
+    server_ = "127.0.0.1:" + port_;
+    configure("[api]\nenabled = yes\nlisten = " + server_ + "\ncert = " + home_.file("api.crt") +
+              "\nkey = " + home_.file("api.key") + "\ntokens-file = " + home_.file("tokens") +
+              "\n" + more);
+    const std::string made = sched_as_user("api-init", {"--cn", "localhost"}).out;
+    fingerprint_ = made.substr(made.find("fingerprint: ") + 13, 95);
+    add_token("read");
+    add_token("admin");
+  }
+  void start_api_daemon() {
+    daemon_ = std::make_unique<Program>(as_user(command_line("daemon")), env());
+    ASSERT_TRUE(daemon_says("API on " + server_)) << daemon_->err();
+  }
+  [[nodiscard]] Env client_env() const {
+    return {{"ORV_API_SERVER", server_},
+            {"ORV_API_FINGERPRINT", fingerprint_},
+            {"ORV_API_TOKEN_FILE", home_.file("admin")}};
+  }
+  static std::vector<std::string> client_line(const std::vector<std::string>& words) {
+    std::vector<std::string> argv = {kPython, ORV_API_CLIENT};
+    argv.insert(argv.end(), words.begin(), words.end());
+    return argv;
+  }
+  [[nodiscard]] ProgramResult client(const std::vector<std::string>& words, const Env& changes = {},
+                                     std::string_view input = {}) const {
+    Env variables = changes;
+    variables.merge(client_env());
+    return run_program(client_line(words), variables, input);
+  }
+  // The reply to GET info with the token as a bearer, head and all.
+  [[nodiscard]] std::string curl_info(const std::string& token) const {
+    return run_program({"curl", "-si", "--cacert", home_.file("api.crt"), "--resolve",
+                        "localhost:" + port_ + ":127.0.0.1", "-H", "Authorization: Bearer " + token,
+                        "https://localhost:" + port_ + "/api/v1/info"})
+        .out;
+  }
+
+  std::string port_, server_, fingerprint_;
+};
+
+}  // namespace orv::test
+
+#endif  // ORV_TESTS_E2E_NETWORK_FIXTURE_H_
