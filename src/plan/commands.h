@@ -10,8 +10,8 @@
 
 namespace orv {
 
-// What every command works on, loaded once. `seen` is the queue as the daemon left it, `queue` the same
-// brought in line with the configuration.
+// What every command works on, loaded once. `seen` is the queue as the daemon left it, `queue` the
+// same as the daemon's next look makes it: in line with the configuration, lost runs marked FAILED.
 struct Plan {
   std::string config_path;
   std::string queue_path;

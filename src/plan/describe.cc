@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sched/queue_state.h"
+#include "common/times.h"
 
 namespace orv {
 namespace {
@@ -86,14 +86,72 @@ std::string time_in_words(const CronSpec& cron) {
   } else {
     text = "at minute " + list_in_words(minutes, plain);
   }
-  if (all_hours) return minutes.size() < 60 && text.starts_with("at") ? text + " of every hour" : text;
+  if (all_hours)
+    return minutes.size() < 60 && text.starts_with("at") ? text + " of every hour" : text;
   if (const unsigned step = even_step(hours, 24); step != 0) {
     return text + " of every " + plain(step) + " hours";
   }
   return text + " of hour " + list_in_words(hours, plain);
 }
 
+struct Utf8Lead {
+  unsigned char from, to;                // the first byte
+  std::size_t length;                    // of the sequence
+  unsigned char second_from, second_to;  // of its second byte; the others are 80..BF
+};
+// Without overlong forms, surrogates, and the control characters U+0080 to U+009F.
+constexpr Utf8Lead kUtf8Leads[] = {
+    {0x20, 0x7E, 1, 0, 0},       {0xC2, 0xC2, 2, 0xA0, 0xBF}, {0xC3, 0xDF, 2, 0x80, 0xBF},
+    {0xE0, 0xE0, 3, 0xA0, 0xBF}, {0xE1, 0xEC, 3, 0x80, 0xBF}, {0xED, 0xED, 3, 0x80, 0x9F},
+    {0xEE, 0xEE, 3, 0x80, 0xBF}, {0xEF, 0xEF, 3, 0x80, 0xBE}, {0xF0, 0xF0, 4, 0x90, 0xBF},
+    {0xF1, 0xF3, 4, 0x80, 0xBF}, {0xF4, 0xF4, 4, 0x80, 0x8F},
+};
+
+// The length of the character that `text` begins with; 0 when that is none to show.
+std::size_t character_length(std::string_view text) {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  for (const Utf8Lead& row : kUtf8Leads) {
+    if (byte(0) < row.from || byte(0) > row.to) continue;
+    if (text.size() < row.length) return 0;
+    for (std::size_t i = 1; i < row.length; ++i) {
+      const unsigned char from = i == 1 ? row.second_from : 0x80;
+      const unsigned char to = i == 1 ? row.second_to : 0xBF;
+      if (byte(i) < from || byte(i) > to) return 0;
+    }
+    return row.length;
+  }
+  return 0;
+}
+
 }  // namespace
+
+std::string printable(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const std::size_t length = character_length(text);
+    if (length != 0) {
+      out += text.substr(0, length);
+    } else {
+      std::array<char, 8> code{};
+      std::snprintf(code.data(), code.size(), "\\x%02x", static_cast<unsigned char>(text[0]));
+      out += code.data();
+    }
+    text.remove_prefix(length != 0 ? length : 1);
+  }
+  return out;
+}
+
+std::string clock_text(std::int64_t time) {
+  std::string text = local_time_cell(time);
+  constexpr std::array<int, 2> kSteps = {1800, 3600};  // by which clocks are set back
+  for (const int step : kSteps) {
+    if (text == "-" ||
+        (local_time_cell(time - step) != text && local_time_cell(time + step) != text))
+      continue;
+    return text + " " + format_local(time, "%Z");
+  }
+  return text;
+}
 
 std::string schedule_in_words(const CronSpec& cron) {
   std::string text = time_in_words(cron);

@@ -1,12 +1,16 @@
 #include "plan/findings.h"
 
+#include <fcntl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 
-#include "common/times.h"
+#include "common/files.h"
 #include "plan/describe.h"
+#include "sched/lost_run.h"
 
 namespace orv {
 namespace {
@@ -14,7 +18,7 @@ namespace {
 constexpr std::int64_t kTwoYears = std::int64_t{2} * 366 * 86400;
 constexpr std::int64_t kHour = 3600;
 
-std::string quoted(const JobName& name) { return "'" + std::string(name.view()) + "'"; }
+std::string quoted(std::string_view name) { return "'" + printable(name) + "'"; }
 
 // What each job of the 'after' list lacks; empty when all have ended as they should.
 std::vector<std::string> missing_dependencies(const QueueState& queue, const Job& job) {
@@ -25,12 +29,15 @@ std::vector<std::string> missing_dependencies(const QueueState& queue, const Job
     const bool enough = state == JobState::Done ||
                         (state == JobState::Failed && job.after_mode == AfterMode::Finished);
     if (record != nullptr && enough) continue;
-    std::string text = "it waits for job " + quoted(name) + ", which ";
+    std::string text = "it waits for job " + quoted(name.view()) + ", which ";
     switch (state) {
       case JobState::Running: text += "is running"; break;
       case JobState::Failed: text += "failed (after-mode=success wants it to succeed)"; break;
       case JobState::Disabled: text += "is disabled"; break;
-      default: text += "has not run yet, or waits for another try"; break;
+      default:
+        text += record != nullptr && record->started_at > 0
+                    ? "found its tool busy and waits for another try"
+                    : "has not run yet";
     }
     out.push_back(text);
   }
@@ -48,20 +55,78 @@ std::int64_t newest_finish(const QueueState& queue, const Job& job) {
 
 bool has_time(const Job& job) { return job.has_schedule || job.has_once; }
 
-// Whether the record says "never" although the job has a time to come. A once job that has run is no
-// such case.
+// Whether the record says "never" although the job has a time to come. A once job that has run is
+// no such case.
 bool stuck_at_never(const Job& job, const QueueRecord& record, std::int64_t now) {
   if (record.next_run != kNever) return false;
   if (job.has_schedule) return cron_next_run(job.schedule, now, false) > 0;
   return job.has_once && job.once > now;
 }
 
-std::string wait_for_time(const QueueRecord& record, std::int64_t now) {
-  const bool retry = record_state(record) == JobState::Pending && record.started_at > 0;
-  return std::string(retry ? "its tool was busy; it is tried again at " : "its time is ") +
-         local_time_cell(record.next_run) + ", in " + duration_text(record.next_run - now);
+bool waits_for_retry(const QueueRecord& record) {
+  return record_state(record) == JobState::Pending && record.started_at > 0;
 }
 
+// What the job's own time has against a start now; empty when nothing.
+std::string blocked_by_time(const Job& job, const QueueRecord& record, std::int64_t now) {
+  if (stuck_at_never(job, record, now)) {
+    return "its record says it never runs: disable and enable it, or edit its schedule";
+  }
+  if (record.next_run == kNever) {
+    if (!has_time(job)) return {};
+    return job.has_once ? "its once time has been used" : "its schedule never fires";
+  }
+  if (record.next_run <= now || (!has_time(job) && !waits_for_retry(record))) return {};
+  return (waits_for_retry(record) ? "its tool was busy; it is tried again at " : "its time is ") +
+         clock_text(record.next_run) + ", in " + duration_text(record.next_run - now);
+}
+
+// The jobs that are due as well and come before `job`; empty when there are none.
+std::string due_before(const Config& config, const QueueState& queue, const Job& job,
+                       std::int64_t now) {
+  std::string first;
+  std::size_t others = 0;
+  for (const Job& other : config.jobs) {
+    if (&other == &job) break;
+    std::int64_t stamp = 0;
+    if (!queue_job_due(queue, other, now, stamp)) continue;
+    if (first.empty()) {
+      first = quoted(other.name.view());
+    } else {
+      ++others;
+    }
+  }
+  if (first.empty()) return {};
+  return "it is due, but job " + first +
+         (others == 0 ? "" : " and " + std::to_string(others) + " more") +
+         " is due too and stands before it in the configuration";
+}
+
+bool process_is(const std::string& pid, std::string_view name, std::string_view word) {
+  std::array<char, 4096> text{};
+  std::size_t got = 0;
+  const auto read = [&](const char* file) {
+    const ScopedFd fd = open_file(("/proc/" + pid + file).c_str(), O_RDONLY);
+    if (!fd.valid() || read_at(fd.get(), 0, text, got) != ErrorCode::Ok) got = 0;
+    return std::string_view(text.data(), got);
+  };
+  if (read("/comm") != std::string(name) + "\n") return false;
+  const std::string arguments = '\0' + std::string(read("/cmdline"));  // each ends with a NUL
+  return arguments.find('\0' + std::string(word) + '\0') != std::string::npos;
+}
+
+// The shortest time between two of the next runs.
+std::int64_t shortest_interval(const CronSpec& schedule, std::int64_t first) {
+  constexpr int kRunsLookedAt = 50;
+  std::int64_t shortest = kNever;
+  for (int i = 0; i < kRunsLookedAt; ++i) {
+    const std::int64_t next = cron_next_run(schedule, first, false);
+    if (next < 1) break;
+    shortest = std::min(shortest, next - first);
+    first = next;
+  }
+  return shortest;
+}
 
 std::int64_t utc_offset(std::int64_t time) {
   const time_t seconds = time;
@@ -80,9 +145,11 @@ std::int64_t change_between(std::int64_t low, std::int64_t high) {
   return high;
 }
 
+std::string lead_of(const Job& job) { return "[" + printable(job.name.view()) + "]: "; }
+
 void check_schedule(const Job& job, const std::vector<ClockGap>& gaps, const Durations& durations,
                     std::int64_t now, std::vector<std::string>& out) {
-  const std::string lead = "[" + std::string(job.name.view()) + "]: ";
+  const std::string lead = lead_of(job);
   const std::int64_t first = cron_next_run(job.schedule, now, false);
   if (first < 1) {
     out.push_back(lead + "the schedule never fires (it names no date of the next eight years)");
@@ -93,45 +160,65 @@ void check_schedule(const Job& job, const std::vector<ClockGap>& gaps, const Dur
     const std::int64_t after_gap = cron_next_run(job.schedule, gap.at, true);
     if (after_gap > 0 && after_gap - gap.at <= kHour) continue;
     for (const std::string& time : skipped_times(job.schedule, gap)) {
-      out.push_back(lead + "the run of " + time + " is skipped, for the clock goes forward then");
+      out.emplace_back(lead)
+          .append("the run of ")
+          .append(time)
+          .append(" is skipped, for the clock goes forward then");
     }
   }
   const auto duration = durations.find(job.name.view());
-  const std::int64_t second = cron_next_run(job.schedule, first, false);
-  if (duration != durations.end() && second > 0 && duration->second > second - first) {
+  if (duration == durations.end()) return;
+  const std::int64_t interval = shortest_interval(job.schedule, first);
+  if (duration->second > interval) {
     out.push_back(lead + "its last run took " + duration_text(duration->second) +
-                  ", longer than the " + duration_text(second - first) + " between two runs");
+                  ", longer than the " + duration_text(interval) + " between two runs");
   }
 }
 
 }  // namespace
 
-std::vector<std::string> blockers(const QueueState& queue, const Job& job, std::int64_t now) {
+void fail_lost_runs(QueueState& queue) {
+  for (QueueRecord& record : queue.records) {
+    if (record_state(record) != JobState::Running || queue_runner_alive(record)) continue;
+    record.state_and_pid = static_cast<std::uint32_t>(JobState::Failed);
+  }
+}
+
+bool daemon_seems_absent() {
+  if (::access("/proc/1/comm", R_OK) != 0) return false;  // the processes of others are hidden
+  const std::vector<std::string> names = directory_names("/proc");
+  return std::none_of(names.begin(), names.end(), [](const std::string& name) {
+    return name[0] >= '1' && name[0] <= '9' && process_is(name, "orv_sched", "daemon");
+  });
+}
+
+std::vector<std::string> blockers(const Config& config, const QueueState& queue,
+                                  const std::string& job_log_dir, const Job& job,
+                                  std::int64_t now) {
   if (!job.enabled) return {"it is disabled (enabled=no)"};
   const QueueRecord* record = queue_find(queue, job.name.view());
   if (record == nullptr) return {"it has no record in the queue"};
   std::vector<std::string> out;
   if (const QueueRecord* runner = queue_find_live_runner(queue)) {
     const std::string pid = std::to_string(queue_get_runner_pid(*runner));
-    if (runner == record) return {"it is running now (pid " + pid + ")"};
-    out.push_back("job '" + std::string(record_name(*runner)) + "' is running (pid " + pid +
+    if (record_state(*record) == JobState::Running) {
+      return {"it is running now (pid " + std::to_string(queue_get_runner_pid(*record)) + ")"};
+    }
+    out.push_back("job " + quoted(record_name(*runner)) + " is running (pid " + pid +
                   "), and jobs run one at a time");
+  } else if (const QueueRecord* lost =
+                 find_lost_run(queue, config, job_log_dir, config.sched.job_timeout_s, now)) {
+    out.push_back("the tool of a run of job " + quoted(record_name(*lost)) +
+                  " whose scheduler is gone is still running, and nothing starts beside it");
   }
-  if (record_state(*record) == JobState::Running) {
-    out.push_back("its record says RUNNING, but that process is gone: the daemon marks it FAILED");
-  }
-  if (stuck_at_never(job, *record, now)) {
-    out.push_back("its record says it never runs: disable and enable it, or edit its schedule");
-  } else if (has_time(job) && record->next_run == kNever) {
-    out.push_back(job.has_once ? "its once time has been used" : "its schedule never fires");
-  } else if (record->next_run > now && record->next_run != kNever) {
-    out.push_back(wait_for_time(*record, now));
-  }
+  if (std::string text = blocked_by_time(job, *record, now); !text.empty()) out.push_back(text);
   const std::vector<std::string> missing = missing_dependencies(queue, job);
   out.insert(out.end(), missing.begin(), missing.end());
   if (missing.empty() && !job.after.empty() && record->after_stamp >= newest_finish(queue, job)) {
     out.push_back("it has run for the last end of what it waits for, and waits for the next");
   }
+  if (!out.empty()) return out;
+  if (std::string text = due_before(config, queue, job, now); !text.empty()) out.push_back(text);
   return out;
 }
 
@@ -181,9 +268,15 @@ std::vector<std::string> check_jobs(const Config& config, const QueueState& queu
     if (job.has_schedule) check_schedule(job, gaps, durations, now, out);
     const QueueRecord* record = queue_find(queue, job.name.view());
     if (record != nullptr && stuck_at_never(job, *record, now)) {
-      out.push_back("[" + std::string(job.name.view()) +
-                    "]: its record in the queue says it never runs: disable and enable it, or edit "
-                    "its schedule");
+      out.push_back(
+          lead_of(job) +
+          "its record in the queue says it never runs: disable and enable it, or edit its "
+          "schedule");
+    }
+    if (record != nullptr && job.has_once && job.once < now && record->next_run == job.once &&
+        record->started_at == 0) {
+      out.push_back(lead_of(job) + "its once time, " + clock_text(job.once) +
+                    ", is past and it has not run: it starts as soon as it may");
     }
   }
   return out;

@@ -1,5 +1,5 @@
-// What is worth telling about a job: why it does not run now, and what in its configuration is legal
-// but surprising. Each finding is one plain sentence.
+// What is worth telling about a job: why it does not run now, and what in its configuration is
+// legal but surprising. Each finding is one plain sentence.
 #ifndef ORV_PLAN_FINDINGS_H_
 #define ORV_PLAN_FINDINGS_H_
 
@@ -14,10 +14,17 @@
 
 namespace orv {
 
-// What keeps `job` from being started at `now`; empty when it starts at the daemon's next look. `queue`
-// is in line with the configuration.
-[[nodiscard]] std::vector<std::string> blockers(const QueueState& queue, const Job& job,
+// Marks the records FAILED whose runner is gone, as the daemon's next look does, in memory only.
+void fail_lost_runs(QueueState& queue);
+
+// What keeps `job`, one of `config`'s, from being started at `now`; empty when it starts at the
+// daemon's next look. `queue` is in line with the configuration and without records of lost runs.
+[[nodiscard]] std::vector<std::string> blockers(const Config& config, const QueueState& queue,
+                                                const std::string& job_log_dir, const Job& job,
                                                 std::int64_t now);
+
+// Whether processes of others are to be seen, and none of them is a daemon: nothing starts then.
+[[nodiscard]] bool daemon_seems_absent();
 
 // A local time span that a change of the clock skips: from `at` (Unix seconds) on, local times in
 // [begin, end) of that date do not exist.
@@ -29,7 +36,8 @@ struct ClockGap {
 // The gaps of the local time zone between `from` and `to` (Unix seconds).
 [[nodiscard]] std::vector<ClockGap> clock_gaps(std::int64_t from, std::int64_t to);
 
-// The scheduled local times that the gap swallows, as "2027-03-28 02:30"; at most one an hour of it.
+// The scheduled local times that the gap swallows, as "2027-03-28 02:30"; at most one an hour of
+// it.
 [[nodiscard]] std::vector<std::string> skipped_times(const CronSpec& cron, const ClockGap& gap);
 
 // All that is surprising about the configured jobs, each finding led by "[job]: ".

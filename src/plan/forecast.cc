@@ -28,16 +28,19 @@ void finish_run(Simulation& sim, const Job& job, std::int64_t start, std::int64_
   queue_set_runner_pid(*record, 0);
   record->started_at = start;
   record->finished_at = end;
-  if (job.has_schedule) {
-    const std::int64_t next = cron_next_run(job.schedule, end, false);
-    record->next_run = next < 1 ? kNever : next;
-  } else if (job.has_once) {
-    record->next_run = kNever;
+  // A run by hand ahead of the time that is set does not stand in for the one at that time.
+  if (record->next_run <= start) {
+    if (job.has_schedule) {
+      record->next_run = first_next_run(job, end);
+    } else if (job.has_once) {
+      record->next_run = kNever;
+    }
   }
   if (!job.after.empty()) record->after_stamp = stamp;
 }
 
-// What runs at this moment goes on until its usual duration is over, or ends now when it is overdue.
+// What runs at this moment goes on until its usual duration is over, or ends now when it is
+// overdue.
 void finish_running_job(Simulation& sim) {
   for (const Job& job : sim.config.jobs) {
     const QueueRecord* record = queue_find(sim.queue, job.name.view());
@@ -45,7 +48,7 @@ void finish_running_job(Simulation& sim) {
     PlannedRun run;
     run.job = &job;
     run.reason = StartReason::Running;
-    run.start = record->started_at;
+    run.start = std::clamp(std::int64_t{record->started_at}, std::int64_t{0}, sim.now);
     run.end = std::max(sim.now, run.start + duration_of(sim, job, run.guessed));
     sim.out.runs.push_back(run);
     // Which completions this run answers is known to the daemon alone; take it that it answers all.
@@ -73,7 +76,7 @@ void run_job_at_once(Simulation& sim, const Job& job, std::int64_t stamp) {
   run.start = sim.now;
   // A run takes at least a second, or a job that took none would be due again in the same minute.
   run.end = sim.now + std::max(std::int64_t{1}, duration_of(sim, job, run.guessed));
-  run.reason = !job.after.empty()  ? StartReason::After
+  run.reason = !job.after.empty() ? StartReason::After
                : job.has_schedule ? StartReason::Schedule
                                   : StartReason::Once;
   if ((job.has_schedule || job.has_once) && scheduled > 0 && scheduled != kNever) {

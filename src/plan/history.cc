@@ -37,7 +37,7 @@ std::optional<PastRun> read_run(const std::string& path, std::int64_t start) {
 
 std::vector<PastRun> past_runs(std::string_view job_log_dir, std::string_view job,
                                std::size_t most) {
-  const std::string directory = job_log_directory(job_log_dir, job);
+  const std::string directory = job_log_directory(job_log_dir, job) + "/";
   std::vector<std::string> names = directory_names(directory);
   // The names sort by time.
   std::sort(names.begin(), names.end(), std::greater<>());
@@ -46,7 +46,7 @@ std::vector<PastRun> past_runs(std::string_view job_log_dir, std::string_view jo
     if (runs.size() == most) break;
     const std::optional<std::int64_t> start = start_of(name);
     if (!start) continue;
-    if (const auto run = read_run(directory + "/" + name, *start)) runs.push_back(*run);
+    if (const auto run = read_run(directory + name, *start)) runs.push_back(*run);
   }
   return runs;
 }

@@ -1,5 +1,8 @@
-// orv_plan: what will run when, and why a job did not run. It only reads: neither the queue nor a log
-// nor the configuration is ever created, locked or changed.
+// orv_plan: what will run when, and why a job did not run. It only reads: neither the queue nor a
+// log nor the configuration is ever created, locked or changed.
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@
 #include "common/version.h"
 #include "config/config.h"
 #include "plan/commands.h"
+#include "plan/findings.h"
 #include "sched/job_log.h"
 #include "sched/queue_state.h"
 
@@ -85,15 +89,16 @@ void print_usage() {
 
 const OptionRow* find_option(const OptionTable& table, std::string_view word) {
   for (const OptionRow& row : table) {
-    if (word == row.name || (word.starts_with(row.name) && word.substr(row.name.size(), 1) == "=")) {
+    if (word == row.name ||
+        (word.starts_with(row.name) && word.substr(row.name.size(), 1) == "=")) {
       return &row;
     }
   }
   return nullptr;
 }
 
-// Whether every word is known. A misspelt option of a tool that is asked questions must not be passed
-// over: the answer would be one to another question.
+// Whether every word is known. A misspelt option of a tool that is asked questions must not be
+// passed over: the answer would be one to another question.
 bool words_known(const PlanCommand& command, const ArgList& args) {
   int positional = 0;
   for (std::size_t i = 2; i < args.size(); ++i) {
@@ -117,6 +122,14 @@ bool words_known(const PlanCommand& command, const ArgList& args) {
   return true;
 }
 
+// A queue that may not be looked at must not pass for one that is not there yet.
+bool queue_readable(const char* path) {
+  struct stat status {};
+  if (::stat(path, &status) == 0 || errno == ENOENT) return true;
+  std::fprintf(stderr, "error: cannot read queue %s: %s\n", path, ::strerror(errno));
+  return false;
+}
+
 // Loads all that the commands read; null after an error message.
 std::unique_ptr<Plan> load_plan(const ArgList& args) {
   auto plan = std::make_unique<Plan>();
@@ -130,6 +143,7 @@ std::unique_ptr<Plan> load_plan(const ArgList& args) {
   const FixedText<kMaxJobLogDir>& configured = plan->config.sched.job_log_dir;
   plan->job_log_dir = option_value(args, "--job-log-dir",
                                    configured.empty() ? kDefaultJobLogDir : configured.c_str());
+  if (!queue_readable(plan->queue_path.c_str())) return nullptr;
   if (queue_load_readonly(plan->seen, plan->queue_path.c_str()) != ErrorCode::Ok) {
     std::fprintf(stderr, "error: cannot read queue %s\n", plan->queue_path.c_str());
     return nullptr;
@@ -137,6 +151,7 @@ std::unique_ptr<Plan> load_plan(const ArgList& args) {
   plan->now = ::time(nullptr);
   plan->queue = plan->seen;
   queue_view_with_config(plan->queue, plan->config, plan->now);
+  fail_lost_runs(plan->queue);
   const char* no_color = std::getenv("NO_COLOR");
   plan->color = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
   return plan;
@@ -158,7 +173,10 @@ int run_command(const PlanCommand& command, const ArgList& args) {
       return kExitFailed;
     }
   }
-  return command.run(*plan, job, args);
+  const int status = command.run(*plan, job, args);
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  std::fprintf(stderr, "error: cannot write the answer: %s\n", ::strerror(errno));
+  return kExitFailed;
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 
 namespace orv {
 
-// An SVG document of the time from `from` to `to` (Unix seconds), with every enabled job's row and a line
-// at each local midnight. Guessed durations are hatched.
+// An SVG document of the time from `from` to `to` (Unix seconds), with every enabled job's row and
+// a line at each local midnight. Guessed durations are hatched.
 [[nodiscard]] std::string forecast_svg(const Config& config, const Forecast& forecast,
                                        std::int64_t from, std::int64_t to);
 

@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -56,6 +58,7 @@ TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
 class PlanTest : public ::testing::Test {
  protected:
   ScopedTimeZone zone_{"UTC"};
+  TempDir dir_;
   Config config_;
   QueueState queue_;
   Durations durations_;
@@ -94,12 +97,51 @@ TEST_F(PlanTest, AnUnknownDurationIsMarkedAsAGuess) {
   EXPECT_EQ(lines(forecast(1)), std::vector<std::string>{"a 00:01 0s ~"});
 }
 
-TEST_F(PlanTest, ThePictureEscapesNames) {
-  start("[<a&b>]\nschedule=0 1 * * *\n");
+TEST_F(PlanTest, ARunByHandLeavesTheTimeThatIsSet) {
+  start("[hand]\nschedule=0 1 * * *\n[due]\nschedule=0 1 * * *\n");
+  durations_ = {{"hand", 7200}, {"due", 7200}};
+  for (QueueRecord& record : queue_.records) {
+    record_set_state(record, JobState::Running);
+    record.started_at = kMonday - 600;
+  }
+  queue_find(queue_, "due")->next_run = kMonday - 600;
+  // Both run now, one of them before its time: that time comes when the other has ended.
+  EXPECT_EQ(lines(forecast(24)),
+            (std::vector<std::string>{"hand 23:50 0s", "due 23:50 0s", "hand 01:50 50m 00s"}));
+}
+
+TEST_F(PlanTest, ALostRunIsFailedAndDueAgain) {
+  start("[a]\nschedule=0 1 * * *\n");
+  QueueRecord& record = *queue_find(queue_, "a");
+  record_set_state(record, JobState::Running);
+  queue_set_runner_pid(record, kMaxRunnerPid);  // no such process
+  record.started_at = record.next_run = kMonday - 3600;
+  fail_lost_runs(queue_);
+  EXPECT_EQ(lines(forecast(2)), (std::vector<std::string>{"a 00:00 1h 00m ~", "a 01:00 0s ~"}));
+}
+
+TEST_F(PlanTest, ThePictureHoldsWellFormedTextOnly) {
+  start("[<a&b>\x1b\xff\xc3\xa9]\nschedule=0 1 * * *\n");
   const std::string svg = forecast_svg(config_, forecast(24), kMonday, kMonday + 86400);
-  EXPECT_TRUE(contains(svg, "&lt;a&amp;b&gt;"));
+  EXPECT_TRUE(contains(svg, ">&lt;a&amp;b&gt;\\x1b\\xff\xc3\xa9</text>")) << svg;
   EXPECT_FALSE(contains(svg, "<a&b>"));
   EXPECT_TRUE(contains(svg, "<rect x="));
+}
+
+TEST(Printable, LeavesNothingThatATerminalObeys) {
+  struct Case {
+    std::string_view text;
+    const char* shown;
+  };
+  static constexpr Case kCases[] = {
+      {"job 1", "job 1"},
+      {"\x1b[2J\x7f", "\\x1b[2J\\x7f"},
+      {"\u00e9\u20ac\U0001f600", "\u00e9\u20ac\U0001f600"},
+      {"\xc2\x9b", "\\xc2\\x9b"},
+      {"\xe2\x82", "\\xe2\\x82"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+  };
+  for (const Case& c : kCases) EXPECT_EQ(printable(c.text), c.shown);
 }
 
 TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
@@ -108,7 +150,8 @@ TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
       "after-mode=finished\n[off]\nenabled=no\n");
   const auto why = [&](const char* name) {
     std::string text;
-    for (const std::string& reason : blockers(queue_, *find_job(config_, name), kMonday)) {
+    for (const std::string& reason :
+         blockers(config_, queue_, dir_.path(), *find_job(config_, name), kMonday)) {
       text += reason + "\n";
     }
     return text;
@@ -127,19 +170,34 @@ TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
   EXPECT_TRUE(contains(why("third"), "has run for the last end"));
   first.next_run = kNever;
   EXPECT_TRUE(contains(why("first"), "never runs"));
+
+  first.next_run = kMonday;
+  queue_find(queue_, "third")->after_stamp = 0;
+  EXPECT_EQ(why("third"),
+            "it is due, but job 'first' is due too and stands before it in the configuration\n");
+  first.started_at = kMonday - 5;  // failed and never concluded: its tool may live on
+  const std::string log = job_log_path(job_log_directory(dir_.path(), "first"), first.started_at);
+  std::filesystem::create_directories(dir_.file("first"));
+  const ScopedFd tool(::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  EXPECT_FALSE(contains(why("third"), "scheduler is gone"));
+  job_log_mark_used(tool.get());
+  EXPECT_TRUE(contains(why("third"), "a run of job 'first' whose scheduler is gone")) << log;
 }
 
 TEST_F(PlanTest, CheckFindsWhatIsLegalButSurprising) {
   start(
       "[never]\nschedule=0 0 30 2 *\n[slow]\nschedule=0 * * * *\n[fine]\nschedule=0 4 * * *\n"
-      "[stuck]\nschedule=0 5 * * *\n");
-  durations_ = {{"slow", 7200}, {"fine", 7200}};
+      "[stuck]\nschedule=0 5 * * *\n[close]\nschedule=0 4,5 * * *\n[past]\nonce=2020-01-01 "
+      "10:00\n");
+  durations_ = {{"slow", 7200}, {"fine", 7200}, {"close", 7200}};
   queue_find(queue_, "stuck")->next_run = kNever;
   const std::vector<std::string> found = check_jobs(config_, queue_, durations_, kMonday);
-  ASSERT_EQ(found.size(), 3U);
+  ASSERT_EQ(found.size(), 5U);
   EXPECT_TRUE(contains(found[0], "[never]: the schedule never fires"));
   EXPECT_TRUE(contains(found[1], "[slow]: its last run took 2h 00m"));
   EXPECT_TRUE(contains(found[2], "[stuck]: its record"));
+  EXPECT_TRUE(contains(found[3], "[close]: its last run took 2h 00m, longer than the 1h 00m"));
+  EXPECT_TRUE(contains(found[4], "[past]: its once time, 2020-01-01 10:00:00, is past"));
 }
 
 TEST(ClockChanges, SkippedTimesAreFound) {
@@ -149,6 +207,9 @@ TEST(ClockChanges, SkippedTimesAreFound) {
   EXPECT_EQ(skipped_times(cron("30 2 * * *"), gaps[0]),
             std::vector<std::string>{"2027-03-28 02:30"});
   EXPECT_TRUE(skipped_times(cron("30 3 * * *"), gaps[0]).empty());
+  EXPECT_EQ(clock_text(1793147400), "2026-10-28 01:30:00");
+  EXPECT_EQ(clock_text(1792888200), "2026-10-25 02:30:00 CEST");  // and an hour later once more
+  EXPECT_EQ(clock_text(1792888200 + 3600), "2026-10-25 02:30:00 CET");
   Config config;
   load(config, "[lost]\nschedule=30 2 * * *\n[hourly]\nschedule=0 * * * *\n");
   QueueState queue;
@@ -170,6 +231,7 @@ TEST(History, TheNewestRunThatDidWorkCounts) {
   log("20261207T000000Z", 120, 0);
   log("20261207T000300Z", 181, 75);
   dir.write("a/20261207T000400Z.log", "job: a\n");
+  dir.write("b/20261207T000400Z.log", "\n--- end ---\nfinish_unix: -9223372036854775808\n");
   dir.write("a/notes.log", "no run");
   EXPECT_EQ(last_duration(dir.path(), "a"), 120);
   EXPECT_EQ(past_runs(dir.path(), "a", 9).size(), 3U);
