@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -70,13 +69,22 @@ const char* on_hello(NetSupervisor& sup, const IpcParsed& in) {
   return nullptr;
 }
 
+// The text came from some mail server and goes to logs and terminals, which obey control characters;
+// U+0080 to U+009F, two bytes in UTF-8, are such, too.
+void blank_controls(char* text) {
+  for (char* p = text; *p != '\0'; ++p) {
+    const auto next = static_cast<unsigned char>(p[1]);
+    const bool c1 = *p == '\xC2' && next >= 0x80 && next <= 0x9F;
+    if (c1) *p++ = ' ';
+    if (c1 || (*p > 0 && *p < ' ') || *p == 0x7F) *p = ' ';
+  }
+}
+
 const char* on_mail_result(NetSupervisor& sup, const IpcParsed& in) {
   char text[kIpcMaxMailError + 1];
   std::uint32_t status = 0;
   if (ipc_decode_mail_result(in, status, text, {}) != 0) return "sent a bad MAIL_RESULT: killed";
-  // The text came from some mail server and goes to logs and terminals.
-  const auto control = [](char c) { return (c > 0 && c < ' ') || c == 0x7F; };
-  std::replace_if(text, text + ::strlen(text), control, ' ');
+  blank_controls(text);
   sup.last_mail_id = in.id;
   sup.last_mail_status = status;
   sup.last_mail_error.set_truncated(text);

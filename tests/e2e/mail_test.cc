@@ -11,8 +11,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A system without syslog gets one for the time of a test, so that the programs have a connection to
-// it: its descriptor is where a careless start of the network process would go wrong.
+// A system without syslog gets one for the time of a test, so that the programs have a connection
+// to it: its descriptor is where a careless start of the network process would go wrong.
 class Syslog {
  public:
   Syslog() {
@@ -51,8 +51,8 @@ class ResultMail : public DaemonFixture {
         "[mail]\nsmtp-host=mail.example.org\nfrom=backup@example.org\nto=root@example.org\n"
         "notify=failed\n[nightly]\nprofile=p\nonce=1\n");
   }
-  std::unique_ptr<Program> launch(const std::string& command,
-                                  const std::vector<std::string>& words, bool with_syslog) {
+  std::unique_ptr<Program> launch(const std::string& command, const std::vector<std::string>& words,
+                                  bool with_syslog) {
     std::vector<std::string> argv = command_line(command, words);
     if (with_syslog) std::erase(argv, "--no-syslog");
     Env environment = env();

@@ -173,7 +173,7 @@ void on_mail(Fake& fake, const IpcParsed& in, std::string_view manner) {
   if (manner == "quit-on-mail") ::_exit(0);
   if (manner == "slow") ::poll(nullptr, 0, 300);
   const bool bad = manner == "reject" || manner == "escape";
-  const char* error = manner == "escape" ? "550\r\n\x1b[2Jno" : "550 no such user %s%n";
+  const char* error = manner == "escape" ? "550\r\n\x1b[2J\xc2\x9bno\xc3\x9f" : "550 no such user %s%n";
   send_now(fake, ipc_encode_mail_result(*fake.out, in.id, bad ? 550 : 0, error));
 }
 
@@ -199,20 +199,11 @@ void serve(Fake& fake, std::string_view manner) {
       continue;
     }
     switch (MessageType{in.type}) {
-      case MessageType::MailConfig:
-        on_mail_config(fake, in);
-        break;
-      case MessageType::ApiConfig:
-        on_api_config(fake, in);
-        break;
-      case MessageType::MailSend:
-        on_mail(fake, in, manner);
-        break;
-      case MessageType::ApiResponse:
-        on_response(fake, in, manner);
-        break;
-      default:
-        note(fake, "unexpected type %u", unsigned{in.type});
+      case MessageType::MailConfig: on_mail_config(fake, in); break;
+      case MessageType::ApiConfig: on_api_config(fake, in); break;
+      case MessageType::MailSend: on_mail(fake, in, manner); break;
+      case MessageType::ApiResponse: on_response(fake, in, manner); break;
+      default: note(fake, "unexpected type %u", unsigned{in.type});
     }
   }
 }

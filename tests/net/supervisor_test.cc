@@ -193,7 +193,7 @@ TEST_F(Net, MailSentOnItsOwnTellsWhyItFailed) {
       {"silent", ""},
       {"slow", ""},
       {"reject", "550 no such user %s%n"},
-      {"escape", "550   [2Jno"},
+      {"escape", "550   [2J  no\xc3\x9f"},
       {"quit-on-mail", "the network process exited before reporting a result"},
   };
   for (const auto& c : cases) {
