@@ -60,7 +60,9 @@ std::string trigger_in_words(const Job& job) {
 void print_next_runs(const Job& job, const QueueRecord& record, std::int64_t now) {
   std::int64_t next = record.next_run;
   // A running job's time is the one that it was started for.
-  if (record_state(record) == JobState::Running && next <= now) next = first_next_run(job, now);
+  if (record_state(record) == JobState::Running && next <= now) {
+    next = job.has_schedule ? first_next_run(job, now) : kNever;
+  }
   if (!job.enabled || (!job.has_schedule && !job.has_once) || next == kNever) {
     const bool waits = job.enabled && !job.has_schedule && !job.has_once;
     std::printf("next runs:  %s\n", waits ? "when what it waits for has ended" : "-");
