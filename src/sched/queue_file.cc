@@ -21,6 +21,8 @@ namespace {
 ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return error_from_errno(errno);
+  // Some file systems give a directory no size: it must not pass for an empty queue.
+  if (!S_ISREG(st.st_mode)) return ErrorCode::IoError;
   const std::size_t count = static_cast<std::size_t>(st.st_size) / kRecordSize;
   if (count == 0) return ErrorCode::Ok;
   try {
@@ -37,7 +39,7 @@ ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
 }
 
 ErrorCode load_existing(QueueState& state) {
-  // A FIFO in the file's place must not hold the scheduler up.
+  // A FIFO in the file's place is refused, but must not hold the scheduler up first.
   const ScopedFd fd = open_file(state.path.c_str(), O_RDONLY | O_NONBLOCK);
   if (!fd.valid()) return error_from_errno(errno);
   std::vector<QueueRecord> records;

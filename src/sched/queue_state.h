@@ -72,8 +72,8 @@ struct QueueState {
 [[nodiscard]] ScopedFd queue_lock(const char* path);
 
 // Empties `state`, remembers `path` and reads its file. A missing file is created empty (without
-// clobbering one that another process has just made). IoError and the like; OutOfMemory; Corrupt
-// when the file is shorter than its size said.
+// clobbering one that another process has just made). IoError and the like, also for what is no
+// regular file; OutOfMemory; Corrupt when the file is shorter than its size said.
 [[nodiscard]] ErrorCode queue_load(QueueState& state, const char* path);
 // The same for a reader that may not create anything: a path that stat() refuses is an empty queue.
 [[nodiscard]] ErrorCode queue_load_readonly(QueueState& state, const char* path);

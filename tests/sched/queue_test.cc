@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -13,6 +15,23 @@
 
 #include "sched/queue_state.h"
 #include "support/support.h"
+
+namespace {
+
+bool g_flush_fails = false;
+
+}  // namespace
+
+// The linker leads the calls of fsync() here (--wrap). The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" int __real_fsync(int fd);
+extern "C" int __wrap_fsync(int fd);
+extern "C" int __wrap_fsync(int fd) {
+  if (!g_flush_fails) return __real_fsync(fd);
+  errno = ENOSPC;
+  return -1;
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace orv {
 namespace {
@@ -72,8 +91,10 @@ TEST(QueueFile, HoldsTheRecordsByteForByte) {
   record.next_run = 0x1122334455667788;
   record.exit_code = -1;
   record.after_stamp = 9;
-  ASSERT_EQ(queue_upsert(state, record), ErrorCode::Ok);
+  ASSERT_EQ(queue_upsert(state, record_of(std::string(128, 'n'), JobState::Done)), ErrorCode::Ok);
   ASSERT_EQ(queue_upsert(state, record_of("b", JobState::Done)), ErrorCode::Ok);
+  dir.write("new/dir/queue.tmp", std::string(1000, 't'));  // left by a save that was cut short
+  ASSERT_EQ(queue_upsert(state, record), ErrorCode::Ok) << "replaces the record of the cut name";
   const std::string bytes = test::read_file(path);
   ASSERT_EQ(bytes.size(), 344U);
   EXPECT_EQ(bytes.substr(0, 128), std::string(127, 'n') + '\0');
@@ -98,13 +119,21 @@ TEST(QueueFile, FailuresKeepWhatThereIs) {
   const ScopedFd lock = queue_lock(path.c_str());
   EXPECT_NE(::fcntl(lock.get(), F_GETFD) & FD_CLOEXEC, 0);
   const ScopedFd second(::open((path + ".lock").c_str(), O_RDWR | O_CLOEXEC));
-  EXPECT_NE(::flock(second.get(), LOCK_EX | LOCK_NB), 0);
+  EXPECT_NE(::flock(second.get(), LOCK_SH | LOCK_NB), 0);
   QueueState state;
   ASSERT_EQ(queue_load(state, path.c_str()), ErrorCode::Ok);
   ASSERT_EQ(queue_upsert(state, record_of("a", JobState::Done)), ErrorCode::Ok);
+  g_flush_fails = true;
+  EXPECT_EQ(queue_upsert(state, record_of("b", JobState::Done)), ErrorCode::IoError);
+  g_flush_fails = false;
+  EXPECT_EQ(test::read_file(path).size(), kRecordSize);
+  std::filesystem::remove(path + ".tmp");
   std::filesystem::create_directory(path + ".tmp");
   EXPECT_EQ(queue_upsert(state, record_of("b", JobState::Done)), ErrorCode::IoError);
   EXPECT_EQ(test::read_file(path).size(), kRecordSize);
+  std::filesystem::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(queue_reload(state), ErrorCode::IoError) << "nothing to wait for, nor an empty queue";
   std::filesystem::remove(path);
   std::filesystem::create_directories(path + "/full");  // neither read nor renamed over
   EXPECT_EQ(queue_reload(state), ErrorCode::IoError);
@@ -212,6 +241,17 @@ TEST(QueueReconcile, FollowsTheConfiguration) {
   EXPECT_EQ(state.records[2].schedule_fingerprint, schedule_fingerprint(second->jobs[1]));
 }
 
+TEST(QueueRefresh, TellsSchedulesApart) {
+  Job job;
+  EXPECT_EQ(schedule_fingerprint(job), 0x117697CDU);
+  job.has_once = true;
+  job.once = 0x04030201;
+  EXPECT_EQ(schedule_fingerprint(job), 0xC6C7D57EU);
+  EXPECT_EQ(first_next_run(job, kNow), 0x04030201);
+  const auto never = configured("[a]\nschedule=0 0 31 2 *\n");
+  EXPECT_EQ(first_next_run(never->jobs[0], kNow), kNever);
+}
+
 TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
   const test::ScopedTimeZone zone("UTC");
   struct Case {
@@ -270,6 +310,9 @@ TEST(QueueDue, LooksAtTimesAndDependencies) {
        20, 0, 20},
       {"not finished", "after=x,y\nafter-mode=finished", JobState::Done, kNever, JobState::Pending,
        20, 0, -1},
+      {"retry ahead", "after=x,y", JobState::Pending, kNow + 1, JobState::Done, 20, 0, -1},
+      {"retry now", "after=x,y", JobState::Pending, kNow, JobState::Done, 20, 0, 20},
+      {"no retry set", "after=x,y", JobState::Pending, kNever, JobState::Done, 20, 0, 20},
       {"both, time ahead", "after=x,y\nonce=1", JobState::Pending, kNow + 1, JobState::Done, 20, 0,
        -1},
   };
@@ -280,6 +323,7 @@ TEST(QueueDue, LooksAtTimesAndDependencies) {
     QueueState state;
     state.records = {record_of("y", c.other, c.other_finished), record_of("a", c.state),
                      record_of("x", JobState::Done, 10)};
+    state.records[1].started_at = 5;
     state.records[1].next_run = c.next_run;
     state.records[1].after_stamp = c.stamp;
     std::int64_t stamp = -1;
