@@ -140,6 +140,8 @@ TEST_F(ConfigReplace, KeepsTheNewestCopiesAndTheFilesAttributes) {
   EXPECT_EQ(st.st_mode & 07777, 0640U);
   EXPECT_EQ(::stat(dir_.file("cfg-history").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0700U);
+  EXPECT_EQ(::stat(dir_.file("cfg-history/20270115T080000Z-003.cfg").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600U);
   if (::geteuid() != 0) GTEST_SKIP() << "giving the file to another user needs root";
   ASSERT_EQ(::chown(path_.c_str(), 12, 34), 0);
   ASSERT_EQ(replace(kNew, 0), ReplaceResult::Ok) << err_.data();
@@ -174,6 +176,7 @@ TEST_F(ConfigReplace, LeavesEverythingAloneWhenItOnlyValidatesOrRefuses) {
 TEST_F(ConfigReplace, IsWholeWhicheverSystemCallFails) {
   std::map<std::string, int> refused;
   std::map<std::string, int> passed_over;
+  int half_copies = 0;
   for (int call = 0;; ++call) {
     SCOPED_TRACE(call);
     dir_.write("cfg", kOld);
@@ -185,11 +188,16 @@ TEST_F(ConfigReplace, IsWholeWhicheverSystemCallFails) {
     EXPECT_EQ(read_file(path_), result == ReplaceResult::Ok ? kNew : kOld);
     EXPECT_EQ(err_[0] == '\0', result == ReplaceResult::Ok);
     EXPECT_FALSE(test::contains(others(), ".api-tmp.")) << others();
+    if (test::contains(err_.data(), "cannot write " + history_directory(path_) + "/")) {
+      EXPECT_EQ(others(), "") << "half a copy";
+      ++half_copies;
+    }
     if (!reached) break;
     ++(result == ReplaceResult::Ok ? passed_over : refused)[g_failed];
   }
   EXPECT_EQ(passed_over["fsync"], 1) << "only the directory's";
   EXPECT_EQ(refused["fsync"], 2);
+  EXPECT_EQ(half_copies, 3) << "write, fsync and close";
   for (const char* name : {"write", "fchmod", "chmod", "rename"}) {
     EXPECT_GT(refused[name], 0) << name;
     EXPECT_EQ(passed_over[name], 0) << name;
