@@ -174,12 +174,19 @@ bool guard_trips(Dispatch& d) {
   return true;
 }
 
+// A run reads the queue again at its end. What could not be saved before it is carried over it; of
+// the job itself the run knows better.
 RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
   JobRunSettings settings;
   settings.timeout_s = job.timeout_s != 0 ? job.timeout_s : d.settings.job_timeout_s;
   settings.job_log_dir = d.settings.job_log_dir;
   settings.job_log_keep = d.settings.job_log_keep;
-  return run_job(job, settings, d.queue, d.lock, &d.services, result);
+  if (!d.unsaved) return run_job(job, settings, d.queue, d.lock, &d.services, result);
+  QueueState before = d.queue;
+  std::erase_if(before.records, [&job](const QueueRecord& r) { return job.name == record_name(r); });
+  const RunResult outcome = run_job(job, settings, d.queue, d.lock, &d.services, result);
+  carry_over(before, d.queue);
+  return outcome;
 }
 
 // The end of every run: what happened is written before anybody is told.
