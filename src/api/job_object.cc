@@ -26,14 +26,14 @@ void write_text(JsonWriter& json, std::string_view key, std::string_view text) {
   json.string_or_null(text);
 }
 
-void write_state(JsonWriter& json, const Job& job, const LiveState& live, const QueueView& view) {
+void write_state(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue) {
   json.key("state");
-  const auto found = view.by_name.find(job.name.view());
-  if (found == view.by_name.end()) {
+  const QueueRecord* const found = queue_find(queue, job.name.view());
+  if (found == nullptr) {
     json.null();
     return;
   }
-  const QueueRecord& record = *found->second;
+  const QueueRecord& record = *found;
   const bool runs_now = live.running.job == job.name;
   const bool has_run = record.finished_at != 0;
   json.begin_object();
@@ -67,15 +67,12 @@ void write_start_settings(JsonWriter& json, const Job& job) {
 
 }  // namespace
 
-QueueView load_queue_view(const LiveState& live, const Config& config, std::int64_t now) {
-  QueueView view;
-  if (queue_load_readonly(view.queue, live.queue_path.c_str()) != ErrorCode::Ok) return view;
-  queue_view_with_config(view.queue, config, now);
-  view.by_name.reserve(view.queue.records.size());
-  for (const QueueRecord& record : view.queue.records) {
-    view.by_name.emplace(record_name(record), &record);  // the first of a name counts
+QueueState load_queue_view(const LiveState& live, const Config& config, std::int64_t now) {
+  QueueState queue;
+  if (queue_load_readonly(queue, live.queue_path.c_str()) == ErrorCode::Ok) {
+    queue_view_with_config(queue, config, now);
   }
-  return view;
+  return queue;
 }
 
 bool is_run_queued(const LiveState& live, std::string_view job) {
@@ -83,7 +80,7 @@ bool is_run_queued(const LiveState& live, std::string_view job) {
                      [job](const RunRequest& request) { return request.job == job; });
 }
 
-void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueView& view) {
+void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue) {
   json.begin_object();
   write_text(json, "name", job.name.view());
   write_text(json, "command", command_name(job.command));
@@ -103,7 +100,7 @@ void write_job(JsonWriter& json, const Job& job, const LiveState& live, const Qu
   write_text(json, "retention_class", job.retention_class.view());
   json.key("api_allowed");
   json.boolean(command_allowed(live.config->api.allowed_commands, job.command));
-  write_state(json, job, live, view);
+  write_state(json, job, live, queue);
   json.end_object();
 }
 

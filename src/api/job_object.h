@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string_view>
-#include <unordered_map>
 
 #include "api/json_writer.h"
 #include "config/config.h"
@@ -13,23 +12,13 @@
 
 namespace orv {
 
-// The queue as one reply shows it, with its records found by name. Movable; the names lead into the
-// records.
-struct QueueView {
-  QueueView() = default;
-  QueueView(QueueView&&) = default;
-  QueueView& operator=(QueueView&&) = delete;
-  QueueState queue;
-  std::unordered_map<std::string_view, const QueueRecord*> by_name;
-};
-
 // Reads the queue without its lock and brings it in line with `config` in memory only. No records
 // when it cannot be read.
-[[nodiscard]] QueueView load_queue_view(const LiveState& live, const Config& config,
-                                        std::int64_t now);
+[[nodiscard]] QueueState load_queue_view(const LiveState& live, const Config& config,
+                                         std::int64_t now);
 
 // Writes the job as one JSON object.
-void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueView& view);
+void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue);
 
 // Whether an API client has asked for a run of this job that has not begun yet.
 [[nodiscard]] bool is_run_queued(const LiveState& live, std::string_view job);

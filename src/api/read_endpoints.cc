@@ -140,7 +140,7 @@ void get_jobs(ApiCall& call) {
   }
   ConfigSnapshot snapshot;
   if (!take_snapshot_or_reply(call.live.config_path, call.reply, snapshot)) return;
-  const QueueView view = load_queue_view(call.live, *snapshot.config, call.request.now);
+  const QueueState queue = load_queue_view(call.live, *snapshot.config, call.request.now);
   const std::vector<Job>& jobs = snapshot.config->jobs;
   const auto total = static_cast<std::int64_t>(jobs.size());
   const std::int64_t begin = std::min(call.page.offset, total);
@@ -154,7 +154,7 @@ void get_jobs(ApiCall& call) {
   json.key("jobs");
   json.begin_array();
   for (std::int64_t i = begin; i < end; ++i) {
-    write_job(json, jobs[static_cast<std::size_t>(i)], call.live, view);
+    write_job(json, jobs[static_cast<std::size_t>(i)], call.live, queue);
   }
   json.end_array();
   json.key("next_offset");
@@ -215,12 +215,12 @@ void get_mail_settings(ApiCall& call) {
 
 void reply_job(ApiCall& call, const EntityTag& etag, const Config& config, const Job& job,
                std::uint32_t status) {
-  const QueueView view = load_queue_view(call.live, config, call.request.now);
+  const QueueState queue = load_queue_view(call.live, config, call.request.now);
   JsonWriter& json = call.reply.json;
   json.begin_object();
   write_config_etag(call.reply, etag);
   json.key("job");
-  write_job(json, job, call.live, view);
+  write_job(json, job, call.live, queue);
   json.end_object();
   reply_finish(call.reply, status);
 }

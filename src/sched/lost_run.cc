@@ -7,9 +7,11 @@
 namespace orv {
 namespace {
 
-// The sweep of dead runners sets no finish time, so the start is left as the newest thing known.
+// The sweep of dead runners sets no finish time, so the start is left as the newest thing known. A
+// run that ended done is concluded even when the clock was put back meanwhile.
 bool never_concluded(const QueueRecord& record) {
-  return !queue_runner_alive(record) && record.started_at > record.finished_at;
+  return record.started_at > record.finished_at && record_state(record) != JobState::Done &&
+         !queue_runner_alive(record);
 }
 
 std::int64_t longest_run(const Config& config, std::string_view job_name, std::uint32_t timeout_s) {
