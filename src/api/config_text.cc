@@ -75,8 +75,20 @@ std::string_view tail_of(const Line& line) {
 
 std::string_view line_ending(std::string_view raw) { return raw.ends_with("\r\n") ? "\r\n" : "\n"; }
 
+void append_value(std::string& out, std::string_view value) {
+  const bool quoted = needs_quotes(value);
+  const char quote = value.find('\'') == std::string_view::npos ? '\'' : '"';
+  if (quoted) out += quote;
+  for (const char c : value) {
+    if (quoted && quote == '"' && (c == '"' || c == '\\')) out += '\\';
+    out += c;
+  }
+  if (quoted) out += quote;
+}
+
 void append_setting(std::string& out, const KeyEdit& edit, std::string_view tail) {
-  out.append(edit.key).append("=").append(quote_value(*edit.value));
+  out.append(edit.key).append("=");
+  append_value(out, *edit.value);
   // A comment may follow a closing quote directly, but not a bare value.
   if ((tail.starts_with('#') || tail.starts_with(';')) && !needs_quotes(*edit.value)) out += ' ';
   out.append(tail);
@@ -133,7 +145,6 @@ std::string edit_section(const std::vector<Line>& lines, const Extent& extent, s
   PendingEdits pending(edits);
   std::size_t insert_at = 0;  // in `out`, behind the section's last key line
   std::string_view ending = "\n";
-  std::string rest;
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const Line& line = lines[i];
     const bool inside = i >= extent.begin && i < extent.end;
@@ -150,8 +161,10 @@ std::string edit_section(const std::vector<Line>& lines, const Extent& extent, s
     }
     if (i + 1 == extent.end && pending.rest_to_write()) {
       if (!std::string_view(out).substr(0, insert_at).ends_with('\n')) out.insert(insert_at++, "\n");
-      pending.append_rest(rest, ending);
-      out.insert(insert_at, rest);
+      // Written behind everything and turned into place: a copy might be one of the password.
+      const auto end = static_cast<std::ptrdiff_t>(out.size());
+      pending.append_rest(out, ending);
+      std::rotate(out.begin() + static_cast<std::ptrdiff_t>(insert_at), out.begin() + end, out.end());
     }
   }
   return out;
@@ -160,18 +173,9 @@ std::string edit_section(const std::vector<Line>& lines, const Extent& extent, s
 }  // namespace
 
 std::string quote_value(std::string_view value) {
-  if (!needs_quotes(value)) return std::string(value);
   std::string out;
-  if (value.find('\'') == std::string_view::npos) {
-    out.append("'").append(value).append("'");
-    return out;
-  }
-  out = "\"";
-  for (const char c : value) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
+  append_value(out, value);
+  return out;
 }
 
 std::optional<std::string> set_keys(std::string_view text, std::string_view section,
