@@ -103,8 +103,8 @@ TEST_F(ApiDaemon, RunsFollowsAndCancels) {
   EXPECT_THAT(done({"run", "a"}), StartsWith("the run of job 'a' is queued, number 1"));
   ASSERT_TRUE(up());
   const Program follower(client_line({"log", "a", "--follow"}), client_env());
-  Program waiting(client_line({"log", "b", "--follow"}), client_env());
   EXPECT_THAT(done({"run", "b"}), EndsWith("number 1, behind the running job 'a'\n"));
+  Program waiting(client_line({"log", "b", "--follow"}), client_env());
   EXPECT_THAT(done({"run", "b"}), HasSubstr("queued already"));
   expect(1, {"run", "a"}, "409 job_running: ");
   expect(1, {"job", "delete", "a"}, "409 job_running: ");
