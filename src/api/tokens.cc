@@ -219,7 +219,6 @@ int write_tokens(const char* path, const TokenStore& store, std::span<char> err)
   ScopedFd file = open_file(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
   if (!file.valid()) return fail(err, "cannot write %s: %s", temp.c_str(), std::strerror(errno));
   const SecretBytes text = format_tokens(store);
-  errno = EIO;  // for a write that made no progress
   if (write_and_close(std::move(file), text.view()) && ::rename(temp.c_str(), path) == 0) return 0;
   const int cause = errno;
   (void)::unlink(temp.c_str());

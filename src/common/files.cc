@@ -17,6 +17,7 @@ ErrorCode make_directory(const char* path) {
   const int saved = errno;
   struct stat st {};
   if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return ErrorCode::Ok;
+  errno = saved;
   return error_from_errno(saved);
 }
 
@@ -57,7 +58,10 @@ ErrorCode write_all(int fd, std::span<const std::byte> bytes) {
     const ssize_t wrote = ::write(fd, bytes.data(), bytes.size());
     if (wrote < 0 && errno == EINTR) continue;
     if (wrote < 0) return error_from_errno(errno);
-    if (wrote == 0) return ErrorCode::IoError;
+    if (wrote == 0) {
+      errno = EIO;
+      return ErrorCode::IoError;
+    }
     bytes = bytes.subspan(static_cast<std::size_t>(wrote));
   }
   return ErrorCode::Ok;

@@ -1,6 +1,7 @@
 #include "common/status.h"
 
 #include <cerrno>
+#include <cstring>
 
 namespace orv {
 
@@ -19,6 +20,10 @@ const char* error_text(ErrorCode code) {
     case ErrorCode::Decryption: return "decryption failed (wrong key or corrupted data)";
   }
   return "unknown error";
+}
+
+const char* failure_text(ErrorCode code) {
+  return code == ErrorCode::IoError ? std::strerror(errno) : error_text(code);
 }
 
 ErrorCode error_from_errno(int error_number) {

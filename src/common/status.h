@@ -22,6 +22,9 @@ enum class [[nodiscard]] ErrorCode : int {
 // The fixed text of a code, "unknown error" for a value outside the table. Static storage.
 const char* error_text(ErrorCode code);
 
+// Why a call that has just failed with `code` did: errno's text for an IoError, else the code's own.
+const char* failure_text(ErrorCode code);
+
 // The code that stands for a system error number: ENOENT, EAGAIN, ENOMEM, EEXIST and EINVAL have
 // codes of their own, every other value is IoError.
 ErrorCode error_from_errno(int error_number);

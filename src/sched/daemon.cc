@@ -37,7 +37,7 @@ ErrorCode start_up(Dispatch& d) {
   if (!d.lock.valid()) return ErrorCode::IoError;
   if (ErrorCode rc = queue_load(d.queue, d.settings.queue_path.c_str()); rc != ErrorCode::Ok) {
     log_msg(LogLevel::Error, "orv_sched: cannot load the queue %s: %s",
-            d.settings.queue_path.c_str(), error_text(rc));
+            d.settings.queue_path.c_str(), failure_text(rc));
     return rc;
   }
   dispatch_sweep(d);

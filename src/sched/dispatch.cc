@@ -20,11 +20,7 @@ namespace {
 // Notes the outcome of a save. What could not be written is kept in memory and tried again in each
 // pass; reading the file instead would forget that a job has run, and start it again.
 void note_save(Dispatch& d, ErrorCode rc) {
-  if (rc != ErrorCode::Ok) {
-    log_msg(LogLevel::Error,
-            "orv_sched: cannot save the queue %s: %s -- the changes are kept in memory",
-            d.queue.path.c_str(), error_text(rc));
-  }
+  queue_log_unsaved(d.queue, rc, " -- the changes are kept in memory");
   d.unsaved = rc != ErrorCode::Ok;
 }
 

@@ -32,12 +32,6 @@ JobState state_after(RunResult result) {
   return kStates[static_cast<std::size_t>(result)];
 }
 
-void log_unsaved(const QueueState& queue, ErrorCode rc) {
-  if (rc == ErrorCode::Ok) return;
-  log_msg(LogLevel::Error, "orv_sched: cannot save the queue %s: %s", queue.path.c_str(),
-          error_text(rc));
-}
-
 // The job's record, made (and saved) when there is none: a job can be run by hand before the daemon
 // has ever seen it. The daemon keeps the "never" that such a record says, and warns of it.
 QueueRecord& find_or_add(QueueState& queue, const Job& job) {
@@ -47,7 +41,7 @@ QueueRecord& find_or_add(QueueState& queue, const Job& job) {
   record_set_state(record, JobState::Pending);
   record.next_run = kNever;
   record.exit_code = -1;
-  log_unsaved(queue, queue_upsert(queue, record));
+  queue_log_unsaved(queue, queue_upsert(queue, record));
   return *queue_find(queue, job.name.view());
 }
 
@@ -57,7 +51,7 @@ void mark_running(QueueState& queue, const Job& job, std::int64_t started) {
   record.started_at = started;
   queue_set_runner_pid(record, static_cast<std::uint32_t>(::getpid()));
   // A queue that cannot be written (a full disk) is no reason to skip a backup.
-  log_unsaved(queue, queue_save(queue));
+  queue_log_unsaved(queue, queue_save(queue));
 }
 
 void store_outcome(QueueState& queue, const Job& job, const JobRunResult& result) {

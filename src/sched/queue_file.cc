@@ -22,7 +22,10 @@ ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return error_from_errno(errno);
   // Some file systems give a directory no size: it must not pass for an empty queue.
-  if (!S_ISREG(st.st_mode)) return ErrorCode::IoError;
+  if (!S_ISREG(st.st_mode)) {
+    errno = S_ISDIR(st.st_mode) ? EISDIR : ENOTSUP;
+    return ErrorCode::IoError;
+  }
   const std::size_t count = static_cast<std::size_t>(st.st_size) / kRecordSize;
   if (count == 0) return ErrorCode::Ok;
   try {
@@ -111,6 +114,12 @@ ErrorCode queue_save(const QueueState& state) {
   fd.reset();
   return ::rename(temporary.c_str(), state.path.c_str()) == 0 ? ErrorCode::Ok
                                                               : error_from_errno(errno);
+}
+
+void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark) {
+  if (rc == ErrorCode::Ok) return;
+  log_msg(LogLevel::Error, "orv_sched: cannot save the queue %s: %s%s", state.path.c_str(),
+          failure_text(rc), remark);
 }
 
 ErrorCode queue_reload(QueueState& state) {

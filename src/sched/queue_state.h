@@ -73,14 +73,17 @@ struct QueueState {
 
 // Empties `state`, remembers `path` and reads its file. A missing file is created empty (without
 // clobbering one that another process has just made). IoError and the like, also for what is no
-// regular file; OutOfMemory; Corrupt when the file is shorter than its size said.
+// regular file (errno says what it was); OutOfMemory; Corrupt when the file is shorter than its size
+// said.
 [[nodiscard]] ErrorCode queue_load(QueueState& state, const char* path);
 // The same for a reader that may not create anything: a path that stat() refuses is an empty queue.
 [[nodiscard]] ErrorCode queue_load_readonly(QueueState& state, const char* path);
 
 // Replaces the file whole: temporary file "<path>.tmp", flushed, renamed. After a failure the old
-// file is in place. Needs the lock.
+// file is in place, and errno says what an IoError was. Needs the lock.
 [[nodiscard]] ErrorCode queue_save(const QueueState& state);
+// Logs why a save failed, at once after it; nothing for Ok. `remark` ends the line.
+void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark = "");
 
 // Replaces the records by what the file holds now. After a failure `state` is as it was. Pointers
 // from queue_find() are stale afterwards.

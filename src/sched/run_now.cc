@@ -11,12 +11,6 @@
 namespace orv {
 namespace {
 
-void log_unsaved(const QueueState& queue, ErrorCode rc) {
-  if (rc == ErrorCode::Ok) return;
-  log_msg(LogLevel::Error, "orv_sched: cannot save the queue %s: %s", queue.path.c_str(),
-          error_text(rc));
-}
-
 // Whether a job runs already, beside which `job` must not be started; logged.
 bool refused(const QueueState& queue, const Config& config, const JobRunSettings& settings,
              const std::string& job) {
@@ -64,12 +58,12 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
     log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
             queue.path.c_str());
   }
-  log_unsaved(queue, queue_sweep_stale_runners(queue));
+  queue_log_unsaved(queue, queue_sweep_stale_runners(queue));
   if (!force && refused(queue, config, settings, name)) return ErrorCode::Unavailable;
   if (job->timeout_s != 0) settings.timeout_s = job->timeout_s;
   JobRunResult result;
   const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);
-  log_unsaved(queue, queue_save(queue));
+  queue_log_unsaved(queue, queue_save(queue));
   lock.reset();
   send_result_mail(config, name, result, nullptr);
   return outcome == RunResult::Done ? ErrorCode::Ok : ErrorCode::IoError;

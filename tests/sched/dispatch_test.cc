@@ -161,7 +161,8 @@ TEST_F(DispatchTest, RemembersWhatItCannotSave) {
   configure("[a]\nprofile=a\nonce=1\n[b]\nprofile=b\nschedule=0 0 1 1 *\n[c]\nprofile=c\nonce=2\n");
   std::filesystem::create_directory(dir_.file("queue.tmp"));  // as bad as a full disk
   start();
-  EXPECT_TRUE(contains(cycle(), "ERROR orv_sched: cannot save the queue " + settings_.queue_path));
+  EXPECT_TRUE(contains(cycle(), "ERROR orv_sched: cannot save the queue " + settings_.queue_path +
+                                    ": Is a directory -- the changes are kept in memory\n"));
   cycle();
   EXPECT_EQ(runs(), "a\nc\n") << "a run that could not be recorded is not repeated";
   EXPECT_EQ(saved("a").started_at, 0);
