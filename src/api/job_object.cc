@@ -5,25 +5,13 @@
 namespace orv {
 namespace {
 
-void write_number_or_null(JsonWriter& json, std::int64_t value, bool known) {
-  if (known) {
-    json.integer(value);
-  } else {
-    json.null();
-  }
-}
-
-void write_tristate(JsonWriter& json, Tristate value) {
+void write_tristate(JsonWriter& json, std::string_view key, Tristate value) {
+  json.key(key);
   if (value == Tristate::Unset) {
     json.null();
   } else {
     json.boolean(value == Tristate::Yes);
   }
-}
-
-void write_text(JsonWriter& json, std::string_view key, std::string_view text) {
-  json.key(key);
-  json.string_or_null(text);
 }
 
 void write_state(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue) {
@@ -37,32 +25,26 @@ void write_state(JsonWriter& json, const Job& job, const LiveState& live, const 
   const bool runs_now = live.running.job == job.name;
   const bool has_run = record.finished_at != 0;
   json.begin_object();
-  json.key("status");
-  json.string(state_name(runs_now ? JobState::Running : record_state(record)));
-  json.key("next_run");
-  write_number_or_null(json, record.next_run, record.next_run != kNever && record.next_run != 0);
-  json.key("last_run");
-  write_number_or_null(json, record.started_at, record.started_at != 0);
-  json.key("last_finish");
-  write_number_or_null(json, record.finished_at, has_run);
-  json.key("last_exit_code");
-  write_number_or_null(json, record.exit_code, has_run);
-  json.key("run_requested");
-  json.boolean(is_run_queued(live, job.name.view()));
+  json.text_member("status", state_name(runs_now ? JobState::Running : record_state(record)));
+  json.integer_member("next_run", record.next_run,
+                      record.next_run != kNever && record.next_run != 0);
+  json.integer_member("last_run", record.started_at, record.started_at != 0);
+  json.integer_member("last_finish", record.finished_at, has_run);
+  json.integer_member("last_exit_code", record.exit_code, has_run);
+  json.boolean_member("run_requested", is_run_queued(live, job.name.view()));
   json.end_object();
 }
 
 void write_start_settings(JsonWriter& json, const Job& job) {
-  write_text(json, "schedule", job.schedule_text.view());
-  write_text(json, "once", job.once_text.view());
-  json.key("once_unix");
-  write_number_or_null(json, job.once, job.has_once);
+  json.text_member("schedule", job.schedule_text.view());
+  json.text_member("once", job.once_text.view());
+  json.integer_member("once_unix", job.once, job.has_once);
   json.key("after");
   json.begin_array();
   for (const JobName& name : job.after) json.string(name.view());
   json.end_array();
   const char* const mode = job.after_mode == AfterMode::Finished ? "finished" : "success";
-  write_text(json, "after_mode", job.after_mode_given ? mode : "");
+  json.text_member("after_mode", job.after_mode_given ? mode : "");
 }
 
 }  // namespace
@@ -82,24 +64,20 @@ bool is_run_queued(const LiveState& live, std::string_view job) {
 
 void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue) {
   json.begin_object();
-  write_text(json, "name", job.name.view());
-  write_text(json, "command", command_name(job.command));
-  write_text(json, "profile", job.profile.view());
-  write_text(json, "args", job.args_text.view());
+  json.text_member("name", job.name.view());
+  json.text_member("command", command_name(job.command));
+  json.text_member("profile", job.profile.view());
+  json.text_member("args", job.args_text.view());
   write_start_settings(json, job);
-  json.key("enabled");
-  json.boolean(job.enabled);
-  json.key("timeout_seconds");
-  write_number_or_null(json, job.timeout_s, job.timeout_s != 0);
-  write_text(json, "notify", notify_name(job.notify));
-  json.key("run_background");
-  write_tristate(json, job.run_background);
-  json.key("start_background");
-  write_tristate(json, job.start_background);
-  write_text(json, "retention", job.retention.view());
-  write_text(json, "retention_class", job.retention_class.view());
-  json.key("api_allowed");
-  json.boolean(command_allowed(live.config->api.allowed_commands, job.command));
+  json.boolean_member("enabled", job.enabled);
+  json.integer_member("timeout_seconds", job.timeout_s, job.timeout_s != 0);
+  json.text_member("notify", notify_name(job.notify));
+  write_tristate(json, "run_background", job.run_background);
+  write_tristate(json, "start_background", job.start_background);
+  json.text_member("retention", job.retention.view());
+  json.text_member("retention_class", job.retention_class.view());
+  json.boolean_member("api_allowed",
+                      command_allowed(live.config->api.allowed_commands, job.command));
   write_state(json, job, live, queue);
   json.end_object();
 }

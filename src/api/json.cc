@@ -22,13 +22,6 @@ bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; 
 
 bool is_control(char c) { return static_cast<unsigned char>(c) < 0x20; }
 
-int hex_digit(char c) {
-  if (is_digit(c)) return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 std::size_t encode_utf8(std::uint32_t point, char (&out)[4]) {
   const auto tail = [&](unsigned shift) {
     return static_cast<char>(0x80 | (point >> shift & 0x3f));

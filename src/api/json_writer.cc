@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "api/utf8.h"
+
 namespace orv {
 namespace {
 
@@ -18,36 +20,6 @@ std::size_t plain_run(std::string_view text) {
   std::size_t n = 0;
   while (n < text.size() && is_plain(text[n])) ++n;
   return n;
-}
-
-struct Utf8Lead {
-  unsigned first, last;      // lead bytes
-  std::size_t length;        // of the whole sequence
-  unsigned mask;             // payload of the lead byte
-  unsigned lowest, highest;  // code points it may encode
-};
-constexpr Utf8Lead kUtf8Leads[] = {
-    {0xc2, 0xdf, 2, 0x1f, 0x80, 0x7ff},
-    {0xe0, 0xef, 3, 0x0f, 0x800, 0xffff},
-    {0xf0, 0xf4, 4, 0x07, 0x10000, 0x10ffff},
-};
-
-// Length of the valid sequence at the front of `text`; 0 when there is none.
-std::size_t utf8_sequence(std::string_view text) {
-  const unsigned lead = byte_at(text, 0);
-  for (const Utf8Lead& row : kUtf8Leads) {
-    if (lead < row.first || lead > row.last) continue;
-    if (text.size() < row.length) return 0;
-    unsigned point = lead & row.mask;
-    for (std::size_t i = 1; i < row.length; ++i) {
-      const unsigned next = byte_at(text, i);
-      if ((next & 0xc0) != 0x80) return 0;
-      point = point << 6 | (next & 0x3f);
-    }
-    const bool surrogate = point >= 0xd800 && point <= 0xdfff;
-    return point >= row.lowest && point <= row.highest && !surrogate ? row.length : 0;
-  }
-  return 0;
 }
 
 // How one byte or sequence that is not plain is written.
@@ -67,18 +39,12 @@ Piece escape(std::string_view rest) {
   constexpr char kHex[] = "0123456789abcdef";
   const unsigned byte = byte_at(rest, 0);
   switch (byte) {
-    case '"':
-      return make_piece("\\\"", 1);
-    case '\\':
-      return make_piece("\\\\", 1);
-    case '\n':
-      return make_piece("\\n", 1);
-    case '\r':
-      return make_piece("\\r", 1);
-    case '\t':
-      return make_piece("\\t", 1);
-    default:
-      break;
+    case '"': return make_piece("\\\"", 1);
+    case '\\': return make_piece("\\\\", 1);
+    case '\n': return make_piece("\\n", 1);
+    case '\r': return make_piece("\\r", 1);
+    case '\t': return make_piece("\\t", 1);
+    default: break;
   }
   if (byte < 0x80) {
     const char code[] = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 0xf]};
@@ -192,6 +158,25 @@ void JsonWriter::integer(std::int64_t value) {
 
 void JsonWriter::boolean(bool value) { raw(value ? "true" : "false"); }
 void JsonWriter::null() { raw("null"); }
+
+void JsonWriter::text_member(std::string_view name, std::string_view text) {
+  key(name);
+  string_or_null(text);
+}
+
+void JsonWriter::integer_member(std::string_view name, std::int64_t value, bool known) {
+  key(name);
+  if (known) {
+    integer(value);
+  } else {
+    null();
+  }
+}
+
+void JsonWriter::boolean_member(std::string_view name, bool value) {
+  key(name);
+  boolean(value);
+}
 
 void JsonWriter::raw(std::string_view json) {
   separate();

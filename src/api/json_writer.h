@@ -29,8 +29,13 @@ class JsonWriter {
   void null();
   void raw(std::string_view json);  // a value already in JSON
 
-  // A string whose escaped content is at most `limit` bytes and fits the buffer: it stops before the
-  // first piece that would not, and is closed. Returns the number of bytes of `text` it covers.
+  // A key with its value.
+  void text_member(std::string_view name, std::string_view text);                     // empty: null
+  void integer_member(std::string_view name, std::int64_t value, bool known = true);  // else null
+  void boolean_member(std::string_view name, bool value);
+
+  // A string whose escaped content is at most `limit` bytes and fits the buffer: it stops before
+  // the first piece that would not, and is closed. Returns the number of bytes of `text` it covers.
   std::size_t string_limited(std::string_view text, std::size_t limit);
 
   [[nodiscard]] bool overflow() const { return overflow_; }

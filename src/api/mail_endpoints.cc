@@ -12,12 +12,9 @@ namespace {
 
 const char* mail_state_name(TestMailState state) {
   switch (state) {
-    case TestMailState::Pending:
-      return "pending";
-    case TestMailState::Sent:
-      return "sent";
-    case TestMailState::Failed:
-      return "failed";
+    case TestMailState::Pending: return "pending";
+    case TestMailState::Sent: return "sent";
+    case TestMailState::Failed: return "failed";
   }
   return "?";
 }
@@ -49,8 +46,7 @@ void send_test_mail(ApiCall& call) {
   }
   test_mail_add(live.test_mails, id);
   call.reply.json.begin_object();
-  call.reply.json.key("mail_id");
-  call.reply.json.integer(id);
+  call.reply.json.integer_member("mail_id", id);
   call.reply.json.end_object();
   reply_finish(call.reply, 202);
 }
@@ -71,12 +67,9 @@ void get_mail_result(ApiCall& call) {
   }
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("mail_id");
-  json.integer(mail->id);
-  json.key("state");
-  json.string(mail_state_name(mail->state));
-  json.key("error");
-  json.string_or_null(mail->error.view());
+  json.integer_member("mail_id", mail->id);
+  json.text_member("state", mail_state_name(mail->state));
+  json.text_member("error", mail->error.view());
   json.end_object();
   reply_finish(call.reply, 200);
 }

@@ -12,40 +12,16 @@
 namespace orv {
 namespace {
 
-void write_text(JsonWriter& json, std::string_view key, std::string_view text) {
-  json.key(key);
-  json.string_or_null(text);
-}
-
-void write_integer(JsonWriter& json, std::string_view key, std::int64_t value) {
-  json.key(key);
-  json.integer(value);
-}
-
-void write_boolean(JsonWriter& json, std::string_view key, bool value) {
-  json.key(key);
-  json.boolean(value);
-}
-
-void write_integer_if_set(JsonWriter& json, std::string_view key, std::int64_t value) {
-  json.key(key);
-  if (value != 0) {
-    json.integer(value);
-  } else {
-    json.null();
-  }
-}
-
 void write_server(JsonWriter& json, const ApiCall& call) {
   std::array<char, kMaxHostName + 1> host;
-  write_integer(json, "api_version", 1);
-  write_text(json, "server", kProgramName);
-  write_text(json, "version", kVersion);
-  write_text(json, "build", kBuild);
-  write_text(json, "host", host_name(host));
-  write_integer(json, "time", call.request.now);
-  write_integer(json, "daemon_started", call.live.daemon_started);
-  write_text(json, "running_job", call.live.running.job.view());
+  json.integer_member("api_version", 1);
+  json.text_member("server", kProgramName);
+  json.text_member("version", kVersion);
+  json.text_member("build", kBuild);
+  json.text_member("host", host_name(host));
+  json.integer_member("time", call.request.now);
+  json.integer_member("daemon_started", call.live.daemon_started);
+  json.text_member("running_job", call.live.running.job.view());
   json.key("run_queue");
   json.begin_array();
   for (const RunRequest& request : call.live.run_queue) json.string(request.job.view());
@@ -55,8 +31,8 @@ void write_server(JsonWriter& json, const ApiCall& call) {
 void write_policy(JsonWriter& json, const ApiSection& api) {
   json.key("policy");
   json.begin_object();
-  write_boolean(json, "allow_config_write", api.allow_config_write);
-  write_boolean(json, "allow_args", api.allow_args);
+  json.boolean_member("allow_config_write", api.allow_config_write);
+  json.boolean_member("allow_args", api.allow_args);
   json.key("allowed_commands");
   json.begin_array();
   for (const JobCommandRow& row : job_commands()) {
@@ -71,9 +47,9 @@ void write_commands(JsonWriter& json) {
   json.begin_array();
   for (const JobCommandRow& row : job_commands()) {
     json.begin_object();
-    write_text(json, "name", row.name);
-    write_boolean(json, "profile", row.takes_background);
-    write_boolean(json, "retention", row.takes_retention);
+    json.text_member("name", row.name);
+    json.boolean_member("profile", row.takes_background);
+    json.boolean_member("retention", row.takes_retention);
     json.end_object();
   }
   json.end_array();
@@ -82,30 +58,30 @@ void write_commands(JsonWriter& json) {
 void write_limits(JsonWriter& json) {
   json.key("limits");
   json.begin_object();
-  write_integer(json, "max_body_bytes", static_cast<std::int64_t>(kJsonRequestLimits.max_bytes));
-  write_integer(json, "jobs_page_max", kJobsPageMax);
-  write_integer(json, "log_chunk_max", kLogChunkMax);
-  write_integer(json, "timestamp_window_seconds", kTimestampWindow);
+  json.integer_member("max_body_bytes", static_cast<std::int64_t>(kJsonRequestLimits.max_bytes));
+  json.integer_member("jobs_page_max", kJobsPageMax);
+  json.integer_member("log_chunk_max", kLogChunkMax);
+  json.integer_member("timestamp_window_seconds", kTimestampWindow);
   json.end_object();
 }
 
 void write_mail(JsonWriter& json, const MailSection& mail) {
   json.begin_object();
-  write_text(json, "smtp_host", mail.smtp_host.view());
-  write_integer(json, "smtp_port", mail.smtp_port);
-  write_text(json, "tls", tls_mode_name(mail.tls));
-  write_text(json, "smtp_user", mail.smtp_user.view());
-  write_boolean(json, "smtp_password_set", mail.smtp_password_set);
+  json.text_member("smtp_host", mail.smtp_host.view());
+  json.integer_member("smtp_port", mail.smtp_port);
+  json.text_member("tls", tls_mode_name(mail.tls));
+  json.text_member("smtp_user", mail.smtp_user.view());
+  json.boolean_member("smtp_password_set", mail.smtp_password_set);
   const char* const source = mail.smtp_password_kind == SecretKind::File ? "file" : "literal";
-  write_text(json, "smtp_password_source", mail.smtp_password_set ? source : "");
-  write_text(json, "from", mail.from.view());
+  json.text_member("smtp_password_source", mail.smtp_password_set ? source : "");
+  json.text_member("from", mail.from.view());
   json.key("to");
   json.begin_array();
   for (const auto& address : mail.to) json.string(address.view());
   json.end_array();
-  write_text(json, "ca_file", mail.ca_file.view());
-  write_integer(json, "timeout_seconds", mail.timeout_s);
-  write_text(json, "notify", notify_name(mail.notify));
+  json.text_member("ca_file", mail.ca_file.view());
+  json.integer_member("timeout_seconds", mail.timeout_s);
+  json.text_member("notify", notify_name(mail.notify));
   json.end_object();
 }
 
@@ -120,13 +96,13 @@ void get_info(ApiCall& call) {
   write_config_etag(call.reply, snapshot.etag);
   json.key("token");
   json.begin_object();
-  write_text(json, "name", call.request.token_name);
-  write_text(json, "role", role_name(call.request.role));
+  json.text_member("name", call.request.token_name);
+  json.text_member("role", role_name(call.request.role));
   json.end_object();
   write_policy(json, call.live.config->api);
   write_commands(json);
   write_limits(json);
-  write_boolean(json, "mail_configured", call.live.config->mail.present);
+  json.boolean_member("mail_configured", call.live.config->mail.present);
   json.end_object();
   reply_finish(call.reply, 200);
 }
@@ -149,20 +125,15 @@ void get_jobs(ApiCall& call) {
   JsonWriter& json = call.reply.json;
   json.begin_object();
   write_config_etag(call.reply, snapshot.etag);
-  write_integer(json, "total", total);
-  write_integer(json, "offset", call.page.offset);
+  json.integer_member("total", total);
+  json.integer_member("offset", call.page.offset);
   json.key("jobs");
   json.begin_array();
   for (std::int64_t i = begin; i < end; ++i) {
     write_job(json, jobs[static_cast<std::size_t>(i)], call.live, queue);
   }
   json.end_array();
-  json.key("next_offset");
-  if (end < total) {
-    json.integer(end);
-  } else {
-    json.null();
-  }
+  json.integer_member("next_offset", end, end < total);
   json.end_object();
   reply_finish(call.reply, 200);
 }
@@ -187,11 +158,11 @@ void get_sched_settings(ApiCall& call) {
   write_config_etag(call.reply, snapshot.etag);
   json.key("sched");
   json.begin_object();
-  write_integer_if_set(json, "poll_interval", sched.poll_interval_s);
-  write_integer_if_set(json, "busy_retry_seconds", sched.busy_retry_s);
-  write_integer_if_set(json, "job_timeout_seconds", sched.job_timeout_s);
-  write_integer_if_set(json, "job_log_keep", sched.job_log_keep);
-  write_text(json, "job_log_dir", sched.job_log_dir.view());
+  json.integer_member("poll_interval", sched.poll_interval_s, sched.poll_interval_s != 0);
+  json.integer_member("busy_retry_seconds", sched.busy_retry_s, sched.busy_retry_s != 0);
+  json.integer_member("job_timeout_seconds", sched.job_timeout_s, sched.job_timeout_s != 0);
+  json.integer_member("job_log_keep", sched.job_log_keep, sched.job_log_keep != 0);
+  json.text_member("job_log_dir", sched.job_log_dir.view());
   json.end_object();
   json.end_object();
   reply_finish(call.reply, 200);

@@ -69,13 +69,6 @@ struct Path {
   std::size_t count = 0;
 };
 
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 bool decode_segment(std::string_view text, PathSegment& out) {
   std::string decoded;
   for (std::size_t at = 0; at < text.size(); ++at) {

@@ -27,14 +27,11 @@ std::size_t queue_position(const LiveState& live, std::string_view job) {
 void reply_queued(ApiCall& call, bool already_queued) {
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("queued");
-  json.boolean(true);
-  json.key("already_queued");
-  json.boolean(already_queued);
-  json.key("position");
-  json.integer(static_cast<std::int64_t>(queue_position(call.live, call.name())));
-  json.key("running_job");
-  json.string_or_null(call.live.running.job.view());
+  json.boolean_member("queued", true);
+  json.boolean_member("already_queued", already_queued);
+  json.integer_member("position",
+                      static_cast<std::int64_t>(queue_position(call.live, call.name())));
+  json.text_member("running_job", call.live.running.job.view());
   json.end_object();
   reply_finish(call.reply, 200);
 }
@@ -64,8 +61,7 @@ bool may_run(ApiCall& call) {
 void reply_cancelled(ApiCall& call, const char* what) {
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("cancelled");
-  json.string(what);
+  json.text_member("cancelled", what);
   json.end_object();
   reply_finish(call.reply, 200);
 }

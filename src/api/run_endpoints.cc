@@ -1,7 +1,6 @@
 // The endpoints that show a job's runs and their logs.
 #include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "api/endpoints.h"
@@ -26,27 +25,14 @@ void write_run(JsonWriter& json, std::string_view id, const RunLog& log) {
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
   json.begin_object();
-  json.key("id");
-  json.string(id);
-  json.key("start");
-  json.integer(run_start(id));
-  json.key("finished");
-  json.boolean(trailer.finished);
-  for (const auto& [key, value] : {std::pair{"finish", trailer.finish_unix},
-                                   std::pair{"exit_code", std::int64_t{trailer.exit_code}}}) {
-    json.key(key);
-    if (trailer.finished) {
-      json.integer(value);
-    } else {
-      json.null();
-    }
-  }
-  json.key("timed_out");
-  json.boolean(trailer.timed_out);
-  json.key("cancelled");
-  json.boolean(trailer.cancelled);
-  json.key("size");
-  json.integer(log.size);
+  json.text_member("id", id);
+  json.integer_member("start", run_start(id));
+  json.boolean_member("finished", trailer.finished);
+  json.integer_member("finish", trailer.finish_unix, trailer.finished);
+  json.integer_member("exit_code", trailer.exit_code, trailer.finished);
+  json.boolean_member("timed_out", trailer.timed_out);
+  json.boolean_member("cancelled", trailer.cancelled);
+  json.integer_member("size", log.size);
   json.end_object();
 }
 
@@ -70,20 +56,14 @@ void write_chunk(ApiCall& call, const RunLog& log, std::string_view chunk) {
   read_job_log_trailer(log.file.get(), log.size, trailer);
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("id");
-  json.string(call.variables[1].view());
-  json.key("offset");
-  json.integer(call.page.offset);
-  json.key("size");
-  json.integer(log.size);
-  json.key("finished");
-  json.boolean(trailer.finished);
+  json.text_member("id", call.variables[1].view());
+  json.integer_member("offset", call.page.offset);
+  json.integer_member("size", log.size);
+  json.boolean_member("finished", trailer.finished);
   json.key("data");
   const auto length = static_cast<std::int64_t>(json.string_limited(chunk, kLogChunkEscaped));
-  json.key("length");
-  json.integer(length);
-  json.key("next_offset");
-  json.integer(call.page.offset + length);
+  json.integer_member("length", length);
+  json.integer_member("next_offset", call.page.offset + length);
   json.end_object();
 }
 
@@ -94,8 +74,7 @@ void get_runs(ApiCall& call) {
   const std::string directory = job_log_directory(call.live.job_log_dir, call.name());
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("job");
-  json.string(call.name());
+  json.text_member("job", call.name());
   json.key("runs");
   json.begin_array();
   std::size_t listed = 0;

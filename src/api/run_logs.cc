@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <memory>
 
+#include "api/utf8.h"
 #include "common/files.h"
 #include "common/text.h"
 
@@ -22,35 +22,6 @@ int number_at(std::string_view digits, std::size_t at, std::size_t width) {
   int value = 0;
   for (const char c : digits.substr(at, width)) value = value * 10 + (c - '0');
   return value;
-}
-
-unsigned byte_at(std::string_view text, std::size_t at) {
-  return static_cast<unsigned char>(text[at]);
-}
-
-// The bytes that may follow a lead byte directly; all later ones are 80..BF.
-struct Utf8Form {
-  unsigned first_lead, last_lead;
-  std::size_t length;
-  unsigned lowest_second, highest_second;
-};
-constexpr Utf8Form kUtf8Forms[] = {
-    {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf}, {0xe1, 0xec, 3, 0x80, 0xbf},
-    {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf}, {0xf0, 0xf0, 4, 0x90, 0xbf},
-    {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
-};
-
-// Whether `tail`, a lead byte and continuation bytes, begins a valid sequence without completing
-// it.
-bool is_sequence_prefix(std::string_view tail) {
-  for (const Utf8Form& form : kUtf8Forms) {
-    const unsigned lead = byte_at(tail, 0);
-    if (lead < form.first_lead || lead > form.last_lead) continue;
-    if (tail.size() >= form.length) return false;
-    return tail.size() == 1 ||
-           (byte_at(tail, 1) >= form.lowest_second && byte_at(tail, 1) <= form.highest_second);
-  }
-  return false;
 }
 
 }  // namespace
@@ -96,8 +67,8 @@ std::size_t whole_utf8(std::string_view chunk) {
   std::size_t lead = chunk.size();
   for (std::size_t back = 0; back < 4 && lead > 0; ++back) {
     --lead;
-    if ((byte_at(chunk, lead) & 0xc0) == 0x80) continue;
-    return lead > 0 && is_sequence_prefix(chunk.substr(lead)) ? lead : chunk.size();
+    if ((static_cast<unsigned char>(chunk[lead]) & 0xc0) == 0x80) continue;
+    return lead > 0 && utf8_begins(chunk.substr(lead)) ? lead : chunk.size();
   }
   return chunk.size();
 }

@@ -153,8 +153,7 @@ void reply_verdict(ApiCall& call, bool valid) {
   call.reply.reset();
   JsonWriter& json = call.reply.json;
   json.begin_object();
-  json.key("valid");
-  json.boolean(valid);
+  json.boolean_member("valid", valid);
   json.key("result");
   if (valid) {
     json.null();

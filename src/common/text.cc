@@ -23,6 +23,13 @@ bool parse_digits(std::string_view text, Number& out) {
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
+int hex_digit(char c) {
+  if (is_digit(c)) return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 std::string_view trim_right(std::string_view text) {
   while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
   return text;

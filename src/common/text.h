@@ -11,6 +11,7 @@ namespace orv {
 // Space, \t, \n, \v, \f, \r.
 [[nodiscard]] bool is_space(char c);
 [[nodiscard]] bool is_digit(char c);
+[[nodiscard]] int hex_digit(char c);  // its value, either case; -1 for any other character
 
 [[nodiscard]] std::string_view trim(std::string_view text);        // white space at both ends
 [[nodiscard]] std::string_view trim_right(std::string_view text);  // at the end only
