@@ -91,15 +91,6 @@ bool read_whole(const std::string& path, SecretBytes& out) {
   return true;
 }
 
-std::vector<std::string> history_names(const std::string& directory) {
-  std::vector<std::string> names = directory_names(directory);
-  std::erase_if(names, [](const std::string& name) {
-    return name.size() <= kCopySuffix.size() || !name.ends_with(kCopySuffix);
-  });
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // The number of the second's next copy. It goes on behind the highest one and never fills a gap: the
 // copies are pruned by the order of their names, and the newest must not go first.
 unsigned next_number(const std::vector<std::string>& names, const std::string& stamp) {
@@ -118,7 +109,7 @@ unsigned next_number(const std::vector<std::string>& names, const std::string& s
 ScopedFd create_copy(const std::string& directory, std::int64_t now, std::string& path) {
   const std::string stamp = format_utc(now, kUtcStampFormat);
   ScopedFd fd;
-  unsigned n = next_number(history_names(directory), stamp);
+  unsigned n = next_number(directory_names(directory, kCopySuffix), stamp);
   errno = EEXIST;  // what is told when all numbers are taken
   for (; n < kCopiesPerSecond; ++n) {
     std::array<char, 16> number{};
@@ -150,13 +141,6 @@ ReplaceResult keep_copy(const std::string& path, const std::string& directory, s
   }
   ::unlink(copy.c_str());
   return io_failure(fail(err, "cannot write %s", copy.c_str()));
-}
-
-void prune(const std::string& directory, std::uint32_t keep) {
-  const std::vector<std::string> names = history_names(directory);
-  for (std::size_t i = 0; i + keep < names.size(); ++i) {
-    ::unlink((directory + "/" + names[i]).c_str());
-  }
 }
 
 std::string directory_of(std::string_view path) {
@@ -192,7 +176,7 @@ ReplaceResult replace_config(const std::string& path, std::string_view text,
   if (history_keep > 0) {
     result = keep_copy(path, history_dir, now, err);
     if (result != ReplaceResult::Ok) return result;
-    prune(history_dir, history_keep);
+    remove_first(history_dir, directory_names(history_dir, kCopySuffix), history_keep);
   }
   if (::rename(temporary.path().c_str(), path.c_str()) != 0) {
     return io_failure(fail(err, "cannot replace %s: %s", path.c_str(), std::strerror(errno)));

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -101,6 +102,26 @@ std::vector<std::string> directory_names(const std::string& path) {
     names.emplace_back(entry->d_name);
   }
   return names;
+}
+
+std::vector<std::string> directory_names(const std::string& path, std::string_view suffix) {
+  std::vector<std::string> names = directory_names(path);
+  std::erase_if(names, [suffix](const std::string& name) {
+    return name.size() <= suffix.size() || !name.ends_with(suffix);
+  });
+  return names;
+}
+
+void remove_first(std::string directory, std::vector<std::string> names, std::size_t keep) {
+  if (names.size() <= keep) return;
+  std::sort(names.begin(), names.end());
+  names.resize(names.size() - keep);
+  directory += '/';
+  const std::size_t length = directory.size();
+  for (const std::string& name : names) {
+    directory.resize(length);
+    (void)::unlink(directory.append(name).c_str());  // what stays does no harm
+  }
 }
 
 std::string_view host_name(std::span<char, kMaxHostName + 1> buffer) {

@@ -50,6 +50,14 @@ struct FileIdentity {
 // read.
 [[nodiscard]] std::vector<std::string> directory_names(const std::string& path);
 
+// Those of them that end in `suffix` and are longer than it.
+[[nodiscard]] std::vector<std::string> directory_names(const std::string& path,
+                                                       std::string_view suffix);
+
+// Deletes those of the directory's entries `names` that come first in byte order, until `keep` are
+// left. Errors are ignored.
+void remove_first(std::string directory, std::vector<std::string> names, std::size_t keep);
+
 // The host's name, at most 255 bytes, "localhost" when it cannot be read.
 inline constexpr std::size_t kMaxHostName = 255;
 [[nodiscard]] std::string_view host_name(std::span<char, kMaxHostName + 1> buffer);

@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "common/files.h"
@@ -26,16 +26,6 @@ std::int64_t number_after(const std::string& text, std::string_view label) {
   const std::size_t at = text.find(label);
   if (at == std::string::npos) return 0;
   return std::strtoll(text.c_str() + at + label.size(), nullptr, 10);
-}
-
-// The names of the directory's logs, cut.
-std::vector<std::string> log_names(const std::string& directory) {
-  std::vector<std::string> names = directory_names(directory);
-  std::erase_if(names, [](const std::string& name) {
-    return name.size() <= kLogSuffix.size() || !name.ends_with(kLogSuffix);
-  });
-  for (std::string& name : names) name.resize(std::min(name.size(), kMaxLogName));
-  return names;
 }
 
 }  // namespace
@@ -102,13 +92,9 @@ void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer
 
 void rotate_job_logs(const std::string& directory, std::uint32_t keep) {
   if (keep == 0) return;
-  std::vector<std::string> names = log_names(directory);
-  if (names.size() <= keep) return;
-  std::sort(names.begin(), names.end());  // start times: the oldest come first
-  names.resize(names.size() - keep);
-  for (const std::string& name : names) {
-    (void)::unlink((directory + "/" + name).c_str());  // a log that stays does no harm
-  }
+  std::vector<std::string> names = directory_names(directory, kLogSuffix);
+  for (std::string& name : names) name.resize(std::min(name.size(), kMaxLogName));
+  remove_first(directory, std::move(names), keep);  // start times: the oldest come first
 }
 
 }  // namespace orv

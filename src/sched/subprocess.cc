@@ -247,19 +247,20 @@ void wait_serving(Child& child, const CommandOptions& options, const PollCallbac
                   RunOutcome& outcome) {
   StopWatch watch;
   int hot_rounds = 0;
+  const auto served_fd = [callback] {
+    const bool known = callback != nullptr && callback->wait_fd != nullptr;
+    return known ? callback->wait_fd(callback->context) : -1;
+  };
   for (;;) {
     const bool serve = callback != nullptr && callback->poll != nullptr;
-    int fd = -1;
-    if (serve && callback->wait_fd != nullptr && hot_rounds < kMaxHotRounds) {
-      fd = callback->wait_fd(callback->context);
-    }
+    const int fd = hot_rounds < kMaxHotRounds ? served_fd() : -1;
     if (hot_rounds >= kMaxHotRounds) hot_rounds = 0;
     const bool woken = wait_for_child_or(child, fd, kServeIntervalMs);
     const bool cancel = serve && callback->poll(callback->context);
     if (reap(child, WNOHANG)) return;
     if (enforce_limits(watch, options, cancel, child, outcome)) return;
     if (woken) {
-      pollfd again{callback->wait_fd(callback->context), POLLIN, 0};
+      pollfd again{served_fd(), POLLIN, 0};
       hot_rounds = ::poll(&again, 1, 0) > 0 ? hot_rounds + 1 : 0;
     }
   }
