@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "api/auth.h"
-#include "api/json.h"
-#include "api/json_writer.h"
+#include "json/json.h"
+#include "json/json_writer.h"
 #include "api/reply.h"
 
 namespace orv {

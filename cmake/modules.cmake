@@ -17,6 +17,9 @@ function(orv_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINK} orv_test_support GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    ORV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    ORV_SMTP_SERVER="${PROJECT_SOURCE_DIR}/tests/netproc/smtp_server.py")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 endfunction()
 

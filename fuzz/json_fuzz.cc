@@ -10,8 +10,8 @@
 #include <string_view>
 #include <utility>
 
-#include "api/json.h"
-#include "api/json_writer.h"
+#include "json/json.h"
+#include "json/json_writer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "api/config_text.h"
-#include "api/json.h"
+#include "json/json.h"
 #include "api/reply.h"
 
 namespace orv {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "api/json_writer.h"
+#include "json/json_writer.h"
 #include "config/config.h"
 #include "sched/live_state.h"
 #include "sched/queue_state.h"

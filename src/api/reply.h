@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "api/json.h"
-#include "api/json_writer.h"
+#include "json/json.h"
+#include "json/json_writer.h"
 #include "common/fixed_text.h"
 
 namespace orv {

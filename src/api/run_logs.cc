@@ -7,7 +7,7 @@
 #include <ctime>
 #include <functional>
 
-#include "api/utf8.h"
+#include "common/utf8.h"
 #include "common/files.h"
 #include "common/text.h"
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "api/handler.h"
-#include "api/json.h"
+#include "json/json.h"
 #include "common/scoped_fd.h"
 #include "support/support.h"
 

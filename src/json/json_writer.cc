@@ -1,10 +1,10 @@
-#include "api/json_writer.h"
+#include "json/json_writer.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 
-#include "api/utf8.h"
+#include "common/utf8.h"
 
 namespace orv {
 namespace {

@@ -1,7 +1,7 @@
 // A strict, bounded reader of JSON (RFC 8259). Every failure is one message; but for "document too
 // large" it ends "at byte <n>", the offset at which reading stopped. Clients see these messages.
-#ifndef ORV_API_JSON_H_
-#define ORV_API_JSON_H_
+#ifndef ORV_JSON_JSON_H_
+#define ORV_JSON_JSON_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -60,4 +60,4 @@ inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
 
 }  // namespace orv
 
-#endif  // ORV_API_JSON_H_
+#endif  // ORV_JSON_JSON_H_

@@ -1,7 +1,7 @@
 // JsonWriter builds one reply in a buffer of fixed size, commas placed by themselves. Nothing fails
 // on its own: the first write that does not fit sets `overflow`, and all later ones are skipped.
-#ifndef ORV_API_JSON_WRITER_H_
-#define ORV_API_JSON_WRITER_H_
+#ifndef ORV_JSON_JSON_WRITER_H_
+#define ORV_JSON_JSON_WRITER_H_
 
 #include <array>
 #include <cstddef>
@@ -60,4 +60,4 @@ class JsonWriter {
 
 }  // namespace orv
 
-#endif  // ORV_API_JSON_WRITER_H_
+#endif  // ORV_JSON_JSON_WRITER_H_

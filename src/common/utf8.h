@@ -1,6 +1,6 @@
-// UTF-8 as replies need it: which bytes form a valid sequence.
-#ifndef ORV_API_UTF8_H_
-#define ORV_API_UTF8_H_
+// UTF-8: which bytes form a valid sequence.
+#ifndef ORV_COMMON_UTF8_H_
+#define ORV_COMMON_UTF8_H_
 
 #include <cstddef>
 #include <string_view>
@@ -16,4 +16,4 @@ namespace orv {
 
 }  // namespace orv
 
-#endif  // ORV_API_UTF8_H_
+#endif  // ORV_COMMON_UTF8_H_

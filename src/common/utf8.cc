@@ -1,4 +1,4 @@
-#include "api/utf8.h"
+#include "common/utf8.h"
 
 #include <algorithm>
 
