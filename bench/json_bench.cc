@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "api/auth.h"
+#include "api/reply.h"
 #include "json/json.h"
 #include "json/json_writer.h"
-#include "api/reply.h"
 
 namespace orv {
 namespace {

@@ -21,18 +21,15 @@ constexpr std::size_t kBufferSize = 262144;  // the largest request, every byte 
 
 void write(orv::JsonWriter& json, const orv::JsonValue& value) {
   switch (value.kind) {
-    case orv::JsonKind::Null:
-      return json.null();
-    case orv::JsonKind::Boolean:
-      return json.boolean(value.boolean);
+    case orv::JsonKind::Null: return json.null();
+    case orv::JsonKind::Boolean: return json.boolean(value.boolean);
     case orv::JsonKind::Number: {
       if (value.is_integer) return json.integer(value.integer);
       char text[64];
       (void)std::snprintf(text, sizeof text, "%.17g", value.number);
       return json.raw(text);
     }
-    case orv::JsonKind::String:
-      return json.string(value.string);
+    case orv::JsonKind::String: return json.string(value.string);
     case orv::JsonKind::Array:
       json.begin_array();
       for (const auto& element : value.values) write(json, *element);

@@ -1,5 +1,5 @@
-// Authentication of API requests: Bearer secrets, signed requests with a time window and nonces, and
-// the signature of responses.
+// Authentication of API requests: Bearer secrets, signed requests with a time window and nonces,
+// and the signature of responses.
 #ifndef ORV_API_AUTH_H_
 #define ORV_API_AUTH_H_
 
@@ -19,7 +19,7 @@ namespace orv {
 inline constexpr std::int64_t kTimestampWindow = 300;  // seconds, either way
 inline constexpr std::int64_t kNonceLifetime = 600;    // seconds
 inline constexpr std::size_t kNonceSlots = 4096;
-inline constexpr std::size_t kNonceLength = 32;  // lower-case hexadecimal digits
+inline constexpr std::size_t kNonceLength = 32;         // lower-case hexadecimal digits
 inline constexpr std::size_t kMaxCanonicalText = 4095;  // bytes
 
 enum class AuthResult : std::uint32_t {

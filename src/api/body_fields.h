@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "api/config_text.h"
-#include "json/json.h"
 #include "api/reply.h"
+#include "json/json.h"
 
 namespace orv {
 

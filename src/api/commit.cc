@@ -24,13 +24,11 @@ bool replace_or_reply(ApiCall& call, const DraftText& draft, bool validate_only)
   char err[kConfigMessageSize];
   switch (replace_config(live.config_path, draft.text, history_directory(live.config_path),
                          live.config->api.history_keep, validate_only, call.request.now, err)) {
-    case ReplaceResult::Ok:
-      return true;
+    case ReplaceResult::Ok: return true;
     case ReplaceResult::InvalidConfig:
       reply_error(call.reply, 400, "config_invalid", "%s", err);
       return false;
-    case ReplaceResult::IoFailure:
-      break;
+    case ReplaceResult::IoFailure: break;
   }
   log_msg(LogLevel::Error, "orv_sched API: %s", err);
   reply_error(call.reply, 500, "internal", "%s", err);

@@ -91,8 +91,8 @@ bool read_whole(const std::string& path, SecretBytes& out) {
   return true;
 }
 
-// The number of the second's next copy. It goes on behind the highest one and never fills a gap: the
-// copies are pruned by the order of their names, and the newest must not go first.
+// The number of the second's next copy. It goes on behind the highest one and never fills a gap:
+// the copies are pruned by the order of their names, and the newest must not go first.
 unsigned next_number(const std::vector<std::string>& names, const std::string& stamp) {
   unsigned next = 0;
   for (const std::string& name : names) {

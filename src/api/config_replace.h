@@ -15,10 +15,10 @@ namespace orv {
 
 enum class ReplaceResult : int { Ok = 0, InvalidConfig = -1, IoFailure = -2 };
 
-// Replaces the file at `path` by `text`, keeping owner, group and mode, and `history_keep` old copies
-// (0: none, and no directory). With `validate_only` nothing is replaced and no copy made. After any
-// result but Ok the file is as it was and no temporary file is left. The message of InvalidConfig is
-// the loader's, naming the real file; `now` (Unix seconds) names the copy.
+// Replaces the file at `path` by `text`, keeping owner, group and mode, and `history_keep` old
+// copies (0: none, and no directory). With `validate_only` nothing is replaced and no copy made.
+// After any result but Ok the file is as it was and no temporary file is left. The message of
+// InvalidConfig is the loader's, naming the real file; `now` (Unix seconds) names the copy.
 [[nodiscard]] ReplaceResult replace_config(const std::string& path, std::string_view text,
                                            const std::string& history_dir,
                                            std::uint32_t history_keep, bool validate_only,

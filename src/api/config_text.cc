@@ -62,7 +62,8 @@ bool needs_quotes(std::string_view value) {
   if (value.starts_with('"') || value.starts_with('\'')) return true;
   for (std::size_t i = 0; i < value.size(); ++i) {
     const bool comment_sign = value[i] == '#' || value[i] == ';';
-    if (comment_sign && (i == 0 || kBlanks.find(value[i - 1]) != std::string_view::npos)) return true;
+    if (comment_sign && (i == 0 || kBlanks.find(value[i - 1]) != std::string_view::npos))
+      return true;
   }
   return false;
 }
@@ -160,11 +161,13 @@ std::string edit_section(const std::vector<Line>& lines, const Extent& extent, s
       ending = line_ending(line.raw);
     }
     if (i + 1 == extent.end && pending.rest_to_write()) {
-      if (!std::string_view(out).substr(0, insert_at).ends_with('\n')) out.insert(insert_at++, "\n");
+      if (!std::string_view(out).substr(0, insert_at).ends_with('\n'))
+        out.insert(insert_at++, "\n");
       // Written behind everything and turned into place: a copy might be one of the password.
       const auto end = static_cast<std::ptrdiff_t>(out.size());
       pending.append_rest(out, ending);
-      std::rotate(out.begin() + static_cast<std::ptrdiff_t>(insert_at), out.begin() + end, out.end());
+      std::rotate(out.begin() + static_cast<std::ptrdiff_t>(insert_at), out.begin() + end,
+                  out.end());
     }
   }
   return out;

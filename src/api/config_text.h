@@ -21,9 +21,9 @@ struct KeyEdit {
   std::optional<std::string> value;
 };
 
-// Sets the keys of `section` (the first of that name), adding lines for those it does not have and the
-// section itself when the text has none. Nothing when a key, a value or the section's name cannot be
-// written in the file's syntax.
+// Sets the keys of `section` (the first of that name), adding lines for those it does not have and
+// the section itself when the text has none. Nothing when a key, a value or the section's name
+// cannot be written in the file's syntax.
 [[nodiscard]] std::optional<std::string> set_keys(std::string_view text, std::string_view section,
                                                   std::span<const KeyEdit> edits);
 

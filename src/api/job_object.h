@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "json/json_writer.h"
 #include "config/config.h"
+#include "json/json_writer.h"
 #include "sched/live_state.h"
 #include "sched/queue_state.h"
 

@@ -11,16 +11,16 @@
 #include <string>
 #include <string_view>
 
+#include "common/fixed_text.h"
 #include "json/json.h"
 #include "json/json_writer.h"
-#include "common/fixed_text.h"
 
 namespace orv {
 
 inline constexpr std::size_t kReplyBufferSize = 61440;  // bytes, NUL included
 
-// One request's reply. The body lies in `buffer` until the next request is handled. The buffer is made
-// by the first reset(), so that a daemon whose API is never used does not pay for it.
+// One request's reply. The body lies in `buffer` until the next request is handled. The buffer is
+// made by the first reset(), so that a daemon whose API is never used does not pay for it.
 struct ApiReply {
   ApiReply();
   std::unique_ptr<char[]> buffer;  // kReplyBufferSize bytes
@@ -50,8 +50,8 @@ inline constexpr std::size_t kMaxStoredValue = 1023;
 // Whether every key of `object` is one of the blank-separated `names`; false after an error reply.
 [[nodiscard]] bool only_known_fields(ApiReply& reply, const JsonValue& object,
                                      std::string_view names);
-// A member that is a string of at most `max` bytes (see check_stored_value), or absent or null: then
-// `out` is empty. False after an error reply.
+// A member that is a string of at most `max` bytes (see check_stored_value), or absent or null:
+// then `out` is empty. False after an error reply.
 [[nodiscard]] bool read_string_field(ApiReply& reply, const JsonValue& object, const char* field,
                                      std::size_t max, std::string& out);
 // A member that is an integer 0..`max`, or absent or null: then `out` is -1. False after an error.

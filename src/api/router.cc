@@ -179,17 +179,13 @@ bool check_method(ApiCall& call, const RouteRow& row) {
 bool pass(Check check, ApiCall& call, const RouteRow& row) {
   const ApiRequest& http = call.request.http;
   switch (check) {
-    case None:
-      return true;
-    case Method:
-      return check_method(call, row);
+    case None: return true;
+    case Method: return check_method(call, row);
     case NoQuery:
       return http.query.empty() ||
              refuse(call, 400, "bad_query", "this resource takes no query parameters");
-    case JobsQuery:
-      return read_page_query(call, "limit");
-    case LogQuery:
-      return read_page_query(call, "length");
+    case JobsQuery: return read_page_query(call, "limit");
+    case LogQuery: return read_page_query(call, "length");
     case Role:
       return row.role == TokenRole::Read || call.request.role == TokenRole::Admin ||
              refuse(call, 403, "forbidden", "this needs an admin token");
@@ -198,8 +194,7 @@ bool pass(Check check, ApiCall& call, const RouteRow& row) {
              refuse(call, 403, "config_write_disabled",
                     "configuration changes through the API are disabled ([api] "
                     "allow-config-write=no)");
-    case NoBody:
-      return http.body.empty() || refuse(call, 400, "bad_request", "this takes no body");
+    case NoBody: return http.body.empty() || refuse(call, 400, "bad_request", "this takes no body");
     case NoDeleteBody:
       return http.body.empty() || refuse(call, 400, "bad_request", "DELETE takes no body");
   }

@@ -7,9 +7,9 @@
 #include <ctime>
 #include <functional>
 
-#include "common/utf8.h"
 #include "common/files.h"
 #include "common/text.h"
+#include "common/utf8.h"
 
 namespace orv {
 namespace {

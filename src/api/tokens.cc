@@ -141,12 +141,10 @@ int read_open_file(int fd, const char* path, TokenStore& out, std::span<char> er
   std::string_view line;
   for (int number = 1;; ++number) {
     switch (reader.next(line)) {
-      case LineReader::Got::End:
-        return 0;
+      case LineReader::Got::End: return 0;
       case LineReader::Got::Failed:
         return fail(err, "cannot read %s: %s", path, std::strerror(errno));
-      case LineReader::Got::TooLong:
-        return fail(err, "%s:%d: line too long", path, number);
+      case LineReader::Got::TooLong: return fail(err, "%s:%d: line too long", path, number);
       case LineReader::Got::Line:
         if (read_token_line(path, number, line, out, err) != 0) return -1;
     }

@@ -38,8 +38,8 @@ struct TokenStore {
 // Exact, case-sensitive; null when there is none.
 [[nodiscard]] const ApiToken* find_token(const TokenStore& store, std::string_view name);
 
-// Reads the file into `out`. 0, with no tokens when the file does not exist; -1 with a message and an
-// empty store. The file must be a regular one, no link, closed to group and others.
+// Reads the file into `out`. 0, with no tokens when the file does not exist; -1 with a message and
+// an empty store. The file must be a regular one, no link, closed to group and others.
 [[nodiscard]] int read_tokens(const char* path, TokenStore& out, std::span<char> err);
 // Replaces the file. 0; -1 with a message, the old file in place.
 [[nodiscard]] int write_tokens(const char* path, const TokenStore& store, std::span<char> err);

@@ -25,7 +25,7 @@ struct CommandContext {
 struct CommandRow {
   std::string_view name;
   OptionTable options;
-  std::size_t positional;  // words it takes, the command itself included
+  std::size_t positional;                     // words it takes, the command itself included
   int (*run)(const CommandContext& context);  // returns the exit status
 };
 

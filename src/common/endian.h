@@ -10,12 +10,12 @@ namespace orv {
   return static_cast<std::uint16_t>(p[0] | p[1] << 8);
 }
 [[nodiscard]] inline std::uint32_t load_le32(const unsigned char* p) {
-  return static_cast<std::uint32_t>(load_le16(p)) |
-         static_cast<std::uint32_t>(load_le16(p + 2)) << 16;
+  return static_cast<std::uint32_t>(load_le16(p)) | static_cast<std::uint32_t>(load_le16(p + 2))
+                                                        << 16;
 }
 [[nodiscard]] inline std::uint64_t load_le64(const unsigned char* p) {
-  return static_cast<std::uint64_t>(load_le32(p)) |
-         static_cast<std::uint64_t>(load_le32(p + 4)) << 32;
+  return static_cast<std::uint64_t>(load_le32(p)) | static_cast<std::uint64_t>(load_le32(p + 4))
+                                                        << 32;
 }
 inline void store_le16(unsigned char* p, std::uint16_t value) {
   p[0] = static_cast<unsigned char>(value);

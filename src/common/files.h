@@ -26,8 +26,8 @@ namespace orv {
 // open(2) with O_CLOEXEC added, retried on EINTR; an empty owner on failure, errno kept.
 [[nodiscard]] ScopedFd open_file(const char* path, int flags, mode_t mode = 0);
 
-// Writes all of `bytes`. A write that makes no progress is an IoError. Here and above, errno says why
-// a call failed.
+// Writes all of `bytes`. A write that makes no progress is an IoError. Here and above, errno says
+// why a call failed.
 [[nodiscard]] ErrorCode write_all(int fd, std::span<const std::byte> bytes);
 [[nodiscard]] ErrorCode write_all(int fd, std::string_view text);
 

@@ -1,6 +1,7 @@
 // Command-line option tables, and the lookups that read option values straight from the arguments.
-// Lookups see every argument from the second one on (index 1), the value of another option included:
-// they do not know which words the scanner took as values, and a lone "--" does not end them.
+// Lookups see every argument from the second one on (index 1), the value of another option
+// included: they do not know which words the scanner took as values, and a lone "--" does not end
+// them.
 #ifndef ORV_COMMON_OPTIONS_H_
 #define ORV_COMMON_OPTIONS_H_
 

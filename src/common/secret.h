@@ -12,7 +12,8 @@
 
 namespace orv {
 
-// Owns a buffer of fixed capacity that is zeroed before its memory goes back. Movable, not copyable.
+// Owns a buffer of fixed capacity that is zeroed before its memory goes back. Movable, not
+// copyable.
 class SecretBytes {
  public:
   SecretBytes() noexcept = default;

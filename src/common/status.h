@@ -5,24 +5,17 @@
 
 namespace orv {
 
-enum class [[nodiscard]] ErrorCode : int {
-  Ok = 0,
-  IoError = -1,
-  OutOfMemory = -2,
-  Invalid = -3,
-  NotFound = -4,
-  AlreadyExists = -5,
-  NotSupported = -6,
-  Corrupt = -7,
-  Protocol = -8,
-  Unavailable = -9,
-  Decryption = -10,
+enum class [[nodiscard]] ErrorCode : int{
+    Ok = 0,        IoError = -1,       OutOfMemory = -2,  Invalid = -3,
+    NotFound = -4, AlreadyExists = -5, NotSupported = -6, Corrupt = -7,
+    Protocol = -8, Unavailable = -9,   Decryption = -10,
 };
 
 // The fixed text of a code, "unknown error" for a value outside the table. Static storage.
 const char* error_text(ErrorCode code);
 
-// Why a call that has just failed with `code` did: errno's text for an IoError, else the code's own.
+// Why a call that has just failed with `code` did: errno's text for an IoError, else the code's
+// own.
 const char* failure_text(ErrorCode code);
 
 // The code that stands for a system error number: ENOENT, EAGAIN, ENOMEM, EEXIST and EINVAL have

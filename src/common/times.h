@@ -9,7 +9,8 @@ namespace orv {
 
 inline constexpr const char* kUtcStampFormat = "%Y%m%dT%H%M%SZ";  // 20261005T140000Z, in file names
 
-// `time` (Unix seconds) in the server's local time, or in UTC; empty when it lies beyond the calendar.
+// `time` (Unix seconds) in the server's local time, or in UTC; empty when it lies beyond the
+// calendar.
 [[nodiscard, gnu::format(strftime, 2, 0)]] std::string format_local(std::int64_t time,
                                                                     const char* format);
 [[nodiscard, gnu::format(strftime, 2, 0)]] std::string format_utc(std::int64_t time,

@@ -1,8 +1,9 @@
 // The configuration file: the records it is loaded into, and its loader.
 //
-// A load reads the whole file, stops at the first fault with one message, and proves that the result
-// is consistent: whoever holds a loaded Config need not check it again. There are no warnings.
-// Messages about a line begin "<path>:<line>: ", messages about the whole "[<job>]: " or "[mail]: ".
+// A load reads the whole file, stops at the first fault with one message, and proves that the
+// result is consistent: whoever holds a loaded Config need not check it again. There are no
+// warnings. Messages about a line begin "<path>:<line>: ", messages about the whole "[<job>]: " or
+// "[mail]: ".
 #ifndef ORV_CONFIG_CONFIG_H_
 #define ORV_CONFIG_CONFIG_H_
 
@@ -24,16 +25,16 @@ namespace orv {
 inline constexpr const char* kDefaultConfigPath = "/etc/orv/orv_sched.cfg";
 
 inline constexpr std::size_t kMaxJobs = 256;
-inline constexpr std::size_t kMaxJobName = 127;   // bytes
-inline constexpr std::size_t kMaxAfter = 16;      // names
-inline constexpr std::size_t kMaxPath = 511;      // bytes of a path setting
-inline constexpr std::size_t kMaxJobLogDir = 599; // bytes
-inline constexpr std::size_t kMaxSmtpText = 255;  // bytes of host and user
-inline constexpr std::size_t kMaxProfile = 127;   // bytes
-inline constexpr std::size_t kMaxArgsText = 1023; // bytes
-inline constexpr std::size_t kMaxScheduleText = 127;  // bytes
-inline constexpr std::size_t kMaxAfterText = 2047;    // bytes of the whole list
-inline constexpr std::size_t kMaxConfigLine = 2046;   // bytes, line end not counted
+inline constexpr std::size_t kMaxJobName = 127;          // bytes
+inline constexpr std::size_t kMaxAfter = 16;             // names
+inline constexpr std::size_t kMaxPath = 511;             // bytes of a path setting
+inline constexpr std::size_t kMaxJobLogDir = 599;        // bytes
+inline constexpr std::size_t kMaxSmtpText = 255;         // bytes of host and user
+inline constexpr std::size_t kMaxProfile = 127;          // bytes
+inline constexpr std::size_t kMaxArgsText = 1023;        // bytes
+inline constexpr std::size_t kMaxScheduleText = 127;     // bytes
+inline constexpr std::size_t kMaxAfterText = 2047;       // bytes of the whole list
+inline constexpr std::size_t kMaxConfigLine = 2046;      // bytes, line end not counted
 inline constexpr std::size_t kConfigMessageSize = 2048;  // holds the longest message of a load
 
 using JobName = FixedText<kMaxJobName>;
@@ -49,7 +50,7 @@ struct Job {
   bool has_schedule = false;
   CronSpec schedule;
   bool has_once = false;
-  std::int64_t once = 0;  // Unix seconds
+  std::int64_t once = 0;       // Unix seconds
   std::vector<JobName> after;  // as written, at most kMaxAfter
   AfterMode after_mode = AfterMode::Success;
   bool after_mode_given = false;

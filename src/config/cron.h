@@ -15,9 +15,9 @@
 
 namespace orv {
 
-inline constexpr int kCronHorizonDays = 2929;       // dates tried, start's own included
-inline constexpr std::size_t kMaxCronText = 255;    // bytes of the longest expression
-inline constexpr std::int64_t kCronNoRun = -1;      // no date within the horizon
+inline constexpr int kCronHorizonDays = 2929;     // dates tried, start's own included
+inline constexpr std::size_t kMaxCronText = 255;  // bytes of the longest expression
+inline constexpr std::int64_t kCronNoRun = -1;    // no date within the horizon
 
 // One flag byte per value, 1 = allowed. The bytes in this order feed a job's schedule fingerprint.
 struct CronSpec {

@@ -14,12 +14,9 @@ constexpr std::uint32_t kDefaultMailTimeout = 60;  // seconds
 
 std::uint32_t default_port(TlsMode tls) {
   switch (tls) {
-    case TlsMode::Smtps:
-      return 465;
-    case TlsMode::None:
-      return 25;
-    case TlsMode::StartTls:
-      break;
+    case TlsMode::Smtps: return 465;
+    case TlsMode::None: return 25;
+    case TlsMode::StartTls: break;
   }
   return 587;
 }

@@ -320,12 +320,9 @@ int parse_secret_reference(std::string_view text, bool literal_allowed, SecretRe
 
 bool read_secret(const SecretReference& reference, FixedSecret<kMaxSecret>& out) {
   switch (reference.kind) {
-    case SecretKind::Literal:
-      return !reference.text.empty() && out.set(reference.text);
-    case SecretKind::File:
-      return read_secret_file(reference.text, out);
-    case SecretKind::Kms:
-      return false;
+    case SecretKind::Literal: return !reference.text.empty() && out.set(reference.text);
+    case SecretKind::File: return read_secret_file(reference.text, out);
+    case SecretKind::Kms: return false;
   }
   return false;
 }

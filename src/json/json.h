@@ -15,10 +15,16 @@
 namespace orv {
 
 enum class JsonKind : std::uint32_t {
-  Null = 0, Boolean = 1, Number = 2, String = 3, Array = 4, Object = 5
+  Null = 0,
+  Boolean = 1,
+  Number = 2,
+  String = 3,
+  Array = 4,
+  Object = 5
 };
 
-// One value of a document. Its texts are zeroed when it goes, because a request may carry a password.
+// One value of a document. Its texts are zeroed when it goes, because a request may carry a
+// password.
 struct JsonValue {
   JsonValue() = default;
   JsonValue(const JsonValue&) = delete;
@@ -30,9 +36,9 @@ struct JsonValue {
   bool is_integer = false;   // no fraction, no exponent, and it fits 64 bits
   std::int64_t integer = 0;  // valid when is_integer
   double number = 0;
-  std::string string;                               // decoded, UTF-8, never holds a NUL byte
-  std::vector<std::unique_ptr<JsonValue>> values;   // elements, or members' values in their order
-  std::vector<std::string> keys;                    // keys[i] names values[i]; unique
+  std::string string;                              // decoded, UTF-8, never holds a NUL byte
+  std::vector<std::unique_ptr<JsonValue>> values;  // elements, or members' values in their order
+  std::vector<std::string> keys;                   // keys[i] names values[i]; unique
 };
 
 inline constexpr std::size_t kMaxJsonString = 65535;  // bytes of a decoded string

@@ -69,8 +69,8 @@ const char* on_hello(NetSupervisor& sup, const IpcParsed& in) {
   return nullptr;
 }
 
-// The text came from some mail server and goes to logs and terminals, which obey control characters;
-// U+0080 to U+009F, two bytes in UTF-8, are such, too.
+// The text came from some mail server and goes to logs and terminals, which obey control
+// characters; U+0080 to U+009F, two bytes in UTF-8, are such, too.
 void blank_controls(char* text) {
   for (char* p = text; *p != '\0'; ++p) {
     const auto next = static_cast<unsigned char>(p[1]);
@@ -154,19 +154,14 @@ void receive_records(NetSupervisor& sup) {
   for (int i = 0; i < kNetPumpRecords && sup.fd.valid(); ++i) {
     const char* violation = nullptr;
     switch (ipc_recv(sup.fd.get(), *sup.buffer, true)) {
-      case IpcReceived::Nothing:
-        return;
+      case IpcReceived::Nothing: return;
       case IpcReceived::Closed:
         sup.fd.reset();
         log_loss(sup, "closed the connection");
         back_off(sup, true);
         return;
-      case IpcReceived::Oversized:
-        violation = "sent an oversized message: killed";
-        break;
-      case IpcReceived::Record:
-        violation = dispatch(sup, *sup.buffer);
-        break;
+      case IpcReceived::Oversized: violation = "sent an oversized message: killed"; break;
+      case IpcReceived::Record: violation = dispatch(sup, *sup.buffer); break;
     }
     sup.buffer->wipe();  // requests carry tokens, and bodies may carry passwords
     if (violation != nullptr) {
@@ -219,8 +214,7 @@ void net_shutdown(NetSupervisor& sup) {
   int status = 0;
   bool gone = reap(sup, status);
   // By its number: the C library's own declaration of it is not meant for C++ everywhere.
-  const ScopedFd exit_fd(
-      gone ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, sup.pid, 0U)));
+  const ScopedFd exit_fd(gone ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, sup.pid, 0U)));
   for (int i = 0; i < kShutdownSteps && !gone; ++i) {
     pollfd wait = {exit_fd.get(), POLLIN, 0};
     (void)::poll(&wait, 1, kShutdownStepMs);  // interrupted or not, the next step looks again

@@ -68,9 +68,9 @@ struct NetSupervisor {
 // was not wanted yet, else sending it the new settings.
 void net_set_mail(NetSupervisor& sup, const MailSection& mail);
 
-// Starts, changes or stops the API according to [api]; nothing happens when nothing changed. A change
-// ends the child at once and starts another. A certificate or key that cannot be read, or an address
-// that cannot be listened on, is logged and stops the API; mail goes on.
+// Starts, changes or stops the API according to [api]; nothing happens when nothing changed. A
+// change ends the child at once and starts another. A certificate or key that cannot be read, or an
+// address that cannot be listened on, is logged and stops the API; mail goes on.
 void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context);
 void net_stop_api(NetSupervisor& sup);
 

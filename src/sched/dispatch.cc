@@ -179,7 +179,8 @@ RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
   settings.job_log_keep = d.settings.job_log_keep;
   if (!d.unsaved) return run_job(job, settings, d.queue, d.lock, &d.services, result);
   QueueState before = d.queue;
-  std::erase_if(before.records, [&job](const QueueRecord& r) { return job.name == record_name(r); });
+  std::erase_if(before.records,
+                [&job](const QueueRecord& r) { return job.name == record_name(r); });
   const RunResult outcome = run_job(job, settings, d.queue, d.lock, &d.services, result);
   carry_over(before, d.queue);
   return outcome;

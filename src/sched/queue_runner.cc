@@ -51,10 +51,11 @@ ErrorCode queue_sweep_stale_runners(QueueState& state) {
   for (QueueRecord& record : state.records) {
     if (record_state(record) != JobState::Running || runner_present(record)) continue;
     const std::string_view name = record_name(record);
-    log_msg(LogLevel::Error,
-            "orv_sched: job '%.*s' is RUNNING in the queue file, but its runner (pid %u) is gone -- "
-            "marked FAILED",
-            static_cast<int>(name.size()), name.data(), queue_get_runner_pid(record));
+    log_msg(
+        LogLevel::Error,
+        "orv_sched: job '%.*s' is RUNNING in the queue file, but its runner (pid %u) is gone -- "
+        "marked FAILED",
+        static_cast<int>(name.size()), name.data(), queue_get_runner_pid(record));
     record.state_and_pid = static_cast<std::uint32_t>(JobState::Failed);
     changed = true;
   }

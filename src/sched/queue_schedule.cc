@@ -165,13 +165,13 @@ ErrorCode queue_refresh_schedules_and_save(QueueState& state, const Config& conf
   return queue_refresh_schedules(state, config, now) ? queue_save(state) : ErrorCode::Ok;
 }
 
-bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now,
-                   std::int64_t& stamp) {
+bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now, std::int64_t& stamp) {
   if (!job.enabled) return false;
   const QueueRecord* const record = queue_find(state, job.name.view());
   if (record == nullptr || record_state(*record) == JobState::Running) return false;
   // A time that was set holds a job with a schedule or a once time, and any job that is to be tried
-  // again: otherwise one that only waits for others would be started over and over while it is busy.
+  // again: otherwise one that only waits for others would be started over and over while it is
+  // busy.
   const bool retry_set = waits_for_retry(*record) && record->next_run != kNever;
   if ((has_time(job) || retry_set) && record->next_run > now) return false;
   std::int64_t newest = 0;

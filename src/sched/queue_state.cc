@@ -62,8 +62,7 @@ JobState record_state(const QueueRecord& record) {
 }
 
 void record_set_state(QueueRecord& record, JobState state) {
-  record.state_and_pid =
-      (record.state_and_pid & ~kStateMask) | static_cast<std::uint32_t>(state);
+  record.state_and_pid = (record.state_and_pid & ~kStateMask) | static_cast<std::uint32_t>(state);
 }
 
 std::uint32_t queue_get_runner_pid(const QueueRecord& record) {
@@ -92,8 +91,8 @@ const QueueRecord* queue_find(const QueueState& state, std::string_view name) {
 
 QueueRecord* queue_find(QueueState& state, std::string_view name) {
   const QueueRecord* const found = queue_find(std::as_const(state), name);
-  return found == nullptr ? nullptr : &state.records[static_cast<std::size_t>(
-                                          found - state.records.data())];
+  return found == nullptr ? nullptr
+                          : &state.records[static_cast<std::size_t>(found - state.records.data())];
 }
 
 ErrorCode queue_upsert(QueueState& state, const QueueRecord& record) {

@@ -27,20 +27,22 @@ inline constexpr std::uint32_t kMaxRunnerPid = 0xFFFFFF;
 enum class JobState : std::uint8_t { Pending = 0, Running = 1, Done = 2, Failed = 3, Disabled = 4 };
 [[nodiscard]] const char* state_name(JobState state);  // "?" for any other byte
 
-// The layout on disk, little-endian. `state_and_pid` has the state in its low 8 bits and the runner's
-// pid in the high 24; use the accessors below. `name` is NUL-padded; a corrupt file may lack the NUL.
+// The layout on disk, little-endian. `state_and_pid` has the state in its low 8 bits and the
+// runner's pid in the high 24; use the accessors below. `name` is NUL-padded; a corrupt file may
+// lack the NUL.
 struct [[gnu::packed]] QueueRecord {
   std::array<char, 128> name{};
   std::uint32_t state_and_pid = 0;
   std::uint32_t schedule_fingerprint = 0;  // 0: not yet known
   std::int64_t next_run = 0;
-  std::int64_t started_at = 0;   // 0: never ran
+  std::int64_t started_at = 0;  // 0: never ran
   std::int64_t finished_at = 0;
   std::int32_t exit_code = 0;    // -1: none, could not start, or killed by a signal
   std::int64_t after_stamp = 0;  // newest dependency finish that a run of this job has answered
 };
 static_assert(sizeof(QueueRecord) == kRecordSize);
-static_assert(std::endian::native == std::endian::little, "records are stored as they lie in memory");
+static_assert(std::endian::native == std::endian::little,
+              "records are stored as they lie in memory");
 
 [[nodiscard]] std::string_view record_name(const QueueRecord& record);
 void record_set_name(QueueRecord& record, std::string_view name);  // cut to 127 bytes
@@ -50,11 +52,11 @@ void record_set_state(QueueRecord& record, JobState state);  // the state byte o
 // A pid that does not fit 24 bits is stored as 0: such a runner is later judged gone.
 void queue_set_runner_pid(QueueRecord& record, std::uint32_t pid);
 
-// Where the records' names stand: built by the first lookup, so that looking up every configured job
-// costs no more than reading the records once. Private to the queue; whoever adds, removes or renames
-// records outside of it clears it.
+// Where the records' names stand: built by the first lookup, so that looking up every configured
+// job costs no more than reading the records once. Private to the queue; whoever adds, removes or
+// renames records outside of it clears it.
 struct QueueIndex {
-  std::vector<std::uint32_t> slots;  // open addressing; 0: free, else position + 1
+  std::vector<std::uint32_t> slots;   // open addressing; 0: free, else position + 1
   const QueueRecord* base = nullptr;  // the records it was built over
   std::size_t count = 0;
   void clear() { base = nullptr; }
@@ -73,8 +75,8 @@ struct QueueState {
 
 // Empties `state`, remembers `path` and reads its file. A missing file is created empty (without
 // clobbering one that another process has just made). IoError and the like, also for what is no
-// regular file (errno says what it was); OutOfMemory; Corrupt when the file is shorter than its size
-// said.
+// regular file (errno says what it was); OutOfMemory; Corrupt when the file is shorter than its
+// size said.
 [[nodiscard]] ErrorCode queue_load(QueueState& state, const char* path);
 // The same for a reader that may not create anything: a path that stat() refuses is an empty queue.
 [[nodiscard]] ErrorCode queue_load_readonly(QueueState& state, const char* path);
@@ -89,7 +91,8 @@ void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark
 // from queue_find() are stale afterwards.
 [[nodiscard]] ErrorCode queue_reload(QueueState& state);
 
-// The first record of exactly this name, or null. Stale after anything that adds or removes records.
+// The first record of exactly this name, or null. Stale after anything that adds or removes
+// records.
 [[nodiscard]] QueueRecord* queue_find(QueueState& state, std::string_view name);
 [[nodiscard]] const QueueRecord* queue_find(const QueueState& state, std::string_view name);
 

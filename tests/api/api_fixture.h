@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "api/handler.h"
-#include "json/json.h"
 #include "common/scoped_fd.h"
+#include "json/json.h"
 #include "support/support.h"
 
 namespace orv::test {

@@ -1,5 +1,5 @@
-// The manual pages, the completion, the example and the usage text know every option and every key that
-// the program's tables know.
+// The manual pages, the completion, the example and the usage text know every option and every key
+// that the program's tables know.
 #include <gtest/gtest.h>
 
 #include <string>

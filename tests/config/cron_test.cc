@@ -114,10 +114,28 @@ TEST(CronField, SelectsValuesOrIsRefused) {
       {"*/4294967297", {0}},
       {"3/18446744073709551617", {3}},
       {"0-59/18446744073709551615", {0}},
-      {"", {}},        {",", {}},     {"60", {}},     {"5-", {}},  {"-5", {}},     {"5-4", {}},
-      {"1-60", {}},    {"*/0", {}},   {"*/", {}},     {"*/a", {}}, {"1/2/3", {}},  {"1-2-3", {}},
-      {"jan", {}},     {"+5", {}},    {"* ", {}},     {"**", {}},  {"*-5", {}},    {"1, 2", {}},
-      {"4294967297", {}}, {"18446744073709551617", {}}, {"1/00", {}}, {"0x5", {}},
+      {"", {}},
+      {",", {}},
+      {"60", {}},
+      {"5-", {}},
+      {"-5", {}},
+      {"5-4", {}},
+      {"1-60", {}},
+      {"*/0", {}},
+      {"*/", {}},
+      {"*/a", {}},
+      {"1/2/3", {}},
+      {"1-2-3", {}},
+      {"jan", {}},
+      {"+5", {}},
+      {"* ", {}},
+      {"**", {}},
+      {"*-5", {}},
+      {"1, 2", {}},
+      {"4294967297", {}},
+      {"18446744073709551617", {}},
+      {"1/00", {}},
+      {"0x5", {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -175,7 +193,8 @@ TEST(CronNextRun, FollowsTheFields) {
   }
   const std::int64_t now = local("2026-03-01 10:00:30");
   EXPECT_EQ(cron_next_run(cron("* * * * *"), now, true), local("2026-03-01 10:00:00"));
-  EXPECT_EQ(cron_next_run(cron("* * * * *"), -90, false), -60);  // before 1970 minutes are minutes, too
+  EXPECT_EQ(cron_next_run(cron("* * * * *"), -90, false),
+            -60);  // before 1970 minutes are minutes, too
   EXPECT_EQ(cron_next_run(cron("* * * * *"), INT64_MAX, false), kCronNoRun);
 }
 
@@ -199,11 +218,11 @@ TEST(CronNextRun, AgreesWithTheLiteralSearch) {
     const char* odd_day;
   };
   static constexpr Zone kZones[] = {
-      {"America/Sao_Paulo", "2018-11-04 12:00:00"}, {"Africa/Cairo", "2010-04-30 12:00:00"},
-      {"Atlantic/Azores", "2024-03-31 12:00:00"},   {"America/Havana", "2024-03-10 12:00:00"},
-      {"America/Havana", "2024-11-03 12:00:00"},    {"Atlantic/Azores", "2024-10-27 12:00:00"},
-      {"Asia/Kathmandu", "1986-01-01 12:00:00"},    {"Pacific/Apia", "2011-12-30 12:00:00"},
-      {"Europe/Berlin", "2027-10-31 12:00:00"},     {"America/New_York", "2027-03-14 12:00:00"},
+      {"America/Sao_Paulo", "2018-11-04 12:00:00"},   {"Africa/Cairo", "2010-04-30 12:00:00"},
+      {"Atlantic/Azores", "2024-03-31 12:00:00"},     {"America/Havana", "2024-03-10 12:00:00"},
+      {"America/Havana", "2024-11-03 12:00:00"},      {"Atlantic/Azores", "2024-10-27 12:00:00"},
+      {"Asia/Kathmandu", "1986-01-01 12:00:00"},      {"Pacific/Apia", "2011-12-30 12:00:00"},
+      {"Europe/Berlin", "2027-10-31 12:00:00"},       {"America/New_York", "2027-03-14 12:00:00"},
       {"Australia/Lord_Howe", "2027-04-04 12:00:00"}, {"UTC", "2028-02-29 12:00:00"}};
   static constexpr const char* kMinutes[] = {"0", "30", "*/15", "59", "*"};
   static constexpr const char* kHours[] = {"0", "1", "2", "23", "*/6", "*"};

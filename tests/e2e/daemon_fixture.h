@@ -42,12 +42,13 @@ class DaemonFixture : public ::testing::Test {
                                     const std::vector<std::string>& words = {}) const {
     return run_program(command_line(command, words), env());
   }
-  // `argv` for an ordinary user: the network process refuses to be root, and the account that a root
-  // scheduler would give it may be missing. As root, everything runs as the user nobody, and from
-  // copies: the build may lie where that user cannot go. `helper` is a second program to copy.
+  // `argv` for an ordinary user: the network process refuses to be root, and the account that a
+  // root scheduler would give it may be missing. As root, everything runs as the user nobody, and
+  // from copies: the build may lie where that user cannot go. `helper` is a second program to copy.
   [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv,
                                                  const std::filesystem::path& helper) const {
-    for (const std::filesystem::path& program : {std::filesystem::path(ORV_SCHED_PROGRAM), helper}) {
+    for (const std::filesystem::path& program :
+         {std::filesystem::path(ORV_SCHED_PROGRAM), helper}) {
       const std::string copy = home_.file(program.filename().string());
       if (!exists(copy)) std::filesystem::copy_file(program, copy);
       if (argv[0] == program) argv[0] = copy;
@@ -75,8 +76,7 @@ class DaemonFixture : public ::testing::Test {
     return found != nullptr ? *found : QueueRecord();
   }
   [[nodiscard]] bool reaches(std::string_view job, JobState state) const {
-    return wait_until(std::chrono::seconds(30),
-                      [&] { return record_state(record(job)) == state; });
+    return wait_until(std::chrono::seconds(30), [&] { return record_state(record(job)) == state; });
   }
   [[nodiscard]] std::string file(std::string_view name) const {
     return read_file(home_.file(name));

@@ -22,8 +22,8 @@ TEST_F(DaemonTest, TakesAChainToItsEndAndStopsWhenAsked) {
   EXPECT_TRUE(contains(log, "INFO  orv_sched daemon started: config=" + home_.file("sched.cfg") +
                                 " queue=" + home_.file("state/queue") + " poll-interval=1s\n"));
   EXPECT_TRUE(contains(log, "INFO  orv_sched: job 'backup' starting (orv_agent)\n"));
-  EXPECT_TRUE(contains(
-      log, "INFO  orv_sched: job 'check' finished exit=0 timed_out=0 result=done\n"));
+  EXPECT_TRUE(
+      contains(log, "INFO  orv_sched: job 'check' finished exit=0 timed_out=0 result=done\n"));
   EXPECT_TRUE(contains(log, "INFO  orv_sched daemon stopping (signal received)\n"));
 }
 
@@ -49,12 +49,12 @@ TEST_F(DaemonTest, SaysWhatWasLostAfterItWasKilledDuringARun) {
   Program run(command_line("run", {"a"}), env());
   const std::string runner = std::to_string(run.pid());
   ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("pid")); }));
-  ASSERT_TRUE(daemon_says("INFO  orv_sched: job 'a' is running in another process (pid " +
-                          runner + ")"));
+  ASSERT_TRUE(
+      daemon_says("INFO  orv_sched: job 'a' is running in another process (pid " + runner + ")"));
   const ProgramResult refused = sched("run", {"a"});
   EXPECT_EQ(refused.status, 1);
-  EXPECT_TRUE(contains(refused.err, "ERROR orv_sched: job 'a' is already RUNNING (pid " +
-                                        runner + "; use --force to override)"));
+  EXPECT_TRUE(contains(refused.err, "ERROR orv_sched: job 'a' is already RUNNING (pid " + runner +
+                                        "; use --force to override)"));
   daemon_->signal(SIGKILL);
   daemon_->wait();
   run.signal(SIGKILL);
@@ -62,8 +62,10 @@ TEST_F(DaemonTest, SaysWhatWasLostAfterItWasKilledDuringARun) {
   const pid_t tool_pid = std::stoi(file("pid"));
   EXPECT_EQ(::kill(tool_pid, 0), 0) << "the tool outlives its scheduler";
   start_daemon();
-  EXPECT_TRUE(daemon_says("ERROR orv_sched: job 'a' is RUNNING in the queue file, but its runner "
-                          "(pid " + runner + ") is gone -- marked FAILED\n"));
+  EXPECT_TRUE(
+      daemon_says("ERROR orv_sched: job 'a' is RUNNING in the queue file, but its runner "
+                  "(pid " +
+                  runner + ") is gone -- marked FAILED\n"));
   EXPECT_TRUE(daemon_says("WARN  orv_sched: job 'a': the tool of a run whose scheduler is"));
   ::kill(tool_pid, SIGKILL);
   EXPECT_TRUE(reaches("a", JobState::Failed));

@@ -26,9 +26,16 @@ TEST_F(RunStartTest, RunExitsWithTheOutcomeAndDecidesOnTheBackground) {
   tool("orv_agent",
        "echo \"$*\" >" + home_.file("args") + "; exit $(cat " + home_.file("code") + ")");
   tool("orv_verifier", "echo \"$*\" >" + home_.file("args"));
-  configure("[plain]\nprofile=p\nonce=1\n[back]\nprofile=p\nrun-background=yes\nenabled=no\n"
-            "[check]\ncommand=verify\nafter=plain\n");
-  struct Case { const char* job; const char* flag; int code; int status; const char* args; };
+  configure(
+      "[plain]\nprofile=p\nonce=1\n[back]\nprofile=p\nrun-background=yes\nenabled=no\n"
+      "[check]\ncommand=verify\nafter=plain\n");
+  struct Case {
+    const char* job;
+    const char* flag;
+    int code;
+    int status;
+    const char* args;
+  };
   static constexpr Case kCases[] = {
       {"plain", "--force", 0, 0, "--name p\n"},
       {"plain", "--background", 0, 0, "--name p --background\n"},
@@ -54,8 +61,8 @@ TEST_F(RunStartTest, ARunOutlivesWhoeverReadsItsMessages) {
   configure("[a]\nonce=1\n");
   std::string command = "{";
   for (const std::string& word : command_line("run", {"a"})) command += " '" + word + "'";
-  command += "; echo $? >" + home_.file("code") + "; } 2>&1 | { head -c 1 >" +
-             home_.file("first") + "; exec <&-; : >" + home_.file("go") + "; }";
+  command += "; echo $? >" + home_.file("code") + "; } 2>&1 | { head -c 1 >" + home_.file("first") +
+             "; exec <&-; : >" + home_.file("go") + "; }";
   EXPECT_EQ(run_program({"sh", "-c", command}, env()).status, 0);
   EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return file("code") == "0\n"; }));
   EXPECT_EQ(record_state(record("a")), JobState::Done);
@@ -96,10 +103,10 @@ TEST_F(RunStartTest, StartDetachesAndRefusesWhileAJobRuns) {
                                                       "; use --force to override)\n"));
   const ProgramResult other = sched("start", {"b"});
   EXPECT_EQ(other.status, 1);
-  EXPECT_TRUE(contains(other.err,
-                       "error: job 'a' is RUNNING (pid " + pid +
-                           ") -- jobs run one at a time, try again later (or use --force to run "
-                           "'b' alongside it)\n"));
+  EXPECT_TRUE(
+      contains(other.err, "error: job 'a' is RUNNING (pid " + pid +
+                              ") -- jobs run one at a time, try again later (or use --force to run "
+                              "'b' alongside it)\n"));
   Program forced(command_line("run", {"b", "--force"}), env());
   EXPECT_TRUE(reaches("b", JobState::Running)) << "alongside the other";
   EXPECT_EQ(record_state(record("a")), JobState::Running);

@@ -173,7 +173,8 @@ void on_mail(Fake& fake, const IpcParsed& in, std::string_view manner) {
   if (manner == "quit-on-mail") ::_exit(0);
   if (manner == "slow") ::poll(nullptr, 0, 300);
   const bool bad = manner == "reject" || manner == "escape";
-  const char* error = manner == "escape" ? "550\r\n\x1b[2J\xc2\x9bno\xc3\x9f" : "550 no such user %s%n";
+  const char* error =
+      manner == "escape" ? "550\r\n\x1b[2J\xc2\x9bno\xc3\x9f" : "550 no such user %s%n";
   send_now(fake, ipc_encode_mail_result(*fake.out, in.id, bad ? 550 : 0, error));
 }
 

@@ -56,27 +56,13 @@ std::string verdict(MessageType expected, std::string_view bytes) {
   ApiRequest request;
   ApiResponse response;
   switch (expected) {
-    case MessageType::Hello:
-      (void)ipc_decode_hello(in, hello, err);
-      break;
-    case MessageType::MailConfig:
-      (void)ipc_decode_mail_config(in, mail, err);
-      break;
-    case MessageType::MailSend:
-      (void)ipc_decode_mail_send(in, text[0], text[1], err);
-      break;
-    case MessageType::MailResult:
-      (void)ipc_decode_mail_result(in, status, text[0], err);
-      break;
-    case MessageType::ApiConfig:
-      (void)ipc_decode_api_config(in, api, err);
-      break;
-    case MessageType::ApiRequest:
-      (void)ipc_decode_api_request(in, request, err);
-      break;
-    case MessageType::ApiResponse:
-      (void)ipc_decode_api_response(in, response, err);
-      break;
+    case MessageType::Hello: (void)ipc_decode_hello(in, hello, err); break;
+    case MessageType::MailConfig: (void)ipc_decode_mail_config(in, mail, err); break;
+    case MessageType::MailSend: (void)ipc_decode_mail_send(in, text[0], text[1], err); break;
+    case MessageType::MailResult: (void)ipc_decode_mail_result(in, status, text[0], err); break;
+    case MessageType::ApiConfig: (void)ipc_decode_api_config(in, api, err); break;
+    case MessageType::ApiRequest: (void)ipc_decode_api_request(in, request, err); break;
+    case MessageType::ApiResponse: (void)ipc_decode_api_response(in, response, err); break;
   }
   return err;
 }

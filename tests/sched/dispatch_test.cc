@@ -72,9 +72,10 @@ class DispatchTest : public ::testing::Test {
 };
 
 TEST_F(DispatchTest, RunsRequestsFirstThenDueJobsInFileOrderAndEachOnce) {
-  configure("[prune]\nprofile=prune\nafter=verify\nafter-mode=finished\n[verify]\nprofile=verify\n"
-            "after=backup\n[idle]\nprofile=idle\nschedule=* * * * *\n[backup]\nprofile=backup\n"
-            "once=1\n[late]\nprofile=late\nonce=1\n[hand]\nprofile=hand\nonce=4000000000\n");
+  configure(
+      "[prune]\nprofile=prune\nafter=verify\nafter-mode=finished\n[verify]\nprofile=verify\n"
+      "after=backup\n[idle]\nprofile=idle\nschedule=* * * * *\n[backup]\nprofile=backup\n"
+      "once=1\n[late]\nprofile=late\nonce=1\n[hand]\nprofile=hand\nonce=4000000000\n");
   dir_.write("exit-verify", "3\n");
   dir_.write("exit-late", "1\n");
   start();
@@ -145,8 +146,9 @@ TEST_F(DispatchTest, StartsNothingBesideAToolThatOutlivedItsScheduler) {
   dir_.write(log.substr(dir_.path().size() + 1), "");
   ScopedFd tool(open_file(log.c_str(), O_WRONLY | O_APPEND));
   job_log_mark_used(tool.get());
-  EXPECT_TRUE(contains(cycle(), "WARN  orv_sched: job 'a': the tool of a run whose scheduler is "
-                                "gone is still running -- no job is started before it ends\n"));
+  EXPECT_TRUE(contains(cycle(),
+                       "WARN  orv_sched: job 'a': the tool of a run whose scheduler is "
+                       "gone is still running -- no job is started before it ends\n"));
   EXPECT_EQ(cycle(), "");
   EXPECT_EQ(runs(), "");
   JobRunSettings settings;
@@ -182,8 +184,9 @@ TEST_F(DispatchTest, RemembersWhatItCannotSave) {
 }
 
 TEST_F(DispatchTest, WarnsOfJobsWithATimeThatNeverRun) {
-  configure("[cron]\nschedule=0 0 1 1 *\n[later]\nonce=4000000000\n[past]\nonce=1\n[off]\n"
-            "schedule=0 0 1 1 *\nenabled=no\n[hand]\nafter=cron\n");
+  configure(
+      "[cron]\nschedule=0 0 1 1 *\n[later]\nonce=4000000000\n[past]\nonce=1\n[off]\n"
+      "schedule=0 0 1 1 *\nenabled=no\n[hand]\nafter=cron\n");
   start();
   for (QueueRecord& record : dispatch_->queue.records) record.next_run = kNever;
   ::testing::internal::CaptureStderr();

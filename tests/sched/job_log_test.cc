@@ -16,7 +16,10 @@ namespace {
 using test::TempDir;
 
 TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
-  struct Case { std::string text; JobLogTrailer expected; };
+  struct Case {
+    std::string text;
+    JobLogTrailer expected;
+  };
   const std::string marker = "\n--- end ---\n";
   const Case cases[] = {
       {"", {}},
@@ -58,8 +61,8 @@ TEST(JobLogRotation, DeletesTheOldestLogsAndNothingElse) {
   EXPECT_FALSE(test::exists(dir.file("-.log")));
   EXPECT_TRUE(test::exists(dir.file("0.log")));
   EXPECT_FALSE(test::exists(dir.file("20250101T000000Z.log")));
-  for (const char* name : {"20250102T000000Z.log", "a.log", "\xc3\xa4.log", ".log", "notes.txt",
-                           "a.log.gz", "log"}) {
+  for (const char* name :
+       {"20250102T000000Z.log", "a.log", "\xc3\xa4.log", ".log", "notes.txt", "a.log.gz", "log"}) {
     EXPECT_TRUE(test::exists(dir.file(name))) << name;
   }
   rotate_job_logs(dir.file("nowhere"), 1);  // nothing to do, nothing to say

@@ -46,7 +46,12 @@ class JobRunTest : public ::testing::Test {
 };
 
 TEST_F(JobRunTest, TurnsTheExitCodeIntoAResult) {
-  struct Case { const char* tool; RunResult result; JobState state; int exit_code; };
+  struct Case {
+    const char* tool;
+    RunResult result;
+    JobState state;
+    int exit_code;
+  };
   static constexpr Case kCases[] = {
       {"echo fine; printf 'a\\000b' >&2", RunResult::Done, JobState::Done, 0},
       {"exit 75", RunResult::Busy, JobState::Pending, 75},

@@ -51,7 +51,12 @@ class ResultMailTest : public ::testing::Test {
 };
 
 TEST_F(ResultMailTest, AsksTheJobThenTheMailSection) {
-  struct Case { RunResult result; Notify job; Notify mail; bool wanted; };
+  struct Case {
+    RunResult result;
+    Notify job;
+    Notify mail;
+    bool wanted;
+  };
   static constexpr Case kCases[] = {
       {RunResult::Busy, Notify::Always, Notify::Always, false},
       {RunResult::Failed, Notify::Inherit, Notify::Failed, true},
@@ -79,18 +84,22 @@ TEST_F(ResultMailTest, TellsTheRunInLocalTime) {
   const std::string text = mail().value_or("");
   EXPECT_TRUE(contains(text, ": job nightly FAILED"));
   EXPECT_TRUE(contains(text, "Job:       nightly\nHost:      "));
-  EXPECT_TRUE(text.ends_with("Result:    FAILED\nExit code: 0 (timed out)\n"
-                             "Command:   orv_agent --name p\n"
-                             "Started:   2026-10-05 15:00:00 CET\n"
-                             "Finished:  2026-10-05 16:02:05 CET\n"
-                             "Duration:  1h 02m 05s\nJob log:   (none)\n"));
+  EXPECT_TRUE(
+      text.ends_with("Result:    FAILED\nExit code: 0 (timed out)\n"
+                     "Command:   orv_agent --name p\n"
+                     "Started:   2026-10-05 15:00:00 CET\n"
+                     "Finished:  2026-10-05 16:02:05 CET\n"
+                     "Duration:  1h 02m 05s\nJob log:   (none)\n"));
 }
 
 TEST_F(ResultMailTest, EndsWithTheLastLinesOfTheLog) {
   std::string numbered;
   for (int n = 1; n <= 100; ++n) numbered += std::to_string(n) + "\n";
   const std::string last40 = numbered.substr(numbered.find("61\n"));
-  struct Case { std::string log; std::string tail; };
+  struct Case {
+    std::string log;
+    std::string tail;
+  };
   const Case cases[] = {
       {numbered, last40},
       {numbered + "\n", last40.substr(3) + "\n"},
@@ -103,8 +112,8 @@ TEST_F(ResultMailTest, EndsWithTheLastLinesOfTheLog) {
     const std::string path = dir_.write("job.log", c.log);
     ASSERT_TRUE(result_.log_path.set(path));
     const std::string text = mail().value_or("");
-    EXPECT_TRUE(text.ends_with("Job log:   " + path + "\n\n--- last lines of the job log ---\n" +
-                               c.tail));
+    EXPECT_TRUE(
+        text.ends_with("Job log:   " + path + "\n\n--- last lines of the job log ---\n" + c.tail));
   }
   ASSERT_TRUE(result_.log_path.set(dir_.file("gone")));
   EXPECT_TRUE(mail().value_or("").ends_with("--- last lines of the job log ---\n"));

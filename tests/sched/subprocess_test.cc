@@ -36,7 +36,11 @@ TEST(Subprocess, ReportsHowTheProgramEnded) {
   dir.write("plain", "exit 6\n", 0755);  // no "#!": run by the shell, as execvp() does
   dir.write("locked", "", 0644);
   const ScopedEnv path("PATH", "/nowhere::" + dir.path() + ":/usr/bin:/bin");
-  struct Case { std::vector<const char*> argv; int exit_code; int exec_error; };
+  struct Case {
+    std::vector<const char*> argv;
+    int exit_code;
+    int exec_error;
+  };
   const Case cases[] = {
       {{"true"}, 0, 0},
       {{"sh", "-c", "exit 75"}, 75, 0},
@@ -84,7 +88,7 @@ TEST(Subprocess, EndsWithTheToolAndLeavesItsChildrenAlone) {
 }
 
 struct Canceller {
-  std::string when;  // asks for the stop once this file exists
+  std::string when;   // asks for the stop once this file exists
   ScopedFd readable;  // a descriptor that is never drained
   int calls = 0;
 };
@@ -103,7 +107,11 @@ TEST(Subprocess, StopsTheWholeGroupWhenAskedTo) {
   dir.script("tool",
              "cd \"$1\"; sh -c 'trap \"echo > stopped; exit\" TERM; echo > up; while :; do sleep "
              "0.05; done' & trap 'exit 0' TERM; wait");
-  struct Case { const char* tool; int exit_code; bool stopped; };
+  struct Case {
+    const char* tool;
+    int exit_code;
+    bool stopped;
+  };
   for (const Case& c : {Case{"tool", 0, true}, Case{"deaf", -1, false}}) {
     SCOPED_TRACE(c.tool);
     const TempDir work;

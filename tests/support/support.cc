@@ -126,7 +126,8 @@ void Program::signal(int number) const {
 
 int Program::wait(std::chrono::milliseconds deadline) {
   int status = 0;
-  const bool ended = wait_until(deadline, [&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
+  const bool ended =
+      wait_until(deadline, [&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
   if (!ended) {
     ADD_FAILURE() << "program did not end; its standard error:\n" << err();
     return -1;
