@@ -6,8 +6,8 @@
 
 #include "api/reply.h"
 #include "common/digest.h"
+#include "common/line_syntax.h"
 #include "common/text.h"
-#include "config/line_syntax.h"
 
 namespace orv {
 namespace {

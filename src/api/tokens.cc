@@ -12,10 +12,10 @@
 #include <string>
 
 #include "common/files.h"
+#include "common/line_syntax.h"
 #include "common/message.h"
 #include "common/secret.h"
 #include "common/text.h"
-#include "config/line_syntax.h"
 
 namespace orv {
 namespace {

@@ -8,13 +8,13 @@
 #include <unordered_set>
 
 #include "common/files.h"
+#include "common/line_syntax.h"
 #include "common/message.h"
 #include "common/secret.h"
 #include "common/text.h"
 #include "config/config.h"
 #include "config/cross_checks.h"
 #include "config/key_tables.h"
-#include "config/line_syntax.h"
 
 namespace orv {
 namespace {

@@ -1,4 +1,4 @@
-#include "config/line_syntax.h"
+#include "common/line_syntax.h"
 
 #include <gtest/gtest.h>
 

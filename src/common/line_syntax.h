@@ -1,8 +1,8 @@
 // The syntax of one line of the configuration file: quotes, comments, keys and section headers.
-// The loader, the tokens file and the editor of the configuration's text all read lines with these
-// functions, so that they agree on every byte.
-#ifndef ORV_CONFIG_LINE_SYNTAX_H_
-#define ORV_CONFIG_LINE_SYNTAX_H_
+// The loader, the tokens file, the editor of the configuration's text and a client's list of servers
+// all read lines with these functions, so that they agree on every byte.
+#ifndef ORV_COMMON_LINE_SYNTAX_H_
+#define ORV_COMMON_LINE_SYNTAX_H_
 
 #include <cstddef>
 #include <optional>
@@ -17,9 +17,8 @@ namespace orv {
 [[nodiscard]] std::optional<std::size_t> content_length(std::string_view raw_line);
 
 // The name that a line (trimmed, without comment) opens a section with: what stands between its
-// first
-// "[" and its last "]", trimmed, and possibly empty. Nothing when the line is not of that form; one
-// that begins with "[" is then a malformed header.
+// first "[" and its last "]", trimmed, and possibly empty. Nothing when the line is not of that
+// form; one that begins with "[" is then a malformed header.
 [[nodiscard]] std::optional<std::string_view> section_name(std::string_view trimmed_line);
 
 // A line (trimmed, without comment) split at its first "=", both sides trimmed, the value still
@@ -40,4 +39,4 @@ struct KeyValue {
 
 }  // namespace orv
 
-#endif  // ORV_CONFIG_LINE_SYNTAX_H_
+#endif  // ORV_COMMON_LINE_SYNTAX_H_
