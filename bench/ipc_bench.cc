@@ -52,16 +52,16 @@ void RequestThroughAnIdleSupervisor(benchmark::State& state) {
     return state.SkipWithError("no socket pair");
   }
   NetSupervisor sup;
-  sup.fd.reset(ends[0]);
+  sup.child.fd.reset(ends[0]);
   const ScopedFd child(ends[1]);
-  sup.pid = ::fork();
-  if (sup.pid == 0) {
+  sup.child.pid = ::fork();
+  if (sup.child.pid == 0) {
     for (;;) ::pause();
   }
-  sup.api_enabled = true;
+  sup.api.enabled = true;
   static std::string body;
   body.assign(static_cast<std::size_t>(state.range(0)), 'b');
-  sup.api_handler = [](void*, const ApiRequest&, ApiResponse& response) {
+  sup.api.handler = [](void*, const ApiRequest&, ApiResponse& response) {
     response.status = 200;
     response.body = body;
   };
@@ -76,7 +76,7 @@ void RequestThroughAnIdleSupervisor(benchmark::State& state) {
     }
   }
   state.SetItemsProcessed(state.iterations());
-  (void)::kill(sup.pid, SIGKILL);
+  (void)::kill(sup.child.pid, SIGKILL);
   net_shutdown(sup);
 }
 BENCHMARK(RequestThroughAnIdleSupervisor)->Arg(200)->Arg(61440);

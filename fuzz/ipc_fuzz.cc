@@ -80,14 +80,12 @@ void mail_result(const IpcParsed& in, IpcMessage& msg, std::span<char> err) {
 void api_config(const IpcParsed& in, IpcMessage& msg, std::span<char> err) {
   IpcApiConfig first;
   if (refused(ipc_decode_api_config(in, first, err), err.data())) {
-    return require(first.key.empty() && first.certificate.empty() && first.max_clients == 0);
+    return require(first.key_pem.empty() && first.cert_pem.empty() && first.max_clients == 0);
   }
   IpcApiConfig second;
-  const IpcParsed again = reparse(
-      ipc_encode_api_config(msg, in.id, first.certificate, first.key.view(), first.max_clients),
-      msg);
+  const IpcParsed again = reparse(ipc_encode_api_config(msg, in.id, first), msg);
   require(ipc_decode_api_config(again, second, err) == 0);
-  require(first.certificate == second.certificate && first.key.view() == second.key.view());
+  require(first.cert_pem == second.cert_pem && first.key_pem.view() == second.key_pem.view());
 }
 
 void api_request(const IpcParsed& in, IpcMessage& msg, std::span<char> err) {

@@ -26,6 +26,7 @@
 #include "common/fixed_text.h"
 #include "common/mail_address.h"
 #include "common/secret.h"
+#include "net/ipc_tags.h"
 
 namespace orv {
 
@@ -36,10 +37,12 @@ inline constexpr std::size_t kIpcMaxPayload = kIpcMaxRecord - kIpcHeaderSize;
 inline constexpr std::string_view kIpcMagic = "ORVS";
 inline constexpr std::uint16_t kIpcVersion = 1;
 
-inline constexpr std::size_t kIpcMaxRequestBody = 32768;   // bytes
-inline constexpr std::size_t kIpcMaxResponseBody = 61440;  // bytes
-inline constexpr std::size_t kIpcMaxPem = 16384;           // bytes
-inline constexpr std::size_t kIpcMaxMailError = 511;       // bytes
+// The methods of requests; any other is refused by both ends.
+inline constexpr std::string_view kApiMethods[] = {"GET", "PUT", "POST", "DELETE"};
+[[nodiscard]] bool is_api_method(std::string_view text);
+
+// Every byte is 0x20..0x7E. The empty text is printable.
+[[nodiscard]] bool ipc_printable(std::string_view text);
 
 enum class MessageType : std::uint16_t {
   Hello = 1,        // network process -> scheduler, when it starts
@@ -62,7 +65,7 @@ struct IpcMessage {
   void wipe() noexcept;
 };
 
-// A received record after its header was checked. The payload leads into the received buffer.
+// A received record after its header was checked. The payload points into the received buffer.
 struct IpcParsed {
   std::uint16_t type = 0;
   std::uint32_t id = 0;
@@ -85,42 +88,43 @@ struct IpcHello {
 };
 
 struct IpcMailConfig {
-  bool valid = false;  // set by a successful decode, or by whoever fills the record
-  FixedText<255> host;
+  bool valid = false;  // set by a successful decode, or by the code that fills the record
+  FixedText<kIpcMaxHost> host;
   std::uint32_t port = 0;
-  std::uint32_t tls_mode = 0;  // 0 none, 1 starttls, 2 smtps
-  FixedText<255> user;         // empty: no login
-  FixedSecret<64> password;
+  std::uint32_t tls_mode = 0;   // 0 none, 1 starttls, 2 smtps
+  FixedText<kIpcMaxUser> user;  // empty: no login
+  FixedSecret<kIpcMaxPassword> password;
   FixedText<kMaxMailAddress> from;
   std::vector<FixedText<kMaxMailAddress>> recipients;  // 1..kMaxRecipients
-  FixedText<511> ca_file;                              // empty: the system's store
+  FixedText<kIpcMaxCaFile> ca_file;                    // empty: the system's store
   std::uint32_t timeout_s = 0;
   void wipe() noexcept;  // back to the initial state, the password zeroed
 };
 
 struct IpcApiConfig {
-  std::string certificate;  // PEM
-  SecretBytes key;          // PEM
+  std::string cert_pem;
+  SecretBytes key_pem;
   std::uint32_t max_clients = 0;
 };
 void ipc_release_api_config(IpcApiConfig& record);
 
 struct ApiRequest {
-  FixedText<8> method;
-  FixedText<2048> path;
-  FixedText<1024> query;
-  FixedText<512> authorization;
-  FixedText<128> if_match;
-  FixedText<63> client;   // address of the peer
-  std::string_view body;  // leads into the received record, or wherever the sender keeps it
+  FixedText<kIpcMaxMethod> method;
+  FixedText<kIpcMaxPath> path;
+  FixedText<kIpcMaxQuery> query;
+  FixedText<kIpcMaxAuthorization> authorization;
+  FixedText<kIpcMaxIfMatch> if_match;
+  FixedText<kIpcMaxClient> client;  // address of the peer
+  std::string_view body;  // points into the received record, or to where the sender keeps it
+  ~ApiRequest() { authorization.wipe(); }  // a token is in it
 };
 
 struct ApiResponse {
-  std::uint32_t status = 0;  // 100..599
-  FixedText<79> etag;        // empty: none
-  FixedText<64> signature;   // empty: none
+  std::uint32_t status = 0;               // 100..599
+  FixedText<kIpcMaxEtag> etag;            // empty: none
+  FixedText<kIpcMaxSignature> signature;  // empty: none
   bool auth_failed = false;
-  std::string_view body;  // owned by whoever made the response
+  std::string_view body;  // owned by the maker of the response
 };
 
 // Encoders: 0, or -1 when something did not fit; the record is then not to be sent.
@@ -133,8 +137,7 @@ struct ApiResponse {
 [[nodiscard]] int ipc_encode_mail_result(IpcMessage& msg, std::uint32_t id, std::uint32_t status,
                                          std::string_view error);
 [[nodiscard]] int ipc_encode_api_config(IpcMessage& msg, std::uint32_t id,
-                                        std::string_view certificate, std::string_view key,
-                                        std::uint32_t max_clients);
+                                        const IpcApiConfig& config);
 [[nodiscard]] int ipc_encode_api_request(IpcMessage& msg, std::uint32_t id,
                                          const ApiRequest& request);
 [[nodiscard]] int ipc_encode_api_response(IpcMessage& msg, std::uint32_t id,

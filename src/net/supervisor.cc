@@ -30,29 +30,31 @@ static_assert(kDisabledBody.size() == 64);
 // `started` says whether there was a child to lose.
 void back_off(NetSupervisor& sup, bool started) {
   const std::int64_t now = sup.clock();
-  std::uint32_t wait = sup.backoff;
-  if (started && now - sup.started_at > kNetStableAfter) {
+  std::uint32_t wait = sup.child.backoff;
+  if (started && now - sup.child.started_at > kNetStableAfter) {
     wait = kNetFirstBackoff;
-    sup.backoff = 2 * kNetFirstBackoff;
+    sup.child.backoff = 2 * kNetFirstBackoff;
   } else {
-    sup.backoff = std::min(sup.backoff * 2, kNetMaxBackoff);
+    sup.child.backoff = std::min(sup.child.backoff * 2, kNetMaxBackoff);
   }
-  sup.next_restart = now + wait;
+  sup.child.next_restart = now + wait;
 }
 
 // A clock that was set back must not keep mail and API away for longer than any back-off lasts.
 bool restart_due(const NetSupervisor& sup) {
   const std::int64_t now = sup.clock();
-  return now >= sup.next_restart || sup.next_restart - now > std::int64_t{kNetMaxBackoff};
+  return now >= sup.child.next_restart ||
+         sup.child.next_restart - now > std::int64_t{kNetMaxBackoff};
 }
 
 void log_loss(const NetSupervisor& sup, const char* reason) {
-  log_msg(LogLevel::Warn, "orv_sched: network process pid=%d %s", sup.pid, reason);
+  log_msg(LogLevel::Warn, "orv_sched: network process pid=%d %s", sup.child.pid, reason);
 }
 
 void kill_child(NetSupervisor& sup, const char* reason) {
-  sup.fd.reset();
-  if (sup.pid > 0) (void)::kill(sup.pid, SIGKILL);  // gone already: it is reaped all the same
+  sup.child.fd.reset();
+  if (sup.child.pid > 0)
+    (void)::kill(sup.child.pid, SIGKILL);  // gone already: it is reaped all the same
   log_loss(sup, reason);
   back_off(sup, true);
 }
@@ -62,9 +64,9 @@ void kill_child(NetSupervisor& sup, const char* reason) {
 const char* on_hello(NetSupervisor& sup, const IpcParsed& in) {
   IpcHello hello;
   if (ipc_decode_hello(in, hello, {}) != 0) return "sent a bad HELLO: killed";
-  if (hello.pid != static_cast<std::uint32_t>(sup.pid)) {
+  if (hello.pid != static_cast<std::uint32_t>(sup.child.pid)) {
     log_msg(LogLevel::Warn, "orv_sched: network process HELLO names pid %u, expected %d", hello.pid,
-            sup.pid);
+            sup.child.pid);
   }
   return nullptr;
 }
@@ -85,16 +87,16 @@ const char* on_mail_result(NetSupervisor& sup, const IpcParsed& in) {
   std::uint32_t status = 0;
   if (ipc_decode_mail_result(in, status, text, {}) != 0) return "sent a bad MAIL_RESULT: killed";
   blank_controls(text);
-  sup.last_mail_id = in.id;
-  sup.last_mail_status = status;
-  sup.last_mail_error.set_truncated(text);
+  sup.mail.last_mail_id = in.id;
+  sup.mail.last_mail_status = status;
+  sup.mail.last_mail_error.set_truncated(text);
   if (status != 0) {
     log_msg(LogLevel::Error, "orv_sched: mail #%u not sent: %s", in.id, text);
   } else {
     log_msg(LogLevel::Info, "orv_sched: mail #%u sent", in.id);
   }
   if (sup.on_mail_result != nullptr) {
-    sup.on_mail_result(sup.on_mail_result_context, in.id, status, sup.last_mail_error.view());
+    sup.on_mail_result(sup.on_mail_result_context, in.id, status, sup.mail.last_mail_error.view());
   }
   return nullptr;
 }
@@ -110,15 +112,14 @@ void answer(NetSupervisor& sup, std::uint32_t id, const ApiResponse& response) {
 
 const char* on_api_request(NetSupervisor& sup, const IpcParsed& in) {
   ApiRequest request;
-  const ScopedWipe wipe(&request.authorization, sizeof request.authorization);  // a token is in it
   char err[256];
   if (ipc_decode_api_request(in, request, err) != 0) {
     log_msg(LogLevel::Warn, "orv_sched: %s", err);
     return "sent a bad API_REQUEST: killed";
   }
   ApiResponse response;
-  if (sup.api_enabled && sup.api_handler != nullptr) {
-    sup.api_handler(sup.api_handler_context, request, response);
+  if (sup.api.enabled && sup.api.handler != nullptr) {
+    sup.api.handler(sup.api.handler_context, request, response);
   } else {
     response.status = 503;
     response.body = kDisabledBody;
@@ -150,20 +151,20 @@ const char* dispatch(NetSupervisor& sup, const IpcMessage& msg) {
 
 // Handles what is waiting, up to the bound of one round. A reaction may close the socket.
 void receive_records(NetSupervisor& sup) {
-  if (!sup.buffer) sup.buffer = std::make_unique_for_overwrite<IpcMessage>();
-  for (int i = 0; i < kNetPumpRecords && sup.fd.valid(); ++i) {
+  if (!sup.child.buffer) sup.child.buffer = std::make_unique_for_overwrite<IpcMessage>();
+  for (int i = 0; i < kNetPumpRecords && sup.child.fd.valid(); ++i) {
     const char* violation = nullptr;
-    switch (ipc_recv(sup.fd.get(), *sup.buffer, true)) {
+    switch (ipc_recv(sup.child.fd.get(), *sup.child.buffer, true)) {
       case IpcReceived::Nothing: return;
       case IpcReceived::Closed:
-        sup.fd.reset();
+        sup.child.fd.reset();
         log_loss(sup, "closed the connection");
         back_off(sup, true);
         return;
       case IpcReceived::Oversized: violation = "sent an oversized message: killed"; break;
-      case IpcReceived::Record: violation = dispatch(sup, *sup.buffer); break;
+      case IpcReceived::Record: violation = dispatch(sup, *sup.child.buffer); break;
     }
-    sup.buffer->wipe();  // requests carry tokens, and bodies may carry passwords
+    sup.child.buffer->wipe();  // requests carry tokens, and bodies may carry passwords
     if (violation != nullptr) {
       kill_child(sup, violation);
       return;
@@ -174,10 +175,10 @@ void receive_records(NetSupervisor& sup) {
 // True when there is no child any more.
 bool look_after_child(NetSupervisor& sup) {
   int status = 0;
-  const pid_t pid = sup.pid;
+  const pid_t pid = sup.child.pid;
   if (!reap(sup, status)) return false;
-  if (pid > 0 && sup.fd.valid()) {
-    sup.fd.reset();
+  if (pid > 0 && sup.child.fd.valid()) {
+    sup.child.fd.reset();
     log_msg(LogLevel::Warn, "orv_sched: network process pid=%d exited (status=%d)", pid, status);
     back_off(sup, true);
   }
@@ -189,68 +190,69 @@ bool look_after_child(NetSupervisor& sup) {
 std::int64_t net_wall_clock() { return ::time(nullptr); }
 
 void net_pump(NetSupervisor& sup) {
-  if (sup.in_pump) return;
-  sup.in_pump = true;
-  if (sup.fd.valid()) receive_records(sup);
-  if (look_after_child(sup) && sup.wanted && !sup.fd.valid() && restart_due(sup)) {
+  if (sup.child.in_pump) return;
+  sup.child.in_pump = true;
+  if (sup.child.fd.valid()) receive_records(sup);
+  if (look_after_child(sup) && sup.child.wanted && !sup.child.fd.valid() && restart_due(sup)) {
     if (!start_child(sup)) back_off(sup, false);
   }
-  if (!sup.fd.valid()) sup.buffer.reset();
-  sup.in_pump = false;
+  if (!sup.child.fd.valid()) sup.child.buffer.reset();
+  sup.child.in_pump = false;
 }
 
 void net_wait(NetSupervisor& sup, int timeout_ms) {
   // Inside a pump nobody takes what is readable, and the wait would spin.
-  pollfd wait = {sup.in_pump ? -1 : sup.fd.get(), POLLIN, 0};
+  pollfd wait = {sup.child.in_pump ? -1 : sup.child.fd.get(), POLLIN, 0};
   (void)::poll(&wait, 1, timeout_ms);  // a signal ends it early: the caller looks at its stop flag
   net_pump(sup);
 }
 
 void net_shutdown(NetSupervisor& sup) {
-  sup.wanted = false;
-  sup.api_enabled = false;
+  sup.child.wanted = false;
+  sup.api.enabled = false;
   clear_api(sup);
-  sup.fd.reset();  // the child reads the end of the file and leaves
+  sup.child.fd.reset();  // the child reads the end of the file and leaves
   int status = 0;
   bool gone = reap(sup, status);
   // By its number: the C library's own declaration of it is not meant for C++ everywhere.
-  const ScopedFd exit_fd(gone ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, sup.pid, 0U)));
+  const ScopedFd exit_fd(gone ? -1
+                              : static_cast<int>(::syscall(SYS_pidfd_open, sup.child.pid, 0U)));
   for (int i = 0; i < kShutdownSteps && !gone; ++i) {
     pollfd wait = {exit_fd.get(), POLLIN, 0};
     (void)::poll(&wait, 1, kShutdownStepMs);  // interrupted or not, the next step looks again
     gone = reap(sup, status);
   }
   if (!gone) end_child(sup);
-  sup.mail.wipe();
-  if (!sup.in_pump) sup.buffer.reset();
+  sup.mail.settings.wipe();
+  if (!sup.child.in_pump) sup.child.buffer.reset();
 }
 
 namespace net {
 
 const char* hand_over(const NetSupervisor& sup, int encoded, const IpcMessage& msg) {
-  if (encoded == 0 && ipc_send(sup.fd.get(), msg, true) == 0) return nullptr;
+  if (encoded == 0 && ipc_send(sup.child.fd.get(), msg, true) == 0) return nullptr;
   const bool full = encoded == 0 && errno == EAGAIN;
   return full ? "it is not keeping up" : "message too large or socket error";
 }
 
 bool reap(NetSupervisor& sup, int& status) {
-  if (sup.pid <= 0) return true;
+  if (sup.child.pid <= 0) return true;
   pid_t rc = 0;
   do {
-    rc = ::waitpid(sup.pid, &status, WNOHANG);
+    rc = ::waitpid(sup.child.pid, &status, WNOHANG);
   } while (rc < 0 && errno == EINTR);
   if (rc == 0) return false;
-  sup.pid = -1;  // reaped, or not our child any more
+  sup.child.pid = -1;  // reaped, or not our child any more
   return true;
 }
 
 void end_child(NetSupervisor& sup) {
-  sup.fd.reset();
-  if (sup.pid <= 0) return;
-  (void)::kill(sup.pid, SIGKILL);
-  while (::waitpid(sup.pid, nullptr, 0) < 0 && errno == EINTR) {
+  sup.child.fd.reset();
+  if (sup.child.pid <= 0) return;
+  (void)::kill(sup.child.pid, SIGKILL);
+  while (::waitpid(sup.child.pid, nullptr, 0) < 0 && errno == EINTR) {
   }
-  sup.pid = -1;
+  sup.child.pid = -1;
 }
 
 }  // namespace net

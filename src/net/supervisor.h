@@ -30,38 +30,48 @@ inline constexpr std::uint32_t kNetMaxBackoff = 300;  // seconds
 
 // Answers one request. `response.body` must stay valid until the next call.
 using ApiHandler = void (*)(void* context, const ApiRequest& request, ApiResponse& response);
-// Told of each mail's outcome; `error` is empty when it was sent. It must not pump.
+// Called with each mail's outcome; `error` is empty when it was sent. It must not pump.
 using MailResultCallback = void (*)(void* context, std::uint32_t mail_id, std::uint32_t status,
                                     std::string_view error);
 
-// Unix seconds now.
 [[nodiscard]] std::int64_t net_wall_clock();
 
-struct NetSupervisor {
-  pid_t pid = -1;                 // the child, -1 when none
+// The child process and the socket to it.
+struct NetChild {
+  pid_t pid = -1;                 // -1: there is none
   ScopedFd fd;                    // our end of the socket pair
   std::int64_t started_at = 0;    // Unix seconds of the last successful start
   std::int64_t next_restart = 0;  // Unix seconds before which none is tried
   std::uint32_t backoff = kNetFirstBackoff;
   std::uint32_t next_id = 1;
-  bool wanted = false;   // the child should be running
-  bool in_pump = false;  // guards against re-entry
-  IpcMailConfig mail;    // `valid` when mail is configured
+  bool wanted = false;                 // it should be running
+  bool in_pump = false;                // guards against re-entry
+  std::unique_ptr<IpcMessage> buffer;  // the record being received; there while connected
+};
+
+struct NetMail {
+  IpcMailConfig settings;  // `valid` when mail is configured
   std::uint32_t last_mail_id = 0;
   std::uint32_t last_mail_status = 0;
   FixedText<kIpcMaxMailError> last_mail_error;
-  MailResultCallback on_mail_result = nullptr;
-  void* on_mail_result_context = nullptr;
-  bool api_enabled = false;
+};
+
+struct NetApi {
+  bool enabled = false;
   ScopedFd listen_fd;
   FixedText<199> listen_label;  // address and port, IPv6 in brackets
-  std::string cert_pem;
-  SecretBytes key_pem;
-  std::uint32_t max_clients = 0;
-  ApiHandler api_handler = nullptr;
-  void* api_handler_context = nullptr;
-  std::unique_ptr<IpcMessage> buffer;        // the record being received; there while connected
-  std::int64_t (*clock)() = net_wall_clock;  // tests of the back-off have their own
+  IpcApiConfig config;          // as the child has it
+  ApiHandler handler = nullptr;
+  void* handler_context = nullptr;
+};
+
+struct NetSupervisor {
+  NetChild child;
+  NetMail mail;
+  NetApi api;
+  MailResultCallback on_mail_result = nullptr;
+  void* on_mail_result_context = nullptr;
+  std::int64_t (*clock)() = net_wall_clock;  // Unix seconds; tests of the back-off have their own
 };
 
 // Takes the [mail] settings (none when the section is absent), starting the network process when it
@@ -83,7 +93,7 @@ void net_pump(NetSupervisor& sup);
 void net_wait(NetSupervisor& sup, int timeout_ms);
 
 // The descriptor that becomes readable when the child has sent something; -1 when not connected.
-[[nodiscard]] inline int net_wait_fd(const NetSupervisor& sup) { return sup.fd.get(); }
+[[nodiscard]] inline int net_wait_fd(const NetSupervisor& sup) { return sup.child.fd.get(); }
 
 // Hands a mail to the child. Its id (>= 1; the outcome comes later), or 0 when it could not be
 // handed over; either is logged.

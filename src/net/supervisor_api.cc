@@ -80,14 +80,14 @@ int open_listener(const ListenAddress& at, ScopedFd& out, std::span<char> err) {
 // Shut down, not only closed: the child has the socket too, and so has whatever it may have started
 // and left behind. The address would stay taken, and connections would go on being accepted.
 void close_listener(NetSupervisor& sup) {
-  if (sup.listen_fd.valid()) (void)::shutdown(sup.listen_fd.get(), SHUT_RDWR);
-  sup.listen_fd.reset();
+  if (sup.api.listen_fd.valid()) (void)::shutdown(sup.api.listen_fd.get(), SHUT_RDWR);
+  sup.api.listen_fd.reset();
 }
 
 void restart_at_once(NetSupervisor& sup) {
   end_child(sup);
-  sup.next_restart = 0;
-  sup.backoff = kNetFirstBackoff;
+  sup.child.next_restart = 0;
+  sup.child.backoff = kNetFirstBackoff;
 }
 
 }  // namespace
@@ -103,49 +103,48 @@ void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, 
             "orv_sched: API not started: %s (create one with 'orv_sched api-init')", reason);
     return net_stop_api(sup);
   }
-  sup.api_handler = handler;
-  sup.api_handler_context = context;
+  sup.api.handler = handler;
+  sup.api.handler_context = context;
   const FixedText<199> label = listen_label(api.listen);
-  if (sup.api_enabled && label == sup.listen_label && api.max_clients == sup.max_clients &&
-      cert.view() == sup.cert_pem && key.view() == sup.key_pem.view()) {
+  if (sup.api.enabled && label == sup.api.listen_label &&
+      api.max_clients == sup.api.config.max_clients && cert.view() == sup.api.config.cert_pem &&
+      key.view() == sup.api.config.key_pem.view()) {
     return;
   }
   close_listener(sup);
-  if (sup.api_enabled) end_child(sup);
+  if (sup.api.enabled) end_child(sup);
   ScopedFd listener;
   if (open_listener(api.listen, listener, reason) != 0) {
     log_msg(LogLevel::Error, "orv_sched: API not started: %s", reason);
     return net_stop_api(sup);
   }
-  sup.listen_fd = std::move(listener);
-  sup.listen_label = label;
-  sup.cert_pem = cert.view();
-  sup.key_pem = std::move(key);
-  sup.max_clients = api.max_clients;
-  sup.api_enabled = true;
-  sup.wanted = true;
+  sup.api.listen_fd = std::move(listener);
+  sup.api.listen_label = label;
+  sup.api.config.cert_pem = cert.view();
+  sup.api.config.key_pem = std::move(key);
+  sup.api.config.max_clients = api.max_clients;
+  sup.api.enabled = true;
+  sup.child.wanted = true;
   log_msg(LogLevel::Info, "orv_sched: API enabled on %s", label.c_str());
   restart_at_once(sup);
   net_pump(sup);
 }
 
 void net_stop_api(NetSupervisor& sup) {
-  const bool was_enabled = sup.api_enabled;
-  sup.api_enabled = false;
+  const bool was_enabled = sup.api.enabled;
+  sup.api.enabled = false;
   clear_api(sup);
   if (!was_enabled) return;
   log_msg(LogLevel::Info, "orv_sched: API stopped");
-  sup.wanted = sup.mail.valid;
+  sup.child.wanted = sup.mail.settings.valid;
   restart_at_once(sup);
-  if (sup.wanted) net_pump(sup);
+  if (sup.child.wanted) net_pump(sup);
 }
 
 void net::clear_api(NetSupervisor& sup) {
   close_listener(sup);
-  sup.listen_label.clear();
-  wipe_text(sup.cert_pem);
-  sup.cert_pem = {};
-  sup.key_pem.reset();
+  sup.api.listen_label.clear();
+  ipc_release_api_config(sup.api.config);
 }
 
 }  // namespace orv

@@ -25,8 +25,8 @@ std::int64_t monotonic_ms() {
 
 // Ids of mails are never 0, which stands for a mail that was not handed over.
 std::uint32_t next_mail_id(NetSupervisor& sup) {
-  if (sup.next_id == 0) sup.next_id = 1;
-  return sup.next_id++;
+  if (sup.child.next_id == 0) sup.child.next_id = 1;
+  return sup.child.next_id++;
 }
 
 // Ends a private supervisor, whatever became of its mail.
@@ -43,36 +43,37 @@ struct Shutdown {
 }  // namespace
 
 void net::store_mail_settings(NetSupervisor& sup, const MailSection& mail) {
-  sup.mail.wipe();
+  sup.mail.settings.wipe();
   if (!mail.present) return;
   // The fields are as long as those of the configuration: nothing is cut.
-  sup.mail.host.set_truncated(mail.smtp_host.view());
-  sup.mail.port = mail.smtp_port;
-  sup.mail.tls_mode = static_cast<std::uint32_t>(mail.tls);
-  sup.mail.user.set_truncated(mail.smtp_user.view());
-  (void)sup.mail.password.set(mail.smtp_password.view());
-  sup.mail.from.set_truncated(mail.from.view());
-  sup.mail.recipients = mail.to;
-  sup.mail.ca_file.set_truncated(mail.ca_file.view());
-  sup.mail.timeout_s = mail.timeout_s;
-  sup.mail.valid = true;
+  sup.mail.settings.host.set_truncated(mail.smtp_host.view());
+  sup.mail.settings.port = mail.smtp_port;
+  sup.mail.settings.tls_mode = static_cast<std::uint32_t>(mail.tls);
+  sup.mail.settings.user.set_truncated(mail.smtp_user.view());
+  (void)sup.mail.settings.password.set(mail.smtp_password.view());
+  sup.mail.settings.from.set_truncated(mail.from.view());
+  sup.mail.settings.recipients = mail.to;
+  sup.mail.settings.ca_file.set_truncated(mail.ca_file.view());
+  sup.mail.settings.timeout_s = mail.timeout_s;
+  sup.mail.settings.valid = true;
 }
 
 void net::send_mail_config(NetSupervisor& sup) {
   OutgoingRecord record;
-  const int encoded = ipc_encode_mail_config(record.message(), sup.next_id++, sup.mail);
+  const int encoded =
+      ipc_encode_mail_config(record.message(), sup.child.next_id++, sup.mail.settings);
   if (hand_over(sup, encoded, record.message()) == nullptr) return;
   log_msg(LogLevel::Warn, "orv_sched: could not hand the [mail] settings to orv_sched_net");
 }
 
 void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
   store_mail_settings(sup, mail);
-  if (!sup.mail.valid) return;
-  if (!sup.wanted) {
-    sup.wanted = true;
-    sup.next_restart = 0;
+  if (!sup.mail.settings.valid) return;
+  if (!sup.child.wanted) {
+    sup.child.wanted = true;
+    sup.child.next_restart = 0;
     net_pump(sup);
-  } else if (sup.fd.valid()) {
+  } else if (sup.child.fd.valid()) {
     send_mail_config(sup);
   }
 }
@@ -80,7 +81,7 @@ void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
 std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body) {
   net_pump(sup);
   const std::string name(subject);
-  if (!sup.fd.valid()) {
+  if (!sup.child.fd.valid()) {
     log_msg(LogLevel::Error, "orv_sched: mail \"%s\" not sent: the network process is not running",
             name.c_str());
     return 0;
@@ -101,17 +102,19 @@ std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::
 
 int net_wait_mail_result(NetSupervisor& sup, std::uint32_t mail_id, std::uint32_t timeout_s,
                          std::span<char> err) {
-  sup.last_mail_id = 0;
+  sup.mail.last_mail_id = 0;
   const std::int64_t deadline = monotonic_ms() + std::int64_t{timeout_s} * 1000;
-  while (sup.last_mail_id != mail_id) {
+  while (sup.mail.last_mail_id != mail_id) {
     const std::int64_t left = deadline - monotonic_ms();
     if (left <= 0) return fail(err, "no answer from the network process within %u s", timeout_s);
-    if (!sup.fd.valid()) return fail(err, "the network process exited before reporting a result");
+    if (!sup.child.fd.valid())
+      return fail(err, "the network process exited before reporting a result");
     net_wait(sup, left < kResultStepMs ? static_cast<int>(left) : kResultStepMs);
   }
-  if (sup.last_mail_status == 0) return 0;
-  return fail(err, "%s",
-              sup.last_mail_error.empty() ? "unknown error" : sup.last_mail_error.c_str());
+  if (sup.mail.last_mail_status == 0) return 0;
+  return fail(
+      err, "%s",
+      sup.mail.last_mail_error.empty() ? "unknown error" : sup.mail.last_mail_error.c_str());
 }
 
 int net_send_mail_now(const MailSection& mail, std::string_view subject, std::string_view body,

@@ -36,7 +36,7 @@ void send_mail_config(NetSupervisor& sup);
 // Replaces the stored mail settings, wiping the old ones.
 void store_mail_settings(NetSupervisor& sup, const MailSection& mail);
 
-// Ends the child for a change of the settings: silently, and gone when this returns.
+// Kills and reaps the child without logging, for a change of the settings.
 void end_child(NetSupervisor& sup);
 
 // Forgets the API's settings, the private key wiped, and closes the listening socket.

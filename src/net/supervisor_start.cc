@@ -31,8 +31,8 @@ constexpr rlim_t kMaxClosedOneByOne = 65536;
 // Where the child finds its descriptors; its command line says the same.
 constexpr int kIpcFd = 3;
 constexpr int kListenFd = 4;
-constexpr int kScratchFd =
-    10;  // descriptors are moved above both first, lest one overwrites the other
+// Descriptors are moved above both first, lest one overwrites the other.
+constexpr int kScratchFd = 10;
 
 constexpr int kSetupFailed = 126;
 constexpr int kExecFailed = 127;
@@ -49,7 +49,7 @@ struct ChildPlan {
   const char* argv[6] = {};  // NULL-terminated
 };
 
-// Beside our own program, unless the environment names another. Empty when that cannot be told.
+// Beside our own program, unless the environment names another. Empty when neither can be found.
 std::string binary_path() {
   const char* named = ::getenv("ORV_SCHED_NET_BIN");
   if (named != nullptr && *named != '\0') return named;
@@ -146,22 +146,21 @@ bool prepare_child(const ChildPlan& plan) {
 
 void send_api_config(NetSupervisor& sup) {
   OutgoingRecord record;
-  const int encoded = ipc_encode_api_config(record.message(), sup.next_id++, sup.cert_pem,
-                                            sup.key_pem.view(), sup.max_clients);
+  const int encoded = ipc_encode_api_config(record.message(), sup.child.next_id++, sup.api.config);
   if (hand_over(sup, encoded, record.message()) == nullptr) return;
   log_msg(LogLevel::Warn, "orv_sched: could not hand the API certificate to orv_sched_net");
 }
 
 // The parent's side of a successful fork.
 void adopt_child(NetSupervisor& sup, pid_t pid, ScopedFd socket, bool dropped) {
-  sup.pid = pid;
-  sup.fd = std::move(socket);
-  sup.started_at = sup.clock();
+  sup.child.pid = pid;
+  sup.child.fd = std::move(socket);
+  sup.child.started_at = sup.clock();
   log_msg(LogLevel::Info, "orv_sched: started network process orv_sched_net pid=%d as %s%s%s", pid,
-          dropped ? kNetAccount : "the current user (not root)", sup.api_enabled ? ", API on " : "",
-          sup.api_enabled ? sup.listen_label.c_str() : "");
-  if (sup.mail.valid) send_mail_config(sup);
-  if (sup.api_enabled) send_api_config(sup);
+          dropped ? kNetAccount : "the current user (not root)", sup.api.enabled ? ", API on " : "",
+          sup.api.enabled ? sup.api.listen_label.c_str() : "");
+  if (sup.mail.settings.valid) send_mail_config(sup);
+  if (sup.api.enabled) send_api_config(sup);
 }
 
 void set_send_buffer(int fd) {
@@ -202,11 +201,11 @@ bool start_child(NetSupervisor& sup) {
 
   plan.parent_end = ours.get();
   plan.child_end = theirs.get();
-  plan.listen_fd = sup.api_enabled ? sup.listen_fd.get() : -1;
-  plan.descriptors = kSpareDescriptors + (sup.api_enabled ? sup.max_clients : 0);
+  plan.listen_fd = sup.api.enabled ? sup.api.listen_fd.get() : -1;
+  plan.descriptors = kSpareDescriptors + (sup.api.enabled ? sup.api.config.max_clients : 0);
   const char** arg = plan.argv;
   for (const char* text : {kNetProgramName, "--ipc-fd", "3"}) *arg++ = text;
-  if (sup.api_enabled) {
+  if (sup.api.enabled) {
     for (const char* text : {"--listen-fd", "4"}) *arg++ = text;
   }
   plan.parent = ::getpid();

@@ -22,10 +22,6 @@ static_assert(kIpcMaxRequestBody == 32768 && kMaxHttpHead == 16384, "told in the
 
 namespace {
 
-bool printable(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c <= 0x7E; });
-}
-
 // Path and query of a request target in origin form, or in absolute form as proxies send it.
 bool origin_form(std::string_view& target) {
   for (const std::string_view scheme : {"https://", "http://"}) {
@@ -89,18 +85,15 @@ void append_date(std::string& out, std::int64_t now) {
 }  // namespace
 
 const HttpError* http_map_head(const HttpHead& head, ApiRequest& out) {
-  static constexpr std::string_view kMethods[] = {"GET", "PUT", "POST", "DELETE"};
-  if (std::find(std::begin(kMethods), std::end(kMethods), head.method) == std::end(kMethods)) {
-    return &kHttpMethodNotAllowed;
-  }
+  if (!is_api_method(head.method)) return &kHttpMethodNotAllowed;
   std::string_view path = head.target;
-  if (head.ambiguous || !printable(path) || !origin_form(path)) return &kHttpBadRequest;
+  if (head.ambiguous || !ipc_printable(path) || !origin_form(path)) return &kHttpBadRequest;
   std::string_view query;
   if (const std::size_t mark = path.find('?'); mark != std::string_view::npos) {
     query = path.substr(mark + 1);
     path = path.substr(0, mark);
   }
-  if (!printable(head.authorization) || !printable(head.if_match)) return &kHttpBadRequest;
+  if (!ipc_printable(head.authorization) || !ipc_printable(head.if_match)) return &kHttpBadRequest;
   if (!out.path.set(path) || !out.query.set(query)) return &kHttpUriTooLong;
   if (!out.authorization.set(head.authorization) || !out.if_match.set(head.if_match)) {
     return &kHttpHeadersTooLarge;

@@ -84,7 +84,7 @@ Answer ApiFixture::send(std::string_view method, std::string_view path, std::str
 void ApiFixture::connect_network_process() {
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-  live.net.fd = ScopedFd(ends[0]);
+  live.net.child.fd = ScopedFd(ends[0]);
   network_end = ScopedFd(ends[1]);
 }
 

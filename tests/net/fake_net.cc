@@ -157,8 +157,8 @@ void on_api_config(Fake& fake, const IpcParsed& in) {
   IpcApiConfig config;
   char err[256];
   if (ipc_decode_api_config(in, config, err) != 0) return note(fake, "bad API_CONFIG %s", err);
-  note(fake, "api-config id=%u cert=%zu key=%zu max-clients=%u", in.id, config.certificate.size(),
-       config.key.size(), config.max_clients);
+  note(fake, "api-config id=%u cert=%zu key=%zu max-clients=%u", in.id, config.cert_pem.size(),
+       config.key_pem.size(), config.max_clients);
 }
 
 void on_mail(Fake& fake, const IpcParsed& in, std::string_view manner) {

@@ -219,7 +219,8 @@ TEST(IpcEncoders, KeepToTheLayoutAndRefuseWhatDoesNotFit) {
 
 TEST(IpcMessageWipe, ReachesWhatALongerRecordLeftBehind) {
   const auto msg = std::make_unique<IpcMessage>();
-  ASSERT_EQ(ipc_encode_api_config(*msg, 1, "certificate", std::string(5000, 'k'), 1), 0);
+  const IpcApiConfig config = {"certificate", SecretBytes(std::string(5000, 'k')), 1};
+  ASSERT_EQ(ipc_encode_api_config(*msg, 1, config), 0);
   ASSERT_EQ(ipc_encode_hello(*msg, 1), 0);
   msg->wipe();
   EXPECT_EQ(std::ranges::count(msg->bytes, 'k'), 0);

@@ -134,8 +134,8 @@ TEST(NetAsRoot, NeedsTheServiceAccount) {
   EXPECT_TRUE(contains(testing::internal::GetCapturedStderr(),
                        "orv_sched: the 'tarnwell-api' account does not exist (run 'orv_setup "
                        "--repair'): no mail, no API"));
-  EXPECT_EQ(sup.pid, -1);
-  EXPECT_EQ(sup.backoff, 10U);
+  EXPECT_EQ(sup.child.pid, -1);
+  EXPECT_EQ(sup.child.backoff, 10U);
 }
 
 TEST_F(Net, ChildIsHardenedAndGivenItsSettings) {
@@ -147,17 +147,17 @@ TEST_F(Net, ChildIsHardenedAndGivenItsSettings) {
   EXPECT_TRUE(contains(notes(), "args= --ipc-fd 3\n"));
   EXPECT_TRUE(
       contains(notes(), "limits core=0 files=64/64 no-new-privs=1 pdeathsig=9 fds= 0 1 2 3\n"));
-  EXPECT_TRUE(
-      contains(log(), "pid=" + std::to_string(sup_.pid) + " as the current user (not root)\n"));
+  EXPECT_TRUE(contains(
+      log(), "pid=" + std::to_string(sup_.child.pid) + " as the current user (not root)\n"));
 
   mail_.smtp_port = 587;
   net_set_mail(sup_, mail_);  // told, not restarted
   ASSERT_TRUE(noted("mail-config id=2 host=mail.example.com port=587"));
 
-  const pid_t first = sup_.pid;
+  const pid_t first = sup_.child.pid;
   net_set_api(sup_, api_, ok_handler, &seen_path_);
   ASSERT_TRUE(noted("api-config id=4 cert=11 key=3 max-clients=16"));
-  EXPECT_NE(sup_.pid, first);
+  EXPECT_NE(sup_.child.pid, first);
   EXPECT_TRUE(contains(notes(), "args= --ipc-fd 3 --listen-fd 4\n"));
   EXPECT_TRUE(contains(notes(), "files=80/80 no-new-privs=1 pdeathsig=9 fds= 0 1 2 3 4\n"));
   EXPECT_FALSE(contains(log(), "WARN")) << log();
@@ -173,9 +173,9 @@ TEST_F(Net, MailIsQueuedAndItsOutcomeReported) {
   EXPECT_EQ(net_queue_mail(sup_, "100%s", "b"), 0U);
   EXPECT_TRUE(logs("ERROR orv_sched: mail \"100%s\" not sent: the network process is not running"));
   net_set_mail(sup_, mail_);
-  sup_.next_id = 0;
+  sup_.child.next_id = 0;
   EXPECT_EQ(net_queue_mail(sup_, "100%s", "body"), 1U);
-  EXPECT_EQ(sup_.next_id, 2U);
+  EXPECT_EQ(sup_.child.next_id, 2U);
   EXPECT_TRUE(logs("INFO  orv_sched: mail #1 sent"));
   EXPECT_TRUE(contains(log(), "orv_sched: mail #1 queued: 100%s\n"));
   EXPECT_EQ(outcome, "1 0 ");
@@ -239,14 +239,15 @@ TEST_F(Net, EveryViolationEndsTheChildAndBacksOffOnce) {
     NetSupervisor sup;
     sup.clock = [] { return fake_now; };
     net_set_mail(sup, mail_);
-    const std::string line = " orv_sched: network process pid=" + std::to_string(sup.pid) + " ";
+    const std::string line =
+        " orv_sched: network process pid=" + std::to_string(sup.child.pid) + " ";
     EXPECT_TRUE(test::wait_until(20s, [&] {
       net_wait(sup, 20);
-      return sup.pid == -1;
+      return sup.child.pid == -1;
     }));
-    EXPECT_FALSE(sup.fd.valid());
-    EXPECT_EQ(sup.next_restart, fake_now + 5);
-    EXPECT_EQ(sup.backoff, 10U);
+    EXPECT_FALSE(sup.child.fd.valid());
+    EXPECT_EQ(sup.child.next_restart, fake_now + 5);
+    EXPECT_EQ(sup.child.backoff, 10U);
     const std::string text = log();
     const std::size_t at = text.find("WARN " + line + c.reason + "\n");
     EXPECT_NE(at, std::string::npos) << text;
@@ -259,29 +260,29 @@ TEST_F(Net, EveryViolationEndsTheChildAndBacksOffOnce) {
 TEST_F(Net, BackOffDoublesAndStartsAnewAfterAStableRun) {
   manner("mute");
   sup_.clock = [] { return fake_now; };
-  sup_.wanted = true;
+  sup_.child.wanted = true;
   for (const std::uint32_t wait : {5U, 10U, 20U, 40U, 80U, 160U, 300U, 300U}) {
     net_pump(sup_);
-    ASSERT_GT(sup_.pid, 0);
+    ASSERT_GT(sup_.child.pid, 0);
     fake_now += 10;
-    ::kill(sup_.pid, SIGKILL);
-    ASSERT_TRUE(pump_until([&] { return sup_.pid == -1; }));
-    EXPECT_EQ(sup_.next_restart - fake_now, wait);
+    ::kill(sup_.child.pid, SIGKILL);
+    ASSERT_TRUE(pump_until([&] { return sup_.child.pid == -1; }));
+    EXPECT_EQ(sup_.child.next_restart - fake_now, wait);
     fake_now += wait - 1;
     net_pump(sup_);
-    EXPECT_EQ(sup_.pid, -1);  // not yet
+    EXPECT_EQ(sup_.child.pid, -1);  // not yet
     ++fake_now;
   }
   net_pump(sup_);
   fake_now += 60;
-  ::kill(sup_.pid, SIGKILL);
-  ASSERT_TRUE(pump_until([&] { return sup_.pid == -1; }));
-  EXPECT_EQ(sup_.next_restart - fake_now, 5);
-  EXPECT_EQ(sup_.backoff, 10U);
+  ::kill(sup_.child.pid, SIGKILL);
+  ASSERT_TRUE(pump_until([&] { return sup_.child.pid == -1; }));
+  EXPECT_EQ(sup_.child.next_restart - fake_now, 5);
+  EXPECT_EQ(sup_.child.backoff, 10U);
 
   fake_now -= 100000;  // a clock set back does not keep the child away
   net_pump(sup_);
-  EXPECT_GT(sup_.pid, 0);
+  EXPECT_GT(sup_.child.pid, 0);
 }
 
 TEST_F(Net, RequestsAreAnsweredByTheHandlerOrRefused) {
@@ -321,7 +322,7 @@ TEST_F(Net, AChildThatDoesNotReadOrNeverStopsTalkingCannotHoldUpAPump) {
                     "could not hand an API response to orv_sched_net (it is not keeping up)");
   }));
   EXPECT_LE(most, kNetPumpRecords);
-  EXPECT_GT(sup_.pid, 0);  // slow is no crime
+  EXPECT_GT(sup_.child.pid, 0);  // slow is no crime
 }
 
 TEST_F(Net, DescriptorsThatTheChildSendsGoNowhere) {
@@ -341,16 +342,16 @@ TEST_F(Net, WrongPidInHelloIsOnlyAWarning) {
   manner("wrong-pid");
   net_set_mail(sup_, mail_);
   EXPECT_TRUE(logs("WARN  orv_sched: network process HELLO names pid 1, expected " +
-                   std::to_string(sup_.pid) + "\n"));
-  EXPECT_TRUE(sup_.fd.valid());
+                   std::to_string(sup_.child.pid) + "\n"));
+  EXPECT_TRUE(sup_.child.fd.valid());
 }
 
 TEST_F(Net, ApiRestartsTheChildWhenASettingChangedAndOnlyThen) {
   manner("mute");
   const auto apply = [&] {
-    const pid_t before = sup_.pid;
+    const pid_t before = sup_.child.pid;
     net_set_api(sup_, api_, ok_handler, &seen_path_);
-    return sup_.pid != before;
+    return sup_.child.pid != before;
   };
   EXPECT_TRUE(apply());
   EXPECT_FALSE(apply());
@@ -367,10 +368,10 @@ TEST_F(Net, ApiRestartsTheChildWhenASettingChangedAndOnlyThen) {
   manner("mute");
   dir_.write("key", "a fourth");  // and what the child left behind holds it still
   EXPECT_TRUE(apply());
-  EXPECT_TRUE(sup_.api_enabled) << log();
+  EXPECT_TRUE(sup_.api.enabled) << log();
   (void)api_.listen.host.set("::1");
   EXPECT_TRUE(apply());
-  EXPECT_EQ(sup_.listen_label, "[::1]:" + std::to_string(api_.listen.port));
+  EXPECT_EQ(sup_.api.listen_label, "[::1]:" + std::to_string(api_.listen.port));
   EXPECT_FALSE(contains(log(), "WARN")) << log();
 
   (void)api_.listen.host.set("127.0.0.1");
@@ -380,9 +381,9 @@ TEST_F(Net, ApiRestartsTheChildWhenASettingChangedAndOnlyThen) {
   EXPECT_TRUE(apply());
   EXPECT_TRUE(logs("ERROR orv_sched: API not started: cannot listen on 127.0.0.1:" +
                    std::to_string(api_.listen.port) + ": Address already in use\n"));
-  EXPECT_TRUE(sup_.fd.valid());  // mail goes on
-  EXPECT_FALSE(sup_.api_enabled);
-  EXPECT_TRUE(sup_.cert_pem.empty() && sup_.key_pem.empty());
+  EXPECT_TRUE(sup_.child.fd.valid());  // mail goes on
+  EXPECT_FALSE(sup_.api.enabled);
+  EXPECT_TRUE(sup_.api.config.cert_pem.empty() && sup_.api.config.key_pem.empty());
 
   (void)api_.listen.host.set("localhost");
   EXPECT_FALSE(apply());

@@ -107,9 +107,9 @@ void NetDriver::send(const IpcMessage& record) const {
 
 void NetDriver::serve_api(const KeyPair& pair, std::uint32_t max_clients) const {
   const auto out = std::make_unique<IpcMessage>();
-  ASSERT_EQ(
-      ipc_encode_api_config(*out, 1, read_file(pair.certificate), read_file(pair.key), max_clients),
-      0);
+  const IpcApiConfig config = {read_file(pair.certificate), SecretBytes(read_file(pair.key)),
+                               max_clients};
+  ASSERT_EQ(ipc_encode_api_config(*out, 1, config), 0);
   send(*out);
 }
 

@@ -22,7 +22,7 @@ class ResultMailTest : public ::testing::Test {
   ResultMailTest() {
     int ends[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    supervisor_.fd.reset(ends[0]);
+    supervisor_.child.fd.reset(ends[0]);
     child_.reset(ends[1]);
     config_.mail.present = true;
     config_.mail.notify = Notify::Failed;
