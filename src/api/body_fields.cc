@@ -29,8 +29,8 @@ bool read_choice_value(ApiReply& reply, const JsonValue& object, const BodyField
                        std::optional<std::string>& value) {
   const JsonValue* member = json_member(&object, field.name);
   if (json_kind(member) == JsonKind::Null) return true;
-  const std::string* text = json_string(member);
-  if (text == nullptr || !field.accepts(*text)) return refuse(reply, field.complaint);
+  const std::optional<std::string_view> text = json_string(member);
+  if (!text || !field.accepts(*text)) return refuse(reply, field.complaint);
   if (*text != notify_name(Notify::Inherit)) value = *text;
   return true;
 }

@@ -25,8 +25,8 @@ bool read_command(ApiReply& reply, const JsonValue& object, const BodyField& fie
 }
 
 // A comma would make two names of one when the list is read back.
-bool is_list_name(const std::string* name) {
-  return name != nullptr && check_stored_value(*name) && name->find(',') == std::string::npos;
+bool is_list_name(std::optional<std::string_view> name) {
+  return name && check_stored_value(*name) && name->find(',') == std::string_view::npos;
 }
 
 bool read_after(ApiReply& reply, const JsonValue& object, const BodyField& field,
@@ -40,7 +40,7 @@ bool read_after(ApiReply& reply, const JsonValue& object, const BodyField& field
   }
   std::string names;
   for (std::size_t i = 0; i < json_size(list); ++i) {
-    const std::string* name = json_string(json_element(list, i));
+    const std::optional<std::string_view> name = json_string(json_element(list, i));
     if (!is_list_name(name)) {
       reply_error(reply, 400, "invalid_value", "'after' entries must be job names");
       return false;

@@ -115,8 +115,8 @@ bool read_string_field(ApiReply& reply, const JsonValue& object, const char* fie
   out.clear();
   const JsonValue* value = json_member(&object, field);
   if (json_kind(value) == JsonKind::Null) return true;
-  const std::string* text = json_string(value);
-  if (text == nullptr) {
+  const std::optional<std::string_view> text = json_string(value);
+  if (!text) {
     reply_error(reply, 400, "invalid_value", "'%s' must be a string or null", field);
     return false;
   }

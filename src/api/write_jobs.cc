@@ -209,8 +209,8 @@ void validate_job(ApiCall& call) {
   const auto body = read_body_object(call.reply, call.request.http.body);
   const std::string fields = "name " + field_names(job_body_fields());
   if (!body || !only_known_fields(call.reply, *body, fields)) return;
-  const std::string* name = json_string(json_member(body.get(), "name"));
-  if (name == nullptr) {
+  const std::optional<std::string_view> name = json_string(json_member(body.get(), "name"));
+  if (!name) {
     reply_error(call.reply, 400, "invalid_value", "'name' (string) is required");
     return;
   }

@@ -57,8 +57,8 @@ bool read_recipients(ApiReply& reply, const JsonValue& object, const BodyField& 
   }
   std::string addresses;
   for (std::size_t i = 0; i < count; ++i) {
-    const std::string* address = json_string(json_element(list, i));
-    if (address == nullptr || !check_mail_address(*address)) {
+    const std::optional<std::string_view> address = json_string(json_element(list, i));
+    if (!address || !check_mail_address(*address)) {
       reply_error(reply, 400, "invalid_value",
                   "'to' entries must be plain addresses like backup@example.com");
       return false;

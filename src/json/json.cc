@@ -342,8 +342,9 @@ const JsonValue* json_member(const JsonValue* object, std::string_view key) {
   return nullptr;
 }
 
-const std::string* json_string(const JsonValue* node) {
-  return json_kind(node) == JsonKind::String ? &node->string : nullptr;
+std::optional<std::string_view> json_string(const JsonValue* node) {
+  if (json_kind(node) != JsonKind::String) return std::nullopt;
+  return node->string;
 }
 
 std::optional<std::int64_t> json_integer(const JsonValue* node) {

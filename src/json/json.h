@@ -58,7 +58,8 @@ inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
 // Accessors; each takes an absent node (null) and one of another kind, and finds nothing in it.
 [[nodiscard]] JsonKind json_kind(const JsonValue* node);  // absent reads as Null
 [[nodiscard]] const JsonValue* json_member(const JsonValue* object, std::string_view key);
-[[nodiscard]] const std::string* json_string(const JsonValue* node);
+// Borrowed from the node.
+[[nodiscard]] std::optional<std::string_view> json_string(const JsonValue* node);
 [[nodiscard]] std::optional<std::int64_t> json_integer(const JsonValue* node);
 [[nodiscard]] std::optional<bool> json_boolean(const JsonValue* node);
 [[nodiscard]] std::size_t json_size(const JsonValue* node);  // elements or members

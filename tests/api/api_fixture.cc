@@ -22,8 +22,7 @@ const JsonValue* Answer::at(std::string_view path) const {
 }
 
 std::string Answer::text(std::string_view path) const {
-  const std::string* found = json_string(at(path));
-  return found != nullptr ? *found : "(none)";
+  return std::string(json_string(at(path)).value_or("(none)"));
 }
 
 std::int64_t Answer::number(std::string_view path) const {
