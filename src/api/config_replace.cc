@@ -176,7 +176,7 @@ ReplaceResult replace_config(const std::string& path, std::string_view text,
   if (history_keep > 0) {
     result = keep_copy(path, history_dir, now, err);
     if (result != ReplaceResult::Ok) return result;
-    remove_first(history_dir, directory_names(history_dir, kCopySuffix), history_keep);
+    prune_oldest(history_dir, directory_names(history_dir, kCopySuffix), history_keep);
   }
   if (::rename(temporary.path().c_str(), path.c_str()) != 0) {
     return io_failure(fail(err, "cannot replace %s: %s", path.c_str(), std::strerror(errno)));

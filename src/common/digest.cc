@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/text.h"
+
 namespace orv {
 namespace {
 
@@ -99,11 +101,10 @@ Sha256Digest sha256(std::string_view bytes) {
 }
 
 HexDigest to_hex(const Sha256Digest& digest) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
   std::array<char, 2 * kSha256Size> text{};
   for (std::size_t i = 0; i < digest.size(); ++i) {
-    text[2 * i] = kDigits[digest[i] >> 4];
-    text[2 * i + 1] = kDigits[digest[i] & 15];
+    text[2 * i] = kHexDigits[digest[i] >> 4];
+    text[2 * i + 1] = kHexDigits[digest[i] & 15];
   }
   HexDigest out;
   out.set_truncated({text.data(), text.size()});

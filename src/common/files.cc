@@ -22,6 +22,34 @@ ErrorCode make_directory(const char* path) {
   return error_from_errno(saved);
 }
 
+template <typename Text>
+ErrorCode read_to_end(int fd, std::size_t limit, Text& out) {
+  struct stat st {};
+  // One byte more than the file has: a regular file is then read, and its end seen, in one go. The
+  // files of /proc are regular, too, but have no size.
+  const bool sized = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+  std::size_t room = sized ? static_cast<std::size_t>(st.st_size) + 1 : std::size_t{4096};
+  Text text;
+  for (std::size_t size = 0;;) {
+    room = std::min(room, limit + 1);  // the extra byte shows that there is more than allowed
+    text.resize(room);
+    std::size_t got = 0;
+    const ErrorCode rc = read_up_to(fd, std::span(text).subspan(size), got);
+    if (rc != ErrorCode::Ok) return rc;
+    size += got;
+    if (size > limit) {
+      errno = EFBIG;
+      return ErrorCode::IoError;
+    }
+    if (size < room) {
+      text.resize(size);
+      out.swap(text);
+      return ErrorCode::Ok;
+    }
+    room = 2 * size;
+  }
+}
+
 }  // namespace
 
 ErrorCode make_directories(std::string_view path) {
@@ -86,6 +114,24 @@ ErrorCode read_at(int fd, std::uint64_t offset, std::span<char> into, std::size_
   return ErrorCode::Ok;
 }
 
+ErrorCode read_up_to(int fd, std::span<char> into, std::size_t& got) {
+  for (got = 0; got < into.size();) {
+    const ssize_t n = ::read(fd, into.data() + got, into.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return error_from_errno(errno);
+    if (n == 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  return ErrorCode::Ok;
+}
+
+ErrorCode read_whole(int fd, std::size_t limit, std::string& out) {
+  return read_to_end(fd, limit, out);
+}
+ErrorCode read_whole(int fd, std::size_t limit, SecretString& out) {
+  return read_to_end(fd, limit, out);
+}
+
 FileIdentity file_identity(const char* path) {
   struct stat st {};
   if (::stat(path, &st) != 0) return {};
@@ -112,7 +158,7 @@ std::vector<std::string> directory_names(const std::string& path, std::string_vi
   return names;
 }
 
-void remove_first(std::string directory, std::vector<std::string> names, std::size_t keep) {
+void prune_oldest(std::string directory, std::vector<std::string> names, std::size_t keep) {
   if (names.size() <= keep) return;
   std::sort(names.begin(), names.end());
   names.resize(names.size() - keep);

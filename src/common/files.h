@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/scoped_fd.h"
+#include "common/secret.h"
 #include "common/status.h"
 
 namespace orv {
@@ -35,8 +36,17 @@ namespace orv {
 [[nodiscard]] ErrorCode read_at(int fd, std::uint64_t offset, std::span<char> into,
                                 std::size_t& got);
 
-// What tells one content of a file from the next without reading it. All zero when the status
-// cannot be read. Links are followed.
+// Reads from the descriptor's place until `into` is full or the file ends; `got` is the number of
+// bytes read, also after a failure.
+[[nodiscard]] ErrorCode read_up_to(int fd, std::span<char> into, std::size_t& got);
+
+// Reads from the descriptor's place to the end of the file. A file of more than `limit` bytes is an
+// IoError with errno EFBIG. `out` is written on success only.
+[[nodiscard]] ErrorCode read_whole(int fd, std::size_t limit, std::string& out);
+[[nodiscard]] ErrorCode read_whole(int fd, std::size_t limit, SecretString& out);
+
+// Identifies a version of a file's content without reading it. All zero when the status cannot be
+// read. Links are followed.
 struct FileIdentity {
   std::int64_t mtime_s = 0;
   std::int64_t mtime_ns = 0;
@@ -54,9 +64,9 @@ struct FileIdentity {
 [[nodiscard]] std::vector<std::string> directory_names(const std::string& path,
                                                        std::string_view suffix);
 
-// Deletes those of the directory's entries `names` that come first in byte order, until `keep` are
-// left. Errors are ignored.
-void remove_first(std::string directory, std::vector<std::string> names, std::size_t keep);
+// Deletes the entries of `names` that sort first (bytewise) until `keep` remain. For names that
+// begin with a time these are the oldest. Errors are ignored.
+void prune_oldest(std::string directory, std::vector<std::string> names, std::size_t keep);
 
 // The host's name, at most 255 bytes, "localhost" when it cannot be read.
 inline constexpr std::size_t kMaxHostName = 255;

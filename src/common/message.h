@@ -11,6 +11,9 @@ namespace orv {
 // empty span takes nothing), and returns -1, so that a failure is one statement.
 [[gnu::format(printf, 2, 3)]] int fail(std::span<char> err, const char* format, ...);
 
+// The same for checks that answer with a truth: returns false.
+[[gnu::format(printf, 2, 3)]] bool refuse(std::span<char> err, const char* format, ...);
+
 }  // namespace orv
 
 #endif  // ORV_COMMON_MESSAGE_H_

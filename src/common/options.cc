@@ -35,4 +35,36 @@ std::uint32_t option_u32(const ArgList& args, std::string_view name, std::uint32
       std::min<unsigned long>(value, std::numeric_limits<std::uint32_t>::max()));
 }
 
+const OptionRow* find_option(std::span<const OptionTable> tables, std::string_view word) {
+  for (const OptionTable& table : tables) {
+    for (const OptionRow& row : table) {
+      if (word == row.name || (!row.alias.empty() && word == row.alias)) return &row;
+      const bool with_value = word.starts_with(row.name) && word.substr(row.name.size(), 1) == "=";
+      if (row.takes_value && with_value) return &row;
+    }
+  }
+  return nullptr;
+}
+
+bool WordScan::next(Word& word) {
+  if (next_ >= args_.size()) return false;
+  const char* const text = args_[next_++];
+  const std::string_view view = text;
+  word = {Kind::Positional, text, nullptr};
+  if (!view.starts_with('-') || view == "-") return true;
+  word.option = find_option(tables_, view);
+  if (word.option == nullptr) {
+    word.kind = Kind::UnknownOption;
+    return true;
+  }
+  word.kind = Kind::Option;
+  if (!word.option->takes_value || view.find('=') != std::string_view::npos) return true;
+  if (next_ < args_.size()) {
+    ++next_;
+  } else {
+    word.kind = Kind::NoValue;
+  }
+  return true;
+}
+
 }  // namespace orv

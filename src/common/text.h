@@ -11,6 +11,9 @@ namespace orv {
 // Space, \t, \n, \v, \f, \r.
 [[nodiscard]] bool is_space(char c);
 [[nodiscard]] bool is_digit(char c);
+
+inline constexpr std::string_view kHexDigits = "0123456789abcdef";
+inline constexpr std::string_view kUpperHexDigits = "0123456789ABCDEF";
 [[nodiscard]] int hex_digit(char c);  // its value, either case; -1 for any other character
 
 [[nodiscard]] std::string_view trim(std::string_view text);        // white space at both ends

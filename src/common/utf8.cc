@@ -13,9 +13,9 @@ struct Form {
   unsigned lowest_second, highest_second;
 };
 constexpr Form kForms[] = {
-    {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf}, {0xe1, 0xec, 3, 0x80, 0xbf},
-    {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf}, {0xf0, 0xf0, 4, 0x90, 0xbf},
-    {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
+    {0x00, 0x7f, 1, 0, 0},       {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf},
+    {0xe1, 0xec, 3, 0x80, 0xbf}, {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf},
+    {0xf0, 0xf0, 4, 0x90, 0xbf}, {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
 };
 
 unsigned byte_at(std::string_view text, std::size_t at) {
@@ -48,6 +48,26 @@ std::size_t utf8_sequence(std::string_view text) {
 bool utf8_begins(std::string_view text) {
   const Form* const form = form_of(text);
   return form != nullptr && text.size() < form->length;
+}
+
+std::size_t utf8_length(std::string_view text) {
+  std::size_t characters = 0;
+  while (!text.empty()) {
+    text.remove_prefix(std::max<std::size_t>(utf8_sequence(text), 1));
+    ++characters;
+  }
+  return characters;
+}
+
+std::size_t utf8_encode(std::uint32_t point, std::array<char, 4>& out) {
+  const std::size_t length = point < 0x80 ? 1 : point < 0x800 ? 2 : point < 0x10000 ? 3 : 4;
+  // The lead byte begins with as many ones as there are bytes, each later one with "10".
+  constexpr std::array<unsigned, 5> kLeads = {0, 0, 0xc0, 0xe0, 0xf0};
+  for (std::size_t i = length - 1; i > 0; --i, point >>= 6) {
+    out[i] = static_cast<char>(0x80 | (point & 0x3f));
+  }
+  out[0] = static_cast<char>(kLeads[length] | point);
+  return length;
 }
 
 }  // namespace orv

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
@@ -12,6 +13,7 @@
 
 #include "common/message.h"
 #include "common/text.h"
+#include "common/utf8.h"
 
 namespace orv {
 namespace {
@@ -21,32 +23,6 @@ using Node = std::unique_ptr<JsonValue>;
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
 bool is_control(char c) { return static_cast<unsigned char>(c) < 0x20; }
-
-std::size_t encode_utf8(std::uint32_t point, char (&out)[4]) {
-  const auto tail = [&](unsigned shift) {
-    return static_cast<char>(0x80 | (point >> shift & 0x3f));
-  };
-  if (point < 0x80) {
-    out[0] = static_cast<char>(point);
-    return 1;
-  }
-  if (point < 0x800) {
-    out[0] = static_cast<char>(0xc0 | point >> 6);
-    out[1] = tail(0);
-    return 2;
-  }
-  if (point < 0x10000) {
-    out[0] = static_cast<char>(0xe0 | point >> 12);
-    out[1] = tail(6);
-    out[2] = tail(0);
-    return 3;
-  }
-  out[0] = static_cast<char>(0xf0 | point >> 18);
-  out[1] = tail(12);
-  out[2] = tail(6);
-  out[3] = tail(0);
-  return 4;
-}
 
 // Recursive descent over one document. Recursion is bounded by the depth limit. Readers return null
 // or false once they have failed; the first failure has then written the message.
@@ -252,9 +228,9 @@ class Parser {
         return fail_at(end, "bad surrogate pair");
       point = 0x10000 + ((point - 0xd800) << 10) + (low - 0xdc00);
     }
-    char bytes[4];
-    const std::size_t length = encode_utf8(point, bytes);
-    return append(out, {bytes, length});
+    std::array<char, 4> bytes{};
+    const std::size_t length = utf8_encode(point, bytes);
+    return append(out, {bytes.data(), length});
   }
 
   bool digits() {

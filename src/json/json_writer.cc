@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "common/text.h"
 #include "common/utf8.h"
 
 namespace orv {
@@ -36,7 +37,6 @@ Piece make_piece(std::string_view out, std::size_t consumed) {
 }
 
 Piece escape(std::string_view rest) {
-  constexpr char kHex[] = "0123456789abcdef";
   const unsigned byte = byte_at(rest, 0);
   switch (byte) {
     case '"': return make_piece("\\\"", 1);
@@ -47,7 +47,7 @@ Piece escape(std::string_view rest) {
     default: break;
   }
   if (byte < 0x80) {
-    const char code[] = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 0xf]};
+    const char code[] = {'\\', 'u', '0', '0', kHexDigits[byte >> 4], kHexDigits[byte & 0xf]};
     return make_piece({code, sizeof code}, 1);
   }
   const std::size_t length = utf8_sequence(rest);

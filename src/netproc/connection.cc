@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/secret.h"
 #include "netproc/http_message.h"
 
 namespace orv {
@@ -34,20 +35,6 @@ constexpr std::size_t kMaxDrained = std::size_t{1} << 20;  // bytes read and dro
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 // Requests carry bearer secrets: the memory they were read into is zeroed before it goes back.
-template <typename T>
-struct WipingAllocator {
-  using value_type = T;
-  WipingAllocator() noexcept = default;
-  template <typename U>
-  explicit WipingAllocator(const WipingAllocator<U>&) noexcept {}
-  T* allocate(std::size_t n) { return std::allocator<T>().allocate(n); }
-  void deallocate(T* block, std::size_t n) noexcept {
-    ::explicit_bzero(static_cast<void*>(block), n * sizeof(T));
-    std::allocator<T>().deallocate(block, n);
-  }
-  friend bool operator==(const WipingAllocator&, const WipingAllocator&) { return true; }
-};
-
 using Parser = http::request_parser<http::string_body, WipingAllocator<char>>;
 using TcpStream = beast::basic_stream<asio::ip::tcp, asio::io_context::executor_type>;
 

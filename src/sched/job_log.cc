@@ -94,7 +94,7 @@ void rotate_job_logs(const std::string& directory, std::uint32_t keep) {
   if (keep == 0) return;
   std::vector<std::string> names = directory_names(directory, kLogSuffix);
   for (std::string& name : names) name.resize(std::min(name.size(), kMaxLogName));
-  remove_first(directory, std::move(names), keep);  // start times: the oldest come first
+  prune_oldest(directory, std::move(names), keep);  // start times: the oldest come first
 }
 
 }  // namespace orv

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,10 +15,13 @@
 #include "common/mail_address.h"
 #include "common/message.h"
 #include "common/options.h"
+#include "common/replacement_file.h"
 #include "common/secret.h"
 #include "common/selftest.h"
 #include "common/status.h"
+#include "common/suggestion.h"
 #include "common/text.h"
+#include "common/utf8.h"
 #include "support/support.h"
 
 namespace orv {
@@ -35,14 +40,68 @@ TEST(FixedText, RefusesOrCutsWhatDoesNotFit) {
   EXPECT_STREQ(text.c_str(), "wxy");
 }
 
+// The bytes of the object itself, where a short text lives.
+template <typename Owner>
+bool holds(const unsigned char* storage, std::string_view text) {
+  const std::string_view bytes(reinterpret_cast<const char*>(storage), sizeof(Owner));
+  return bytes.find(text) != std::string_view::npos;
+}
+
 TEST(Secrets, AreZeroedWhereTheyStood) {
-  SecretBytes bytes(std::string_view("hunter2"));
-  SecretBytes other = std::move(bytes);
-  EXPECT_EQ(other.view(), "hunter2");
-  EXPECT_TRUE(bytes.empty());
+  alignas(SecretString) std::array<unsigned char, sizeof(SecretString)> storage{};
+  auto* const text = new (storage.data()) SecretString("hunter2");
+  ASSERT_TRUE(holds<SecretString>(storage.data(), "hunter2"));
+  SecretString other = std::move(*text);
+  EXPECT_EQ(other, "hunter2");
+  EXPECT_FALSE(holds<SecretString>(storage.data(), "unter2"));
+  *text = other;
+  std::destroy_at(text);
+  EXPECT_FALSE(holds<SecretString>(storage.data(), "unter2"));
+
   std::array<char, 8> buffer{'s', 'e', 'c', 'r', 'e', 't'};
   { const ScopedWipe wipe(buffer.data(), buffer.size()); }
   EXPECT_EQ(buffer, (std::array<char, 8>{}));
+}
+
+TEST(Utf8, KnowsWhatIsASequence) {
+  struct Case {
+    std::string_view text;
+    std::size_t sequence;  // at the front
+    std::size_t length;
+  };
+  static constexpr Case kCases[] = {
+      {"a\xc3\xa9", 1, 2},    {"\xc3\xa9!", 2, 2},
+      {"\xe2\x82\xac", 3, 1}, {"\xf0\x9f\x92\xbe", 4, 1},
+      {"\xc0\xaf", 0, 2},     {"\xe0\x80\xaf", 0, 3},
+      {"\xed\xa0\x80", 0, 3}, {"\xf4\x90\x80\x80", 0, 4},
+      {"\xe2\x82", 0, 2},     {"\x80", 0, 1},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.text));
+    EXPECT_EQ(utf8_sequence(c.text), c.sequence);
+    EXPECT_EQ(utf8_length(c.text), c.length);
+    EXPECT_EQ(utf8_begins(c.text), c.text == "\xe2\x82");
+  }
+  for (const std::uint32_t point : {0x7fU, 0x80U, 0x7ffU, 0x800U, 0xffffU, 0x10000U, 0x10ffffU}) {
+    std::array<char, 4> bytes{};
+    const std::size_t length = utf8_encode(point, bytes);
+    EXPECT_EQ(utf8_sequence({bytes.data(), length}), length) << point;
+  }
+}
+
+TEST(Suggestions, NameTheNearestWordOrNone) {
+  constexpr std::array<std::string_view, 5> kWords = {"list", "validate", "run", "api-init",
+                                                      "api-info"};
+  struct Case {
+    std::string_view word;
+    std::string_view nearest;
+  };
+  for (const Case& c : {Case{"lsit", "list"}, Case{"valdiate", "validate"}, Case{"val", "validate"},
+                        Case{"api-int", "api-init"}, Case{"rn", "run"}, Case{"x", ""},
+                        Case{"frobnicate", ""}, Case{"", ""}}) {
+    EXPECT_EQ(nearest_word(c.word, kWords), c.nearest) << c.word;
+  }
+  EXPECT_EQ(did_you_mean("lits", kWords), " (did you mean 'list'?)");
 }
 
 TEST(Options, LookupsTakeTheFirstOccurrence) {
@@ -112,6 +171,34 @@ TEST(Directories, AreMadeWithAllParents) {
   EXPECT_TRUE(test::exists(dir.file("p/q")));
   EXPECT_FALSE(test::exists(dir.file("p/q/file")));
   EXPECT_EQ(make_parent_directories("file"), ErrorCode::Ok);
+}
+
+TEST(WholeFiles, AreReadUpToALimitAndReplacedWhole) {
+  const TempDir dir;
+  const std::string path = dir.write("file", "old");
+  dir.write("file.new", "left by a crash");
+  EXPECT_EQ(replace_file(path, path + ".new", "12345", 0600, DirectoryFlush::Yes), ErrorCode::Ok);
+  EXPECT_FALSE(test::exists(path + ".new"));
+  {
+    ReplacementFile unfinished(path + ".new");
+    EXPECT_EQ(unfinished.create(0600), ErrorCode::Ok);
+    EXPECT_EQ(unfinished.write("half"), ErrorCode::Ok);
+  }
+  EXPECT_FALSE(test::exists(path + ".new"));
+
+  const auto read = [](const std::string& name, std::size_t limit, std::string& text) {
+    return read_whole(open_file(name.c_str(), O_RDONLY).get(), limit, text);
+  };
+  std::string text;
+  EXPECT_EQ(read(path, 5, text), ErrorCode::Ok);
+  EXPECT_EQ(text, "12345");
+  EXPECT_EQ(read(path, 4, text), ErrorCode::IoError);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(read("/proc/self/maps", 1 << 20, text), ErrorCode::Ok);  // without a size
+  EXPECT_TRUE(text.ends_with('\n'));
+  EXPECT_EQ(directory_of("a"), ".");
+  EXPECT_EQ(directory_of("/a"), "/");
+  EXPECT_EQ(directory_of("b/a"), "b");
 }
 
 TEST(Digests, AgreeWithPublishedValues) {
