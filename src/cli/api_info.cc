@@ -1,11 +1,11 @@
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <new>
 
 #include "api/tokens.h"
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "common/host_port.h"
 #include "config/job_command.h"
 #include "net/certificate.h"
 
@@ -13,12 +13,6 @@ namespace orv {
 namespace {
 
 const char* yes_no(bool flag) { return flag ? "yes" : "no"; }
-
-void print_listen(const ListenAddress& listen) {
-  const bool bracketed = std::strchr(listen.host.c_str(), ':') != nullptr;
-  std::printf("listen:             %s%s%s:%u\n", bracketed ? "[" : "", listen.host.c_str(),
-              bracketed ? "]" : "", listen.port);
-}
 
 void print_certificate(const ApiSection& api) {
   char fingerprint[kFingerprintSize];
@@ -61,7 +55,8 @@ int command_api_info(const CommandContext& context) {
   if (!config) return kExitFailed;
   const ApiSection& api = config->api;
   std::printf("enabled:            %s\n", yes_no(api.enabled));
-  print_listen(api.listen);
+  std::printf("listen:             %s\n",
+              host_port(api.listen.host.view(), api.listen.port).c_str());
   print_certificate(api);
   print_tokens(api);
   std::printf("allow-config-write: %s\n", yes_no(api.allow_config_write));

@@ -1,14 +1,13 @@
 #include <time.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "common/terminal.h"
 #include "common/times.h"
 #include "config/config.h"
 #include "config/job_command.h"
@@ -28,11 +27,6 @@ std::string after_cell(const Job& job) {
   }
   if (job.after_mode == AfterMode::Finished) text += " (finished)";
   return text.substr(0, kMaxAfterCell);
-}
-
-bool color_wanted() {
-  const char* const no_color = std::getenv("NO_COLOR");
-  return ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
 }
 
 // The whole row is coloured; a state without a colour needs no reset either.

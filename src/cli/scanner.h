@@ -1,5 +1,5 @@
-// The check of a command line against what its command takes. It only warns: whatever is unknown or
-// too much is ignored. Values are not taken from here but looked up (common/options.h), and the two
+// The check of a command line against what its command takes. It only warns: unknown and surplus
+// words are ignored. Values are not taken from here but looked up (common/options.h), and the two
 // differ on purpose: a lone "--" ends the scan, not the lookups.
 #ifndef ORV_CLI_SCANNER_H_
 #define ORV_CLI_SCANNER_H_
@@ -12,7 +12,7 @@
 
 namespace orv {
 
-// Told of each warning, which has no line end.
+// Called with each warning, which has no line end.
 using ScanWarning = std::function<void(const std::string& warning)>;
 
 // Looks at every word from the second argument on. Returns the number of words ignored.

@@ -76,24 +76,17 @@ std::optional<KeyValue> split_key_value(std::string_view trimmed_line) {
   return KeyValue{trim(trimmed_line.substr(0, equals)), trim(trimmed_line.substr(equals + 1))};
 }
 
-std::string_view unquote_into(std::string_view value, std::span<char> buffer) {
+void unquote(std::string_view value, SecretString& out) {
   if (value.empty() || !is_quote(value.front())) {
-    value.copy(buffer.data(), value.size());
-    return {buffer.data(), value.size()};
+    out.assign(value);
+    return;
   }
   const char quote = value.front();
-  std::size_t size = 0;
+  out.clear();
   for (std::size_t i = 1; i < value.size() && value[i] != quote; ++i) {
     if (is_escape(value, i, quote)) ++i;
-    buffer[size++] = value[i];
+    out.push_back(value[i]);
   }
-  return {buffer.data(), size};
-}
-
-std::string unquote(std::string_view value) {
-  std::string text(value.size(), '\0');
-  text.resize(unquote_into(value, text).size());
-  return text;
 }
 
 }  // namespace orv

@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 
+#include "common/calendar.h"
 #include "common/message.h"
 #include "common/text.h"
 
@@ -82,13 +83,9 @@ CivilDate date_of(const std::tm& local) {
 }
 
 CivilDate day_after(const CivilDate& date) {
-  static constexpr std::array<std::size_t, 13> kDays = {0,  31, 28, 31, 30, 31, 30,
-                                                        31, 31, 30, 31, 30, 31};
-  const bool leap = date.year % 4 == 0 && (date.year % 100 != 0 || date.year % 400 == 0);
-  const std::size_t last = kDays[date.month] + (leap && date.month == 2 ? 1 : 0);
   CivilDate next = date;
   next.weekday = (date.weekday + 1) % 7;
-  if (++next.day <= last) return next;
+  if (++next.day <= static_cast<std::size_t>(days_in_month(date.year, date.month))) return next;
   next.day = 1;
   if (++next.month <= 12) return next;
   next.month = 1;

@@ -1,8 +1,6 @@
 // Reading of the file: lines, section headers, and which section a line belongs to.
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <new>
 #include <string>
 #include <unordered_set>
@@ -33,8 +31,8 @@ struct Load {
   bool has_sched = false;
   std::unordered_set<std::string> job_names;
   // Any line may hold the password, so what lines and values pass through wipes itself.
-  SecretBytes line_start{kMaxConfigLine};  // of a line whose end has not been read yet
-  SecretBytes value{kMaxConfigLine};
+  SecretString line_start;  // of a line whose end has not been read yet
+  SecretString value;
 };
 
 // Fails with a message about the line at hand.
@@ -98,8 +96,8 @@ int open_section(Load& load, std::string_view line) {
 int take_setting(Load& load, std::string_view line) {
   const std::optional<KeyValue> setting = split_key_value(line);
   if (!setting) return fail_line(load, "expected key=value");
-  const std::string_view value =
-      unquote_into(setting->value, {load.value.data(), load.value.capacity()});
+  unquote(setting->value, load.value);
+  const std::string_view value = load.value;
   if (setting->key.empty()) return fail_line(load, "empty key");
   if (value.empty()) return fail_line(load, "empty value for", setting->key);
   if (load.keys.repeats(setting->key)) return fail_line(load, "duplicate setting", setting->key);
@@ -121,15 +119,13 @@ int take_line(Load& load, std::string_view raw_line) {
   return take_setting(load, line);
 }
 
-// Keeps the start of a line until its end is there. What does not fit is a line too long.
+// Keeps the start of a line until its end is there. If it does not fit, the line is too long.
 int keep_line_start(Load& load, std::string_view part) {
-  SecretBytes& start = load.line_start;
-  if (part.size() > start.capacity() - start.size()) {
+  if (part.size() > kMaxConfigLine - load.line_start.size()) {
     ++load.place.number;
     return fail_line(load, "line too long");
   }
-  part.copy(start.data() + start.size(), part.size());
-  start.set_size(start.size() + part.size());
+  load.line_start.append(part);
   return 0;
 }
 
@@ -141,28 +137,26 @@ int take_bytes(Load& load, std::string_view bytes) {
     std::string_view line = bytes.substr(0, end);
     if (!load.line_start.empty()) {
       if (keep_line_start(load, line) != 0) return -1;
-      line = load.line_start.view();
-      load.line_start.set_size(0);
+      line = load.line_start;
     }
     if (take_line(load, line) != 0) return -1;
+    load.line_start.clear();
     bytes.remove_prefix(end + 1);
   }
 }
 
 int finish(Load& load) {
-  if (!load.line_start.empty() && take_line(load, load.line_start.view()) != 0) return -1;
+  if (!load.line_start.empty() && take_line(load, load.line_start) != 0) return -1;
   return cross_check(load.target.config, load.target.written_password.view(), load.err);
 }
 
 int load_file(Load& load) {
   const ScopedFd file = open_file(load.place.path, O_RDONLY | O_NOCTTY);
-  SecretBytes buffer(kReadSize);
-  while (file.get() >= 0) {
-    const ssize_t got = ::read(file.get(), buffer.data(), buffer.capacity());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) break;
+  SecretString buffer(kReadSize, '\0');
+  std::size_t got = 0;
+  while (file.valid() && read_up_to(file.get(), buffer, got) == ErrorCode::Ok) {
     if (got == 0) return finish(load);
-    if (take_bytes(load, {buffer.data(), static_cast<std::size_t>(got)}) != 0) return -1;
+    if (take_bytes(load, std::string_view(buffer).substr(0, got)) != 0) return -1;
   }
   return fail(load.err, "cannot read the configuration file %s", load.place.path);
 }

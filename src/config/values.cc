@@ -4,14 +4,13 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <limits>
 #include <string>
 
+#include "common/calendar.h"
 #include "common/files.h"
 #include "common/message.h"
 #include "common/secret.h"
@@ -99,15 +98,6 @@ constexpr RetentionRow kRetentionUnits[] = {
 };
 constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 
-bool is_leap_year(std::int64_t year) {
-  return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-}
-
-int days_in_month(std::int64_t year, int month) {  // month 0..11
-  constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return month == 1 && is_leap_year(year) ? 29 : kDays[month];
-}
-
 std::int64_t add_months(std::int64_t from, std::int64_t months) {
   const time_t start = from;
   struct tm date {};
@@ -117,7 +107,8 @@ std::int64_t add_months(std::int64_t from, std::int64_t months) {
   if (year > std::numeric_limits<int>::max()) return kForever;
   date.tm_year = static_cast<int>(year);
   date.tm_mon = static_cast<int>(month % 12);
-  date.tm_mday = std::min(date.tm_mday, days_in_month(year + 1900, date.tm_mon));
+  date.tm_mday =
+      std::min(date.tm_mday, days_in_month(year + 1900, static_cast<std::size_t>(date.tm_mon) + 1));
   return ::timegm(&date);
 }
 
@@ -187,31 +178,16 @@ bool parse_local_once(std::string_view text, std::int64_t& out) {
   return scan_date({copy.data(), text.size()}, date) && local_time(date, out);
 }
 
-// The first bytes of a file, as many as fit. False when it cannot be read.
-bool read_head(const char* path, std::span<char> into, std::size_t& got) {
-  // A fifo that nobody writes to must not block the scheduler.
-  const ScopedFd file = open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (file.get() < 0) return false;
-  std::size_t done = 0;
-  while (done < into.size()) {
-    const ssize_t n = ::read(file.get(), into.data() + done, into.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  got = done;
-  return true;
-}
-
 constexpr std::size_t kMaxSecretFileHead = 127;  // bytes of a secret's file that are looked at
 
 bool read_secret_file(std::string_view path, FixedSecret<kMaxSecret>& out) {
   if (path.find('\0') != std::string_view::npos) return false;
   std::array<char, kMaxSecretFileHead> head{};
   const ScopedWipe wipe(head.data(), head.size());
+  // A fifo that nobody writes to must not block the scheduler.
+  const ScopedFd file = open_file(std::string(path).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
   std::size_t size = 0;
-  if (!read_head(std::string(path).c_str(), head, size)) return false;
+  if (!file.valid() || read_up_to(file.get(), head, size) != ErrorCode::Ok) return false;
   std::string_view text(head.data(), size);
   const std::size_t last = text.find_last_not_of(" \t\r\n");
   text = text.substr(0, last == std::string_view::npos ? 0 : last + 1);
