@@ -14,6 +14,7 @@
 
 #include "common/log.h"
 #include "sched/dispatch.h"
+#include "sched/queue_file.h"
 #include "sched/subprocess.h"
 
 namespace {
@@ -65,7 +66,7 @@ void run_cycle(benchmark::State& state, const char* parent) {
     while (dispatch_pass(dispatch) == PassEnd::Again) {
     }
     state.PauseTiming();
-    const QueueRecord& last = dispatch.queue.records.back();
+    const QueueRecord& last = dispatch.queue.records().back();
     if (record_state(last) != JobState::Done) state.SkipWithError("a job was not run");
     home.reset();
     state.ResumeTiming();

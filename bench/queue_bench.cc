@@ -9,7 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
+#include "sched/queue_schedule.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ std::unique_ptr<Config> full_config() {
 QueueState full_queue(const Config& config) {
   QueueState state;
   if (!queue_reconcile(state, config, kNow, true)) std::abort();
-  for (QueueRecord& record : state.records) record_set_state(record, JobState::Done);
+  for (QueueRecord& record : state.records()) record_set_state(record, JobState::Done);
   return state;
 }
 

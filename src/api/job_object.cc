@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "sched/queue_file.h"
+#include "sched/queue_schedule.h"
+
 namespace orv {
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "api/endpoints.h"
-#include "api/run_logs.h"
+#include "api/log_chunk.h"
 #include "api/snapshot.h"
 #include "common/files.h"
 #include "sched/job_log.h"
@@ -21,7 +21,7 @@ bool job_exists(ApiCall& call) {
   return false;
 }
 
-void write_run(JsonWriter& json, std::string_view id, const RunLog& log) {
+void write_run(JsonWriter& json, std::string_view id, const JobLogFile& log) {
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
   json.begin_object();
@@ -39,7 +39,7 @@ void write_run(JsonWriter& json, std::string_view id, const RunLog& log) {
 void reply_no_run(ApiCall& call) { reply_error(call.reply, 404, "not_found", "no such run"); }
 
 // The bytes of the chunk at the call's offset, cut so that no UTF-8 sequence is split.
-bool read_chunk(const ApiCall& call, const RunLog& log, std::int64_t length,
+bool read_chunk(const ApiCall& call, const JobLogFile& log, std::int64_t length,
                 std::vector<char>& out) {
   if (call.page.offset >= log.size) return true;
   out.resize(static_cast<std::size_t>(std::min(length, log.size - call.page.offset)));
@@ -51,7 +51,7 @@ bool read_chunk(const ApiCall& call, const RunLog& log, std::int64_t length,
   return true;
 }
 
-void write_chunk(ApiCall& call, const RunLog& log, std::string_view chunk) {
+void write_chunk(ApiCall& call, const JobLogFile& log, std::string_view chunk) {
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
   JsonWriter& json = call.reply.json;
@@ -79,8 +79,8 @@ void get_runs(ApiCall& call) {
   json.begin_array();
   std::size_t listed = 0;
   for (const std::string& id : list_run_ids(directory)) {
-    RunLog log;
-    if (!open_run_log(directory, id, log)) continue;
+    JobLogFile log;
+    if (!open_job_log(directory, id, log)) continue;
     write_run(json, id, log);
     if (++listed == kRunsListed) break;
   }
@@ -102,8 +102,8 @@ void get_log_chunk(ApiCall& call) {
     return;
   }
   if (!job_exists(call)) return;
-  RunLog log;
-  if (!open_run_log(job_log_directory(call.live.job_log_dir, call.name()), id, log)) {
+  JobLogFile log;
+  if (!open_job_log(job_log_directory(call.live.job_log_dir, call.name()), id, log)) {
     reply_no_run(call);
     return;
   }

@@ -10,7 +10,8 @@
 #include "api/endpoints.h"
 #include "api/job_body.h"
 #include "api/snapshot.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
 
 namespace orv {
 namespace {

@@ -11,7 +11,8 @@
 #include "common/times.h"
 #include "config/config.h"
 #include "config/job_command.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
+#include "sched/queue_schedule.h"
 
 namespace orv {
 namespace {

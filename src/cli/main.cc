@@ -18,7 +18,7 @@
 #include "common/selftest.h"
 #include "common/version.h"
 #include "config/config.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
 
 namespace orv {
 namespace {

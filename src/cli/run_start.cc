@@ -20,6 +20,8 @@
 #include "config/config.h"
 #include "config/job_command.h"
 #include "sched/lost_run.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
 #include "sched/run_now.h"
 
 namespace orv {

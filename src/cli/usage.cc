@@ -6,7 +6,7 @@
 #include "sched/daemon.h"
 #include "sched/job_log.h"
 #include "sched/job_run.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
 
 namespace orv {
 namespace {

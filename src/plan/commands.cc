@@ -22,6 +22,9 @@
 #include "sched/job_log.h"
 #include "sched/job_run.h"
 #include "sched/lost_run.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
+#include "sched/result_mail.h"
 
 namespace orv {
 namespace {
@@ -207,14 +210,11 @@ int plan_show(const Plan& plan, const Job& job) {
   for (std::size_t i = 0; i + 1 < argv.size(); ++i) {
     std::printf("argv[%zu]:%s%s\n", i, i < 10 ? "    " : "   ", printable(argv[i]).c_str());
   }
-  const std::uint32_t limit = job.timeout_s != 0 ? job.timeout_s
-                              : plan.config.sched.job_timeout_s != 0
-                                  ? plan.config.sched.job_timeout_s
-                                  : kDefaultJobTimeout;
+  const std::uint32_t limit = time_limit(job, plan.config.sched.job_timeout_s);
   std::printf("time limit: %s (%" PRIu32 " seconds)\n", duration_text(limit).c_str(), limit);
   std::printf("logs:       %s/\n",
               printable(job_log_directory(plan.job_log_dir, job.name.view())).c_str());
-  const Notify notify = job.notify == Notify::Inherit ? plan.config.mail.notify : job.notify;
+  const Notify notify = effective_notify(job, plan.config.mail);
   std::printf("mail:       %s%s\n", plan.config.mail.present ? notify_name(notify) : "never",
               plan.config.mail.present ? "" : " (there is no [mail] section)");
   return 0;

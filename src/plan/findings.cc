@@ -11,6 +11,8 @@
 #include "common/files.h"
 #include "plan/describe.h"
 #include "sched/lost_run.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
 
 namespace orv {
 namespace {
@@ -26,9 +28,7 @@ std::vector<std::string> missing_dependencies(const QueueState& queue, const Job
   for (const JobName& name : job.after) {
     const QueueRecord* record = queue_find(queue, name.view());
     const JobState state = record == nullptr ? JobState::Pending : record_state(*record);
-    const bool enough = state == JobState::Done ||
-                        (state == JobState::Failed && job.after_mode == AfterMode::Finished);
-    if (record != nullptr && enough) continue;
+    if (record != nullptr && dependency_met(*record, job.after_mode)) continue;
     std::string text = "it waits for job " + quoted(name.view()) + ", which ";
     switch (state) {
       case JobState::Running: text += "is running"; break;
@@ -53,18 +53,12 @@ std::int64_t newest_finish(const QueueState& queue, const Job& job) {
   return newest;
 }
 
-bool has_time(const Job& job) { return job.has_schedule || job.has_once; }
-
 // Whether the record says "never" although the job has a time to come. A once job that has run is
 // no such case.
 bool stuck_at_never(const Job& job, const QueueRecord& record, std::int64_t now) {
   if (record.next_run != kNever) return false;
   if (job.has_schedule) return cron_next_run(job.schedule, now, false) > 0;
   return job.has_once && job.once > now;
-}
-
-bool waits_for_retry(const QueueRecord& record) {
-  return record_state(record) == JobState::Pending && record.started_at > 0;
 }
 
 // What the job's own time has against a start now; empty when nothing.
@@ -176,13 +170,6 @@ void check_schedule(const Job& job, const std::vector<ClockGap>& gaps, const Dur
 }
 
 }  // namespace
-
-void fail_lost_runs(QueueState& queue) {
-  for (QueueRecord& record : queue.records) {
-    if (record_state(record) != JobState::Running || queue_runner_alive(record)) continue;
-    record.state_and_pid = static_cast<std::uint32_t>(JobState::Failed);
-  }
-}
 
 bool daemon_seems_absent() {
   if (::access("/proc/1/comm", R_OK) != 0) return false;  // the processes of others are hidden

@@ -14,9 +14,6 @@
 
 namespace orv {
 
-// Marks the records FAILED whose runner is gone, as the daemon's next look does, in memory only.
-void fail_lost_runs(QueueState& queue);
-
 // What keeps `job`, one of `config`'s, from being started at `now`; empty when it starts at the
 // daemon's next look. `queue` is in line with the configuration and without records of lost runs.
 [[nodiscard]] std::vector<std::string> blockers(const Config& config, const QueueState& queue,

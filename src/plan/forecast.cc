@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "sched/queue_schedule.h"
+
 namespace orv {
 namespace {
 

@@ -1,35 +1,18 @@
 #include "plan/history.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <time.h>
-
-#include <algorithm>
-#include <functional>
-
-#include "common/files.h"
+#include "sched/job_run.h"
 
 namespace orv {
 namespace {
 
 constexpr std::size_t kRunsLookedAt = 10;  // for a duration, before it counts as unknown
-constexpr std::int32_t kExitBusy = 75;
 
-// The start that a log's name stands for ("20261005T140000Z.log").
-std::optional<std::int64_t> start_of(const std::string& name) {
-  struct tm utc {};
-  const char* end = ::strptime(name.c_str(), "%Y%m%dT%H%M%SZ", &utc);
-  if (end == nullptr || std::string_view(end) != ".log") return std::nullopt;
-  return ::timegm(&utc);
-}
-
-std::optional<PastRun> read_run(const std::string& path, std::int64_t start) {
-  const ScopedFd fd = open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
-  struct stat st {};
-  if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+std::optional<PastRun> read_run(const std::string& directory, std::string_view run_id) {
+  JobLogFile log;
+  if (!open_job_log(directory, run_id, log)) return std::nullopt;
   PastRun run;
-  run.start = start;
-  read_job_log_trailer(fd.get(), st.st_size, run.trailer);
+  run.start = run_start(run_id);
+  read_job_log_trailer(log.file.get(), log.size, run.trailer);
   return run;
 }
 
@@ -37,16 +20,11 @@ std::optional<PastRun> read_run(const std::string& path, std::int64_t start) {
 
 std::vector<PastRun> past_runs(std::string_view job_log_dir, std::string_view job,
                                std::size_t most) {
-  const std::string directory = job_log_directory(job_log_dir, job) + "/";
-  std::vector<std::string> names = directory_names(directory);
-  // The names sort by time.
-  std::sort(names.begin(), names.end(), std::greater<>());
+  const std::string directory = job_log_directory(job_log_dir, job);
   std::vector<PastRun> runs;
-  for (const std::string& name : names) {
+  for (const std::string& run_id : list_run_ids(directory)) {
     if (runs.size() == most) break;
-    const std::optional<std::int64_t> start = start_of(name);
-    if (!start) continue;
-    if (const auto run = read_run(directory + name, *start)) runs.push_back(*run);
+    if (const auto run = read_run(directory, run_id)) runs.push_back(*run);
   }
   return runs;
 }

@@ -19,7 +19,9 @@
 #include "plan/commands.h"
 #include "plan/findings.h"
 #include "sched/job_log.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
 
 namespace orv {
 namespace {
@@ -151,7 +153,7 @@ std::unique_ptr<Plan> load_plan(const ArgList& args) {
   plan->now = ::time(nullptr);
   plan->queue = plan->seen;
   queue_view_with_config(plan->queue, plan->config, plan->now);
-  fail_lost_runs(plan->queue);
+  queue_view_without_stale_runners(plan->queue);
   const char* no_color = std::getenv("NO_COLOR");
   plan->color = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
   return plan;

@@ -9,6 +9,7 @@
 #include "common/files.h"
 #include "common/log.h"
 #include "sched/dispatch.h"
+#include "sched/queue_file.h"
 
 namespace orv {
 namespace {

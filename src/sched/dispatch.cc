@@ -12,6 +12,9 @@
 #include "config/config.h"
 #include "config/job_command.h"
 #include "sched/lost_run.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
 #include "sched/result_mail.h"
 
 namespace orv {
@@ -24,8 +27,7 @@ void note_save(Dispatch& d, ErrorCode rc) {
   d.unsaved = rc != ErrorCode::Ok;
 }
 
-// Whether the record on disk is news to the one in memory: another process has started the job
-// since.
+// Whether another process has started the job since the record in memory was written.
 bool overtaken(const QueueRecord& memory, const QueueRecord& disk) {
   return queue_runner_alive(disk) || disk.started_at > memory.started_at;
 }
@@ -33,7 +35,7 @@ bool overtaken(const QueueRecord& memory, const QueueRecord& disk) {
 // Brings unsaved changes over to the records just read from the disk.
 void carry_over(const QueueState& memory, QueueState& disk) {
   std::vector<QueueRecord> added;
-  for (const QueueRecord& record : memory.records) {
+  for (const QueueRecord& record : memory.records()) {
     QueueRecord* const present = queue_find(disk, record_name(record));
     if (present == nullptr) {
       added.push_back(record);
@@ -41,8 +43,7 @@ void carry_over(const QueueState& memory, QueueState& disk) {
       *present = record;
     }
   }
-  disk.records.insert(disk.records.end(), added.begin(), added.end());
-  disk.index.clear();
+  disk.append(added);
 }
 
 void read_queue(Dispatch& d) {
@@ -74,13 +75,9 @@ void reconcile(Dispatch& d) {
   note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, std::time(nullptr)));
 }
 
-bool waits_for_a_time(const Job& job, std::int64_t now) {
-  return job.enabled && (job.has_schedule || (job.has_once && job.once > now));
-}
-
 void warn_of_never(const Dispatch& d, std::int64_t now) {
   for (const Job& job : d.live.config->jobs) {
-    if (!waits_for_a_time(job, now)) continue;
+    if (!has_time_ahead(job, now)) continue;
     const QueueRecord* const record = queue_find(d.queue, job.name.view());
     if (record == nullptr || record->next_run != kNever ||
         record_state(*record) == JobState::Running) {
@@ -174,13 +171,12 @@ bool guard_trips(Dispatch& d) {
 // the job itself the run knows better.
 RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
   JobRunSettings settings;
-  settings.timeout_s = job.timeout_s != 0 ? job.timeout_s : d.settings.job_timeout_s;
+  settings.timeout_s = time_limit(job, d.settings.job_timeout_s);
   settings.job_log_dir = d.settings.job_log_dir;
   settings.job_log_keep = d.settings.job_log_keep;
   if (!d.unsaved) return run_job(job, settings, d.queue, d.lock, &d.services, result);
   QueueState before = d.queue;
-  std::erase_if(before.records,
-                [&job](const QueueRecord& r) { return job.name == record_name(r); });
+  before.erase_if([&job](const QueueRecord& r) { return job.name == record_name(r); });
   const RunResult outcome = run_job(job, settings, d.queue, d.lock, &d.services, result);
   carry_over(before, d.queue);
   return outcome;

@@ -3,14 +3,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <utility>
-#include <vector>
 
 #include "common/files.h"
+#include "common/text.h"
 #include "common/times.h"
 
 namespace orv {
@@ -19,6 +22,8 @@ namespace {
 constexpr std::string_view kEndMarker = "\n--- end ---\n";
 constexpr std::size_t kTrailerWindow = 512;  // bytes at the end of a log in which its trailer lies
 constexpr std::string_view kLogSuffix = ".log";
+constexpr std::string_view kRunIdForm = "ddddddddTddddddZ";
+static_assert(kRunIdForm.size() == kRunIdLength);
 constexpr std::size_t kMaxLogName = 63;  // bytes of a name that rotation keeps
 
 // The number behind the first `label`, in the way of strtoll(); 0 when the label is not there.
@@ -26,6 +31,12 @@ std::int64_t number_after(const std::string& text, std::string_view label) {
   const std::size_t at = text.find(label);
   if (at == std::string::npos) return 0;
   return std::strtoll(text.c_str() + at + label.size(), nullptr, 10);
+}
+
+int number_at(std::string_view digits, std::size_t at, std::size_t width) {
+  int value = 0;
+  for (const char c : digits.substr(at, width)) value = value * 10 + (c - '0');
+  return value;
 }
 
 }  // namespace
@@ -38,6 +49,43 @@ std::string job_log_path(std::string_view directory, std::int64_t start) {
   std::string name = format_utc(start, kUtcStampFormat);
   if (name.empty()) name = std::to_string(start);  // a year beyond all calendars
   return std::string(directory) + "/" + name + std::string(kLogSuffix);
+}
+
+bool is_run_id(std::string_view text) {
+  return std::equal(text.begin(), text.end(), kRunIdForm.begin(), kRunIdForm.end(),
+                    [](char c, char form) { return form == 'd' ? is_digit(c) : c == form; });
+}
+
+std::int64_t run_start(std::string_view run_id) {
+  struct tm utc {};
+  utc.tm_year = number_at(run_id, 0, 4) - 1900;
+  utc.tm_mon = number_at(run_id, 4, 2) - 1;
+  utc.tm_mday = number_at(run_id, 6, 2);
+  utc.tm_hour = number_at(run_id, 9, 2);
+  utc.tm_min = number_at(run_id, 11, 2);
+  utc.tm_sec = number_at(run_id, 13, 2);
+  return ::timegm(&utc);
+}
+
+std::vector<std::string> list_run_ids(const std::string& directory) {
+  std::vector<std::string> ids;
+  for (const std::string& entry : directory_names(directory)) {
+    const std::string_view name = entry;
+    if (name.size() != kRunIdLength + kLogSuffix.size() || !name.ends_with(kLogSuffix)) continue;
+    if (is_run_id(name.substr(0, kRunIdLength))) ids.emplace_back(name.substr(0, kRunIdLength));
+  }
+  std::sort(ids.begin(), ids.end(), std::greater<>());
+  return ids;
+}
+
+bool open_job_log(const std::string& directory, std::string_view run_id, JobLogFile& out) {
+  std::string path = directory;
+  path.append("/").append(run_id).append(kLogSuffix);
+  out.file = open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+  struct stat st {};
+  if (!out.file.valid() || ::fstat(out.file.get(), &st) != 0) return false;
+  out.size = st.st_size;
+  return S_ISREG(st.st_mode);
 }
 
 std::string job_log_header(const Job& job, std::span<const char* const> argv, std::int64_t start) {

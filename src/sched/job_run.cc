@@ -13,12 +13,12 @@
 #include "common/log.h"
 #include "config/job_command.h"
 #include "sched/job_log.h"
+#include "sched/queue_file.h"
 #include "sched/subprocess.h"
 
 namespace orv {
 namespace {
 
-constexpr std::int32_t kExitBusy = 75;  // a tool's "temporarily unavailable"
 constexpr std::size_t kArgvMessageSize = 256;
 
 const char* result_word(RunResult result) {
@@ -33,7 +33,7 @@ JobState state_after(RunResult result) {
 }
 
 // The job's record, made (and saved) when there is none: a job can be run by hand before the daemon
-// has ever seen it. The daemon keeps the "never" that such a record says, and warns of it.
+// has ever seen it.
 QueueRecord& find_or_add(QueueState& queue, const Job& job) {
   if (QueueRecord* record = queue_find(queue, job.name.view())) return *record;
   QueueRecord record;

@@ -18,6 +18,14 @@ enum class RunResult : std::uint32_t { Done = 0, Failed = 1, Busy = 2 };
 inline constexpr std::size_t kMaxCommandText = 1023;        // bytes
 inline constexpr std::size_t kMaxLogPath = 1399;            // bytes
 inline constexpr std::uint32_t kDefaultJobTimeout = 86400;  // seconds
+inline constexpr std::int32_t kExitBusy =
+    75;  // a tool's "temporarily unavailable": tried again later
+
+// The time limit of the job's runs in seconds: its own, else the configured one, else the default.
+[[nodiscard]] inline std::uint32_t time_limit(const Job& job, std::uint32_t configured_s) {
+  if (job.timeout_s != 0) return job.timeout_s;
+  return configured_s != 0 ? configured_s : kDefaultJobTimeout;
+}
 
 struct JobRunResult {
   RunResult result = RunResult::Done;

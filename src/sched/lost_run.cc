@@ -2,6 +2,7 @@
 
 #include "sched/job_log.h"
 #include "sched/job_run.h"
+#include "sched/queue_runner.h"
 #include "sched/subprocess.h"
 
 namespace orv {
@@ -15,9 +16,9 @@ bool never_concluded(const QueueRecord& record) {
 }
 
 std::int64_t longest_run(const Config& config, std::string_view job_name, std::uint32_t timeout_s) {
+  static const Job kUnknown;
   const Job* const job = find_job(config, job_name);
-  if (job != nullptr && job->timeout_s != 0) timeout_s = job->timeout_s;
-  if (timeout_s == 0) timeout_s = kDefaultJobTimeout;
+  timeout_s = time_limit(job != nullptr ? *job : kUnknown, timeout_s);
   return std::int64_t{timeout_s} + kKillAfterSeconds + 1;
 }
 
@@ -26,7 +27,7 @@ std::int64_t longest_run(const Config& config, std::string_view job_name, std::u
 const QueueRecord* find_lost_run(const QueueState& queue, const Config& config,
                                  const std::string& job_log_dir, std::uint32_t timeout_s,
                                  std::int64_t now) {
-  for (const QueueRecord& record : queue.records) {
+  for (const QueueRecord& record : queue.records()) {
     if (!never_concluded(record)) continue;
     const std::string_view job = record_name(record);
     if (now - record.started_at > longest_run(config, job, timeout_s)) continue;

@@ -1,4 +1,5 @@
-// The queue on disk: its lock, loading, and the replacement of the file.
+#include "sched/queue_file.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -13,7 +14,6 @@
 
 #include "common/files.h"
 #include "common/log.h"
-#include "sched/queue_state.h"
 
 namespace orv {
 namespace {
@@ -47,14 +47,12 @@ ErrorCode load_existing(QueueState& state) {
   if (!fd.valid()) return error_from_errno(errno);
   std::vector<QueueRecord> records;
   if (ErrorCode rc = read_records(fd.get(), records); rc != ErrorCode::Ok) return rc;
-  state.records = std::move(records);
-  state.index.clear();
+  state.replace_all(std::move(records));
   return ErrorCode::Ok;
 }
 
 void start_empty(QueueState& state, std::string_view path) {
-  state.records.clear();
-  state.index.clear();
+  state.replace_all({});
   state.path = path.substr(0, kMaxQueuePath);
 }
 
@@ -108,7 +106,7 @@ ErrorCode queue_save(const QueueState& state) {
   if (ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
   ScopedFd fd = open_file(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   if (!fd.valid()) return error_from_errno(errno);
-  const auto bytes = std::as_bytes(std::span(state.records));
+  const auto bytes = std::as_bytes(state.records());
   if (ErrorCode rc = write_all(fd.get(), bytes); rc != ErrorCode::Ok) return rc;
   if (::fsync(fd.get()) != 0) return error_from_errno(errno);
   fd.reset();
@@ -127,6 +125,15 @@ ErrorCode queue_reload(QueueState& state) {
   if (ErrorCode rc = queue_load(fresh, state.path.c_str()); rc != ErrorCode::Ok) return rc;
   state = std::move(fresh);
   return ErrorCode::Ok;
+}
+
+ErrorCode queue_upsert(QueueState& state, const QueueRecord& record) {
+  if (QueueRecord* const present = queue_find(state, record_name(record))) {
+    *present = record;
+  } else {
+    state.append({&record, 1});
+  }
+  return queue_save(state);
 }
 
 }  // namespace orv

@@ -1,4 +1,5 @@
-// Whether the process that a RUNNING record names is still there.
+#include "sched/queue_runner.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,7 +9,7 @@
 #include "common/files.h"
 #include "common/log.h"
 #include "common/version.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
 
 namespace orv {
 namespace {
@@ -33,6 +34,10 @@ bool runner_present(const QueueRecord& record) {
   return pid != 0 && pid != static_cast<std::uint32_t>(::getpid()) && is_scheduler(pid);
 }
 
+bool runner_gone(const QueueRecord& record) {
+  return record_state(record) == JobState::Running && !runner_present(record);
+}
+
 }  // namespace
 
 bool queue_runner_alive(const QueueRecord& record) {
@@ -40,7 +45,7 @@ bool queue_runner_alive(const QueueRecord& record) {
 }
 
 const QueueRecord* queue_find_live_runner(const QueueState& state) {
-  for (const QueueRecord& record : state.records) {
+  for (const QueueRecord& record : state.records()) {
     if (queue_runner_alive(record)) return &record;
   }
   return nullptr;
@@ -48,18 +53,24 @@ const QueueRecord* queue_find_live_runner(const QueueState& state) {
 
 ErrorCode queue_sweep_stale_runners(QueueState& state) {
   bool changed = false;
-  for (QueueRecord& record : state.records) {
-    if (record_state(record) != JobState::Running || runner_present(record)) continue;
+  for (QueueRecord& record : state.records()) {
+    if (!runner_gone(record)) continue;
     const std::string_view name = record_name(record);
     log_msg(
         LogLevel::Error,
         "orv_sched: job '%.*s' is RUNNING in the queue file, but its runner (pid %u) is gone -- "
         "marked FAILED",
         static_cast<int>(name.size()), name.data(), queue_get_runner_pid(record));
-    record.state_and_pid = static_cast<std::uint32_t>(JobState::Failed);
+    record_set_lost(record);
     changed = true;
   }
   return changed ? queue_save(state) : ErrorCode::Ok;
+}
+
+void queue_view_without_stale_runners(QueueState& state) {
+  for (QueueRecord& record : state.records()) {
+    if (runner_gone(record)) record_set_lost(record);
+  }
 }
 
 }  // namespace orv

@@ -1,10 +1,11 @@
-// The records against the configuration: which jobs there are, when they run next, which are due.
+#include "sched/queue_schedule.h"
+
 #include <algorithm>
 #include <span>
 #include <unordered_set>
 
 #include "common/log.h"
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
 
 namespace orv {
 namespace {
@@ -54,7 +55,7 @@ bool drop_removed(QueueState& state, const Config& config, bool quiet) {
   std::unordered_set<std::string_view> configured;
   configured.reserve(config.jobs.size());
   for (const Job& job : config.jobs) configured.insert(job.name.view());
-  const auto removed = std::erase_if(state.records, [&](const QueueRecord& record) {
+  const auto removed = state.erase_if([&](const QueueRecord& record) {
     const std::string_view name = record_name(record);
     if (configured.contains(name)) return false;
     if (!quiet) {
@@ -64,24 +65,19 @@ bool drop_removed(QueueState& state, const Config& config, bool quiet) {
     }
     return true;
   });
-  if (removed != 0) state.index.clear();
   return removed != 0;
 }
 
-bool has_time(const Job& job) { return job.has_schedule || job.has_once; }
+}  // namespace
 
-// The state that lets a dependent job go on.
-bool dependency_met(const QueueRecord& record, AfterMode mode) {
-  const JobState state = record_state(record);
-  return state == JobState::Done || (mode == AfterMode::Finished && state == JobState::Failed);
-}
-
-// A job that ran and found its tool busy: it waits for its retry.
 bool waits_for_retry(const QueueRecord& record) {
   return record_state(record) == JobState::Pending && record.started_at > 0;
 }
 
-}  // namespace
+bool dependency_met(const QueueRecord& record, AfterMode mode) {
+  const JobState state = record_state(record);
+  return state == JobState::Done || (mode == AfterMode::Finished && state == JobState::Failed);
+}
 
 std::int64_t first_next_run(const Job& job, std::int64_t now) {
   if (job.has_schedule) {
@@ -125,8 +121,7 @@ bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, 
     }
   }
   if (!added.empty()) {
-    state.records.insert(state.records.end(), added.begin(), added.end());
-    state.index.clear();
+    state.append(added);
     changed = true;
   }
   return drop_removed(state, config, quiet) || changed;
@@ -165,7 +160,8 @@ ErrorCode queue_refresh_schedules_and_save(QueueState& state, const Config& conf
   return queue_refresh_schedules(state, config, now) ? queue_save(state) : ErrorCode::Ok;
 }
 
-bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now, std::int64_t& stamp) {
+bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now,
+                   std::int64_t& dependency_finish) {
   if (!job.enabled) return false;
   const QueueRecord* const record = queue_find(state, job.name.view());
   if (record == nullptr || record_state(*record) == JobState::Running) return false;
@@ -184,7 +180,7 @@ bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now, st
     first = false;
   }
   if (!job.after.empty() && record->after_stamp >= newest) return false;
-  stamp = newest;
+  dependency_finish = newest;
   return true;
 }
 

@@ -25,9 +25,9 @@ constexpr std::size_t kMailMessageSize = 512;
 
 bool mail_wanted(const Config& config, std::string_view job_name, RunResult result) {
   if (result == RunResult::Busy || !config.mail.present) return false;
-  const Job* job = find_job(config, job_name);
-  Notify notify = job != nullptr ? job->notify : Notify::Inherit;
-  if (notify == Notify::Inherit) notify = config.mail.notify;
+  // A job that is no longer configured has nothing of its own to say.
+  const Job* const job = find_job(config, job_name);
+  const Notify notify = job != nullptr ? effective_notify(*job, config.mail) : config.mail.notify;
   return notify == Notify::Always || (notify == Notify::Failed && result == RunResult::Failed);
 }
 

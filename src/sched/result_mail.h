@@ -1,4 +1,4 @@
-// The mail that tells about a finished run.
+// The mail that reports a finished run.
 #ifndef ORV_SCHED_RESULT_MAIL_H_
 #define ORV_SCHED_RESULT_MAIL_H_
 
@@ -9,6 +9,11 @@
 #include "sched/job_run.h"
 
 namespace orv {
+
+// When the job's runs are mailed: its own 'notify', else that of [mail].
+[[nodiscard]] inline Notify effective_notify(const Job& job, const MailSection& mail) {
+  return job.notify == Notify::Inherit ? mail.notify : job.notify;
+}
 
 // Sends the mail when the job's notify policy (or [mail]'s, when the job has none) asks for one:
 // through `supervisor` when there is one, else with a network process of its own, waiting for the

@@ -6,6 +6,8 @@
 
 #include "common/log.h"
 #include "sched/lost_run.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
 #include "sched/result_mail.h"
 
 namespace orv {
@@ -60,7 +62,7 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
   }
   queue_log_unsaved(queue, queue_sweep_stale_runners(queue));
   if (!force && refused(queue, config, settings, name)) return ErrorCode::Unavailable;
-  if (job->timeout_s != 0) settings.timeout_s = job->timeout_s;
+  settings.timeout_s = time_limit(*job, settings.timeout_s);
   JobRunResult result;
   const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);
   queue_log_unsaved(queue, queue_save(queue));

@@ -2,10 +2,11 @@
 #include <unistd.h>
 
 #include "api/config_text.h"
-#include "api/run_logs.h"
+#include "api/log_chunk.h"
 #include "api/snapshot.h"
 #include "api_fixture.h"
 #include "sched/job_log.h"
+#include "sched/queue_file.h"
 
 namespace orv::test {
 namespace {

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
 #include "support/support.h"
 
 namespace orv::test {

@@ -13,6 +13,8 @@
 #include "plan/forecast.h"
 #include "plan/history.h"
 #include "plan/svg.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
 #include "support/support.h"
 
 namespace orv {
@@ -100,7 +102,7 @@ TEST_F(PlanTest, AnUnknownDurationIsMarkedAsAGuess) {
 TEST_F(PlanTest, ARunByHandLeavesTheTimeThatIsSet) {
   start("[hand]\nschedule=0 1 * * *\n[due]\nschedule=0 1 * * *\n");
   durations_ = {{"hand", 7200}, {"due", 7200}};
-  for (QueueRecord& record : queue_.records) {
+  for (QueueRecord& record : queue_.records()) {
     record_set_state(record, JobState::Running);
     record.started_at = kMonday - 600;
   }
@@ -116,7 +118,7 @@ TEST_F(PlanTest, ALostRunIsFailedAndDueAgain) {
   record_set_state(record, JobState::Running);
   queue_set_runner_pid(record, kMaxRunnerPid);  // no such process
   record.started_at = record.next_run = kMonday - 3600;
-  fail_lost_runs(queue_);
+  queue_view_without_stale_runners(queue_);
   EXPECT_EQ(lines(forecast(2)), (std::vector<std::string>{"a 00:00 1h 00m ~", "a 01:00 0s ~"}));
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "sched/job_log.h"
+#include "sched/queue_file.h"
 #include "sched/run_now.h"
 #include "support/support.h"
 
@@ -188,7 +189,7 @@ TEST_F(DispatchTest, WarnsOfJobsWithATimeThatNeverRun) {
       "[cron]\nschedule=0 0 1 1 *\n[later]\nonce=4000000000\n[past]\nonce=1\n[off]\n"
       "schedule=0 0 1 1 *\nenabled=no\n[hand]\nafter=cron\n");
   start();
-  for (QueueRecord& record : dispatch_->queue.records) record.next_run = kNever;
+  for (QueueRecord& record : dispatch_->queue.records()) record.next_run = kNever;
   ::testing::internal::CaptureStderr();
   dispatch_adopt_config(*dispatch_);
   const std::string log = ::testing::internal::GetCapturedStderr();

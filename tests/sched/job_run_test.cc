@@ -10,6 +10,7 @@
 
 #include "common/files.h"
 #include "sched/job_log.h"
+#include "sched/queue_file.h"
 #include "sched/run_now.h"
 #include "support/support.h"
 

@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "sched/queue_state.h"
+#include "sched/queue_file.h"
+#include "sched/queue_runner.h"
+#include "sched/queue_schedule.h"
 #include "support/support.h"
 
 namespace {
@@ -56,9 +58,11 @@ QueueRecord record_of(std::string_view name, JobState state, std::int64_t finish
   return record;
 }
 
+void append_one(QueueState& state, const QueueRecord& record) { state.append({&record, 1}); }
+
 std::string names_of(const QueueState& state) {
   std::string names;
-  for (const QueueRecord& record : state.records) names.append(record_name(record)).append(" ");
+  for (const QueueRecord& record : state.records()) names.append(record_name(record)).append(" ");
   return names;
 }
 
@@ -109,7 +113,7 @@ TEST(QueueFile, HoldsTheRecordsByteForByte) {
   EXPECT_EQ(names_of(state), std::string(127, 'n') + " b ");
   std::filesystem::resize_file(path, 171);
   ASSERT_EQ(queue_reload(state), ErrorCode::Ok);
-  EXPECT_TRUE(state.records.empty());
+  EXPECT_TRUE(state.records().empty());
   EXPECT_EQ(queue_find(state, "b"), nullptr);
 }
 
@@ -155,18 +159,18 @@ TEST(QueueFile, FailuresKeepWhatThereIs) {
 TEST(QueueFind, TakesTheFirstOfANameWhateverTheFileHolds) {
   QueueState state;
   for (int i = 0; i < 300; ++i) {
-    state.records.push_back(record_of("job" + std::to_string(i % 200), JobState::Done, i));
+    append_one(state, record_of("job" + std::to_string(i % 200), JobState::Done, i));
   }
-  state.records[7].name.fill('x');  // a damaged record without its NUL
+  state.records()[7].name.fill('x');  // a damaged record without its NUL
   for (int i = 0; i < 200; ++i) {
     const QueueRecord* const found = queue_find(state, "job" + std::to_string(i));
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->finished_at, i == 7 ? 207 : i);
   }
-  EXPECT_EQ(queue_find(state, std::string(128, 'x')), &state.records[7]);
+  EXPECT_EQ(queue_find(state, std::string(128, 'x')), &state.records()[7]);
   EXPECT_EQ(queue_find(state, "job"), nullptr);
   QueueState copy = state;
-  EXPECT_EQ(queue_find(copy, "job3"), &copy.records[3]);
+  EXPECT_EQ(queue_find(copy, "job3"), &copy.records()[3]);
 }
 
 TEST(QueueRunner, OnlyALivingSchedulerOtherThanThisOneCounts) {
@@ -180,8 +184,8 @@ TEST(QueueRunner, OnlyALivingSchedulerOtherThanThisOneCounts) {
   QueueState state;
   state.path = dir.file("queue");
   const auto add = [&](const char* name, JobState job_state, std::uint32_t pid) {
-    state.records.push_back(record_of(name, job_state));
-    queue_set_runner_pid(state.records.back(), pid);
+    append_one(state, record_of(name, job_state));
+    queue_set_runner_pid(state.records().back(), pid);
   };
   add("done", JobState::Done, runner);
   add("none", JobState::Running, 0);
@@ -190,19 +194,19 @@ TEST(QueueRunner, OnlyALivingSchedulerOtherThanThisOneCounts) {
   add("network", JobState::Running, static_cast<std::uint32_t>(network->pid()));
   add("gone", JobState::Running, kMaxRunnerPid);
   add("alive", JobState::Running, runner);
-  EXPECT_EQ(queue_find_live_runner(state), &state.records.back());
+  EXPECT_EQ(queue_find_live_runner(state), &state.records().back());
   const std::string log =
       logged([&] { EXPECT_EQ(queue_sweep_stale_runners(state), ErrorCode::Ok); });
   ::prctl(PR_SET_NAME, own_name.data());
   EXPECT_TRUE(contains(log,
                        "orv_sched: job 'gone' is RUNNING in the queue file, but its runner "
                        "(pid 16777215) is gone -- marked FAILED\n"));
-  for (const QueueRecord& record : state.records) {
+  for (const QueueRecord& record : state.records()) {
     const std::string_view name = record_name(record);
     const std::uint32_t kept = runner << 8 | (name == "done" ? 2U : 1U);
     EXPECT_EQ(record.state_and_pid, name == "done" || name == "alive" ? kept : 3U) << name;
   }
-  EXPECT_EQ(test::read_file(state.path).size(), state.records.size() * kRecordSize);
+  EXPECT_EQ(test::read_file(state.path).size(), state.records().size() * kRecordSize);
   std::filesystem::remove(state.path);
   EXPECT_EQ(queue_sweep_stale_runners(state), ErrorCode::Ok);
   EXPECT_FALSE(test::exists(state.path)) << "nothing changed, nothing to save";
@@ -217,16 +221,16 @@ TEST(QueueReconcile, FollowsTheConfiguration) {
   EXPECT_TRUE(queue_reconcile(state, *first, kNow, true));
   EXPECT_FALSE(queue_reconcile(state, *first, kNow, false));
   ASSERT_EQ(names_of(state), "a b c d ");
-  EXPECT_EQ(state.records[0].next_run, kNow - 37 + 3600);
-  EXPECT_EQ(state.records[0].exit_code, -1);
-  EXPECT_EQ(state.records[1].next_run, 1);
-  EXPECT_EQ(state.records[2].next_run, kNever);
-  EXPECT_EQ(state.records[3].next_run, kNever);
-  EXPECT_EQ(record_state(state.records[3]), JobState::Disabled);
-  EXPECT_EQ(state.records[3].schedule_fingerprint, 0U);
+  EXPECT_EQ(state.records()[0].next_run, kNow - 37 + 3600);
+  EXPECT_EQ(state.records()[0].exit_code, -1);
+  EXPECT_EQ(state.records()[1].next_run, 1);
+  EXPECT_EQ(state.records()[2].next_run, kNever);
+  EXPECT_EQ(state.records()[3].next_run, kNever);
+  EXPECT_EQ(record_state(state.records()[3]), JobState::Disabled);
+  EXPECT_EQ(state.records()[3].schedule_fingerprint, 0U);
 
-  record_set_state(state.records[0], JobState::Running);
-  queue_set_runner_pid(state.records[0], 77);
+  record_set_state(state.records()[0], JobState::Running);
+  queue_set_runner_pid(state.records()[0], 77);
   const auto second = configured(
       "[new]\nonce=5\n[d]\nschedule=0 1 * * *\n[c]\nafter=a\n"
       "[a]\nschedule=0 1 * * *\nenabled=no\n");
@@ -235,10 +239,10 @@ TEST(QueueReconcile, FollowsTheConfiguration) {
   EXPECT_TRUE(contains(log, "orv_sched: new job 'new' added to the queue"));
   EXPECT_TRUE(contains(log, "orv_sched: job 'b' removed from config, dropping its queue record"));
   ASSERT_EQ(names_of(state), "a c d new ");
-  EXPECT_EQ(state.records[0].state_and_pid, 77U << 8 | 4U) << "disabling leaves the pid";
-  EXPECT_EQ(record_state(state.records[2]), JobState::Pending);
-  EXPECT_EQ(state.records[2].next_run, state.records[0].next_run);
-  EXPECT_EQ(state.records[2].schedule_fingerprint, schedule_fingerprint(second->jobs[1]));
+  EXPECT_EQ(state.records()[0].state_and_pid, 77U << 8 | 4U) << "disabling leaves the pid";
+  EXPECT_EQ(record_state(state.records()[2]), JobState::Pending);
+  EXPECT_EQ(state.records()[2].next_run, state.records()[0].next_run);
+  EXPECT_EQ(state.records()[2].schedule_fingerprint, schedule_fingerprint(second->jobs[1]));
 }
 
 TEST(QueueRefresh, TellsSchedulesApart) {
@@ -276,13 +280,13 @@ TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.what);
     QueueState state;
-    state.records.push_back(record_of("a", c.state));
-    state.records[0].schedule_fingerprint = c.fingerprint;
-    state.records[0].started_at = c.started;
-    state.records[0].next_run = 42;
+    append_one(state, record_of("a", c.state));
+    state.records()[0].schedule_fingerprint = c.fingerprint;
+    state.records()[0].started_at = c.started;
+    state.records()[0].next_run = 42;
     EXPECT_EQ(queue_refresh_schedules(state, *config, kNow), c.stored);
-    EXPECT_EQ(state.records[0].next_run, c.moved ? kNow - 37 + 3600 : 42);
-    EXPECT_EQ(state.records[0].schedule_fingerprint, c.stored ? fingerprint : c.fingerprint);
+    EXPECT_EQ(state.records()[0].next_run, c.moved ? kNow - 37 + 3600 : 42);
+    EXPECT_EQ(state.records()[0].schedule_fingerprint, c.stored ? fingerprint : c.fingerprint);
   }
 }
 
@@ -321,16 +325,17 @@ TEST(QueueDue, LooksAtTimesAndDependencies) {
     const auto config =
         configured("[a]\n" + std::string(c.settings) + "\n[x]\nonce=1\n[y]\nonce=1\n");
     QueueState state;
-    state.records = {record_of("y", c.other, c.other_finished), record_of("a", c.state),
-                     record_of("x", JobState::Done, 10)};
-    state.records[1].started_at = 5;
-    state.records[1].next_run = c.next_run;
-    state.records[1].after_stamp = c.stamp;
+    state.replace_all({record_of("y", c.other, c.other_finished), record_of("a", c.state),
+                       record_of("x", JobState::Done, 10)});
+    state.records()[1].started_at = 5;
+    state.records()[1].next_run = c.next_run;
+    state.records()[1].after_stamp = c.stamp;
     std::int64_t stamp = -1;
     EXPECT_EQ(queue_job_due(state, config->jobs[0], kNow, stamp), c.due >= 0);
     EXPECT_EQ(stamp, c.due);
     // Without a record of its own, or of a job it waits for, it is not due.
-    state.records.erase(state.records.begin() + (config->jobs[0].after.empty() ? 1 : 0));
+    const char* const gone = config->jobs[0].after.empty() ? "a" : "y";
+    EXPECT_EQ(state.erase_if([&](const QueueRecord& r) { return record_name(r) == gone; }), 1U);
     EXPECT_FALSE(queue_job_due(state, config->jobs[0], kNow, stamp));
   }
 }
