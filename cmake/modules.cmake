@@ -29,11 +29,3 @@ function(orv_bench name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINK} benchmark::benchmark benchmark::benchmark_main)
 endfunction()
-
-# orv_fuzzer(name SOURCES a_fuzz.cc LINK libs...): one libFuzzer target.
-function(orv_fuzzer name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LINK})
-  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-endfunction()

@@ -2,51 +2,45 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "api/auth.h"
 #include "api/tokens.h"
+#include "fuzz/targets.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
+namespace orv::fuzz {
 namespace {
 
 constexpr std::string_view kSecret = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8";
 constexpr std::int64_t kNow = 1767225600;
 
-void require(bool holds) {
-  if (!holds) std::abort();
-}
-
-void add_token(orv::TokenStore& store, const char* name, orv::TokenRole role) {
-  auto token = std::make_unique<orv::ApiToken>();
+void add_token(TokenStore& store, const char* name, TokenRole role) {
+  auto token = std::make_unique<ApiToken>();
   require(token->name.set(name) && token->secret.set(kSecret));
   token->role = role;
   store.tokens.push_back(std::move(token));
 }
 
 void try_header(std::string_view header) {
-  orv::TokenStore store;
-  add_token(store, "backup", orv::TokenRole::Admin);
-  add_token(store, "watch", orv::TokenRole::Read);
-  orv::NonceCache nonces;
-  orv::ApiRequest request;
+  TokenStore store;
+  add_token(store, "backup", TokenRole::Admin);
+  add_token(store, "watch", TokenRole::Read);
+  NonceCache nonces;
+  ApiRequest request;
   require(request.method.set("GET") && request.path.set("/api/v1/jobs") &&
           request.query.set("offset=50&limit=50"));
   request.authorization.set_truncated(header);
-  orv::Authenticated out;
-  const orv::AuthResult first = orv::authenticate(store, nonces, kNow, request, out);
-  require((first == orv::AuthResult::Ok) == (out.token != nullptr));
+  Authenticated out;
+  const AuthResult first = authenticate(store, nonces, kNow, request, out);
+  require((first == AuthResult::Ok) == (out.token != nullptr));
   // A request that signed itself in must not do so again; any other is answered the same way twice.
   const bool again = out.is_signed;
-  const orv::AuthResult second = orv::authenticate(store, nonces, kNow, request, out);
-  require(second == (again ? orv::AuthResult::NonceUsed : first));
+  const AuthResult second = authenticate(store, nonces, kNow, request, out);
+  require(second == (again ? AuthResult::NonceUsed : first));
 }
 
 // One file for all inputs, removed when the fuzzer ends.
@@ -76,27 +70,27 @@ class ScratchFile {
 
 void try_tokens_file(std::string_view content) {
   static ScratchFile file;
-  orv::TokenStore store;
+  TokenStore store;
   char err[1024] = "";
-  if (orv::read_tokens(file.hold(content), store, err) != 0) {
+  if (read_tokens(file.hold(content), store, err) != 0) {
     require(store.tokens.empty() && err[0] != '\0');
     return;
   }
   for (const auto& token : store.tokens) {
-    require(orv::check_token_name(token->name.view()));
-    require(token->secret.size() == orv::kTokenSecretLength);
-    require(orv::find_token(store, token->name.view()) == token.get());
+    require(check_token_name(token->name.view()));
+    require(token->secret.size() == kTokenSecretLength);
+    require(find_token(store, token->name.view()) == token.get());
   }
 }
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+void auth(std::string_view text) {
   if (text.starts_with('h')) {
     try_header(text.substr(1));
   } else {
-    try_tokens_file(text.substr(std::min<std::size_t>(1, size)));
+    try_tokens_file(text.empty() ? text : text.substr(1));
   }
-  return 0;
 }
+
+}  // namespace orv::fuzz

@@ -1,25 +1,17 @@
 // Every decoder of records over any bytes: the first byte chooses the decoder, the rest is the
 // record's payload, or with the top bit set the whole record. What a decoder accepts is encoded and
 // decoded again and must come back the same; what it refuses must leave a message and nothing else.
-#include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "fuzz/targets.h"
 #include "net/ipc.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
+namespace orv::fuzz {
 namespace {
-
-using namespace orv;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 // The same record as the encoders make it, checked as if received.
 IpcParsed reparse(int encoded, const IpcMessage& msg) {
@@ -120,16 +112,18 @@ constexpr void (*kDecoders[])(const IpcParsed&, IpcMessage&, std::span<char>) = 
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void ipc(std::string_view input) {
   static const auto msg = std::make_unique<IpcMessage>();
-  if (size == 0) return 0;
-  const unsigned choice = data[0] & 0x7FU;
-  const bool whole = (data[0] & 0x80U) != 0;
+  if (input.empty()) return;
+  const unsigned lead = static_cast<unsigned char>(input[0]);
+  const unsigned choice = lead & 0x7FU;
+  const bool whole = (lead & 0x80U) != 0;
   IpcParsed in;
   in.type = static_cast<std::uint16_t>(choice % std::size(kDecoders) + 1);
-  in.payload = {data + 1, size - 1};
-  if (whole && ipc_parse(in.payload, in) != 0) return 0;
+  in.payload = {reinterpret_cast<const std::uint8_t*>(input.data()) + 1, input.size() - 1};
+  if (whole && ipc_parse(in.payload, in) != 0) return;
   char err[256] = "";
   kDecoders[choice % std::size(kDecoders)](in, *msg, std::span<char>(err));
-  return 0;
 }
+
+}  // namespace orv::fuzz
