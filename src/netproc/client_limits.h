@@ -19,7 +19,7 @@ inline constexpr std::int64_t kAuthWindow = 60;           // seconds
 inline constexpr std::int64_t kFirstBlock = 30;           // seconds; doubles with every block
 inline constexpr std::int64_t kMaxBlock = 3600;           // seconds
 inline constexpr std::int64_t kAuthMemory = 7200;     // seconds without a failure, then forgotten
-inline constexpr std::size_t kMaxAuthRecords = 4096;  // clients; the longest quiet one goes first
+inline constexpr std::size_t kMaxAuthRecords = 4096;  // clients; the one quiet longest is evicted
 
 using Ipv6Bytes = std::array<unsigned char, 16>;  // IPv4 as ::ffff:a.b.c.d
 

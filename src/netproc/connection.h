@@ -1,26 +1,47 @@
 // One client of the API: TLS handshake, requests one after the other, replies, farewell. Every
-// phase has an absolute deadline, so that a client that feeds its bytes one by one gains nothing.
+// stage has an absolute deadline, so that a client that feeds its bytes one by one gains nothing.
 // What is malformed or too large is answered here and never reaches the scheduler.
+//
+//   stage      waits for                            deadline   goes on to
+//   Handshake  the TLS handshake                    handshake  Request
+//   Idle       the first byte of a further request  idle       Request; Farewell at its end of
+//   input Request    a head, then its body                request    Answer; Reply when it is
+//   refused Answer     the scheduler                        answer     Reply, with the answer or a
+//   504 Reply      the client to take the reply         reply      Request when more has come
+//   already,
+//                                                              Idle; Farewell when it is the last
+//   Farewell   the client to close                  farewell   Closed
+//   Closed     nothing: what still completes finds the stage and does nothing
+//
+// Every stage goes to Closed when its deadline passes or the connection breaks, but for Answer.
 #ifndef ORV_NETPROC_CONNECTION_H_
 #define ORV_NETPROC_CONNECTION_H_
 
+#include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/basic_stream.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
+#include "common/secret.h"
 #include "net/ipc.h"
 #include "netproc/client_limits.h"
+#include "netproc/http_request.h"
 
 namespace orv {
 
 struct HttpsLimits {
   std::chrono::milliseconds handshake{10'000};
-  std::chrono::milliseconds request{
-      20'000};  // from its first byte, the first one: from the handshake
+  // From the request's first byte; for the first request, from the end of the handshake.
+  std::chrono::milliseconds request{20'000};
   std::chrono::milliseconds answer{30'000};   // the scheduler's
   std::chrono::milliseconds reply{20'000};    // until the client has taken it
   std::chrono::milliseconds idle{30'000};     // between two requests
@@ -36,26 +57,75 @@ class Connection;
 struct ConnectionHost {
   HttpsLimits limits;
   ClientLimits clients;
-  // Hands a request to the scheduler. Its id, under which connection_answer() follows unless
+  // Hands a request to the scheduler. Its id, under which Connection::answer() follows unless
   // `abandon` is called first; 0 when the scheduler is not keeping up.
   std::function<std::uint32_t(const ApiRequest&, const std::shared_ptr<Connection>&)> submit;
   std::function<void(std::uint32_t id)> abandon;
   std::function<void(const std::shared_ptr<Connection>&)> closed;  // once per connection
 };
 
-[[nodiscard]] std::shared_ptr<Connection> connection_open(
-    ConnectionHost& host, TcpSocket socket, std::shared_ptr<boost::asio::ssl::context> tls,
-    const ClientAddress& client);
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  using Clock = std::chrono::steady_clock;
 
-// Sends the scheduler's answer to the request that is waiting for it.
-void connection_answer(Connection& connection, const ApiResponse& response);
+  Connection(ConnectionHost& host, TcpSocket socket, std::shared_ptr<boost::asio::ssl::context> tls,
+             const ClientAddress& client);
 
-// Since when the connection has been waiting for a further request; nothing when it is at work.
-[[nodiscard]] std::optional<std::chrono::steady_clock::time_point> connection_idle_since(
-    const Connection& connection);
+  // Begins with the handshake. Once, after construction: it needs the owner that exists only then.
+  void start();
 
-void connection_close(Connection& connection);
-[[nodiscard]] const ClientAddress& connection_client(const Connection& connection);
+  // Sends the scheduler's answer to the request that is waiting for it. Dropped when none is.
+  void answer(const ApiResponse& response);
+
+  // Ends at once, in any stage; tells the host. A second call does nothing.
+  void close();
+
+  [[nodiscard]] const ClientAddress& client() const { return client_; }
+
+  // Since when the connection has been waiting for a further request; nullopt while it is at work.
+  [[nodiscard]] std::optional<Clock::time_point> idle_since() const;
+
+ private:
+  enum class Stage { Handshake, Idle, Request, Answer, Reply, Farewell, Closed };
+
+  using Executor = boost::asio::io_context::executor_type;
+  using TcpStream = boost::beast::basic_stream<boost::asio::ip::tcp, Executor>;
+  using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, Executor>;
+
+  // The stream beneath TLS, which also keeps the deadline of the stage.
+  TcpStream& tcp() { return stream_.next_layer(); }
+  template <typename Next>
+  auto then(Next next);
+
+  void await_request(bool first);
+  void read_head();
+  void on_head();
+  const HttpError* check_head(std::int64_t& retry_after_s);
+  void read_body();
+  void on_parse_error(const boost::system::error_code& ec);
+  void submit();
+  void await_answer();
+  void count_failed_authentication();
+  void refuse(const HttpError& error, std::int64_t retry_after_s = 0);
+  void send(const HttpReply& reply);
+  void farewell();
+  void drain(std::size_t drained);
+
+  ConnectionHost& host_;
+  const ClientAddress client_;
+  const std::shared_ptr<boost::asio::ssl::context> tls_;  // outlives a change of the certificate
+  boost::asio::ssl::stream<TcpStream> stream_;
+  Timer answer_timer_;
+  boost::beast::basic_flat_buffer<WipingAllocator<char>> buffer_;  // received, not yet parsed
+  std::optional<HttpParser> parser_;
+  ApiRequest request_;
+  std::string out_;                   // the reply under way
+  std::array<char, 4096> dropped_{};  // what is read in the farewell
+  std::uint32_t request_id_ = 0;      // 0: none is with the scheduler
+  bool keep_alive_ = false;
+  Stage stage_ = Stage::Handshake;
+  Clock::time_point idle_since_;
+};
 
 // Seconds of the steady clock that ClientLimits counts by.
 [[nodiscard]] std::int64_t steady_seconds();

@@ -18,7 +18,7 @@ const HttpError kHttpHeadersTooLarge   = {431, "headers_too_large", "header too 
 const HttpError kHttpUnavailable       = {503, "unavailable", "the scheduler is not keeping up: try again later"};
 const HttpError kHttpTimeout           = {504, "timeout", "no answer from the scheduler in time"};
 // clang-format on
-static_assert(kIpcMaxRequestBody == 32768 && kMaxHttpHead == 16384, "told in the messages above");
+static_assert(kIpcMaxRequestBody == 32768 && kMaxHttpHead == 16384, "named in the messages above");
 
 namespace {
 

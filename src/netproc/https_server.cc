@@ -18,8 +18,8 @@ using asio::ip::tcp;
 using boost::system::error_code;
 
 constexpr int kAcceptedPerTurn = 16;
-constexpr std::chrono::milliseconds kAcceptRetry{
-    500};  // after running out of descriptors or memory
+// After running out of descriptors or memory.
+constexpr std::chrono::milliseconds kAcceptRetry{500};
 constexpr const char* kCiphers = "ECDHE+AESGCM:ECDHE+CHACHA20";  // of TLS 1.2; 1.3 has no weak ones
 
 // A client that also speaks HTTP/2 must be told that this server does not.
@@ -71,7 +71,7 @@ HttpsServer::HttpsServer(asio::io_context& loop, const HttpsLimits& limits,
   };
   host_.abandon = [this](std::uint32_t id) { waiting_.erase(id); };
   host_.closed = [this](const std::shared_ptr<Connection>& connection) {
-    host_.clients.leave(connection_client(*connection).key);
+    host_.clients.leave(connection->client().key);
     connections_.erase(connection);
     await_clients();
   };
@@ -116,7 +116,7 @@ void HttpsServer::answer(std::uint32_t id, const ApiResponse& response) {
   if (found == waiting_.end()) return;
   const auto connection = std::move(found->second);
   waiting_.erase(found);
-  connection_answer(*connection, response);
+  connection->answer(response);
 }
 
 void HttpsServer::stop() {
@@ -124,7 +124,7 @@ void HttpsServer::stop() {
   (void)acceptor_.close(ignored);
   retry_timer_.cancel();
   const auto connections = std::exchange(connections_, {});
-  for (const auto& connection : connections) connection_close(*connection);
+  for (const auto& connection : connections) connection->close();
   waiting_.clear();
 }
 
@@ -156,14 +156,14 @@ bool HttpsServer::make_room() {
   std::shared_ptr<Connection> idlest;
   std::chrono::steady_clock::time_point since;
   for (const auto& connection : connections_) {
-    const auto idle = connection_idle_since(*connection);
+    const auto idle = connection->idle_since();
     if (!idle || (idlest != nullptr && *idle >= since)) continue;
     idlest = connection;
     since = *idle;
   }
   if (idlest == nullptr) return false;
   accepting_ = true;  // closing it must not start a second wait
-  connection_close(*idlest);
+  idlest->close();
   accepting_ = false;
   return true;
 }
@@ -175,7 +175,9 @@ void HttpsServer::welcome(TcpSocket socket) {
   const ClientAddress client = client_address(ipv6_bytes(peer.address()));
   if (host_.clients.admit(client.key) != Admission::Accepted) return;  // it has its share
   (void)socket.set_option(tcp::no_delay(true), ec);  // only costs speed when it fails
-  connections_.insert(connection_open(host_, std::move(socket), tls_, client));
+  const auto connection = std::make_shared<Connection>(host_, std::move(socket), tls_, client);
+  connections_.insert(connection);
+  connection->start();
 }
 
 void HttpsServer::pause_accepting() {

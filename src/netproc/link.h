@@ -16,9 +16,10 @@
 
 namespace orv {
 
-inline constexpr std::size_t kLinkBusyBytes = std::size_t{4}
-                                              << 20;  // waiting: nothing more is read
-inline constexpr int kLinkRecordsPerTurn = 32;  // read before the clients have their turn again
+// While more bytes than these wait to be sent, nothing more is read.
+inline constexpr std::size_t kLinkBusyBytes = std::size_t{4} << 20;
+// Records read before the clients have their turn again.
+inline constexpr int kLinkRecordsPerTurn = 32;
 
 class Link {
  public:
