@@ -77,7 +77,7 @@ void api_config(const IpcParsed& in, IpcMessage& msg, std::span<char> err) {
   IpcApiConfig second;
   const IpcParsed again = reparse(ipc_encode_api_config(msg, in.id, first), msg);
   require(ipc_decode_api_config(again, second, err) == 0);
-  require(first.cert_pem == second.cert_pem && first.key_pem.view() == second.key_pem.view());
+  require(first.cert_pem == second.cert_pem && first.key_pem == second.key_pem);
 }
 
 void api_request(const IpcParsed& in, IpcMessage& msg, std::span<char> err) {

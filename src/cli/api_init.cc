@@ -45,7 +45,7 @@ int command_api_init(const CommandContext& context) {
   const char* common_name = option_value(context.args, "--cn", nullptr);
   if (common_name == nullptr) common_name = host_name(host).data();
   const ErrorCode rc = cert_create(api.cert.c_str(), api.key.c_str(), common_name, kCertificateDays,
-                                   option_present(context.args, "--force"), true);
+                                   option_present(context.args, "--force"));
   if (!report_creation(rc, api, common_name)) return kExitFailed;
 
   char fingerprint[kFingerprintSize];

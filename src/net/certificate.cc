@@ -1,8 +1,6 @@
 #include "net/certificate.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -19,9 +17,14 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <utility>
 
-#include "common/files.h"
+#include "common/message.h"
+#include "common/replacement_file.h"
+#include "common/text.h"
+#include "net/pem.h"
 
 namespace orv {
 namespace {
@@ -124,33 +127,45 @@ Certificate make_certificate(EVP_PKEY* key, const char* common_name, int days) {
   return cert;
 }
 
-// Writes what the memory holds, and closes with a look at the result: a full disk may show only
-// there.
-ErrorCode write_and_close(ScopedFd file, BIO* memory) {
+std::string_view text_of(BIO* memory) {
   char* text = nullptr;
   const long size = ::BIO_get_mem_data(memory, &text);
-  if (!file.valid() || size <= 0) return ErrorCode::IoError;
-  const ErrorCode rc =
-      write_all(file.get(), std::string_view(text, static_cast<std::size_t>(size)));
-  const bool closed = ::close(file.release()) == 0;
-  return rc == ErrorCode::Ok && closed ? ErrorCode::Ok : ErrorCode::IoError;
+  return {text, size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
-ErrorCode write_key(const char* path, EVP_PKEY* key, bool exclusive) {
-  const Bio memory(::BIO_new(::BIO_s_mem()));  // wiped by the library when it is freed
-  if (!memory) return ErrorCode::IoError;
-  if (::PEM_write_bio_PrivateKey(memory.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-    return ErrorCode::IoError;
-  }
-  if (exclusive && ::unlink(path) != 0 && errno != ENOENT) return ErrorCode::IoError;
-  const int flags = O_WRONLY | O_CREAT | (exclusive ? O_EXCL : O_TRUNC);
-  return write_and_close(open_file(path, flags, 0600), memory.get());
+Bio key_text(EVP_PKEY* key) {
+  Bio memory(::BIO_new(::BIO_s_mem()));  // wiped by the library when it is freed
+  if (!memory) return nullptr;
+  const int rc =
+      ::PEM_write_bio_PrivateKey(memory.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  return rc == 1 ? std::move(memory) : nullptr;
 }
 
-ErrorCode write_certificate(const char* path, X509* cert) {
-  const Bio memory(::BIO_new(::BIO_s_mem()));
-  if (!memory || ::PEM_write_bio_X509(memory.get(), cert) != 1) return ErrorCode::IoError;
-  return write_and_close(open_file(path, O_WRONLY | O_CREAT | O_TRUNC, 0644), memory.get());
+Bio certificate_text(X509* cert) {
+  Bio memory(::BIO_new(::BIO_s_mem()));
+  return memory && ::PEM_write_bio_X509(memory.get(), cert) == 1 ? std::move(memory) : nullptr;
+}
+
+std::string temporary_name(const char* path) {
+  return std::string(path) + ".tmp." + std::to_string(::getpid());
+}
+
+// Everything but the rename. The temporary file is nobody else's, whatever it will be later.
+bool prepare(ReplacementFile& file, BIO* memory, mode_t final_mode) {
+  return memory != nullptr && file.create(0600) == ErrorCode::Ok &&
+         ::fchmod(file.fd(), final_mode) == 0 && file.write(text_of(memory)) == ErrorCode::Ok &&
+         file.finish() == ErrorCode::Ok;
+}
+
+// A crash between the two renames leaves a pair that does not belong together, which
+// cert_load_pair() finds out.
+bool replace_pair(const char* cert_path, X509* cert, const char* key_path, EVP_PKEY* key) {
+  ReplacementFile key_file(temporary_name(key_path));
+  ReplacementFile cert_file(temporary_name(cert_path));
+  return prepare(key_file, key_text(key).get(), 0600) &&
+         prepare(cert_file, certificate_text(cert).get(), 0644) &&
+         key_file.move_to(key_path, DirectoryFlush::Yes) == ErrorCode::Ok &&
+         cert_file.move_to(cert_path, DirectoryFlush::Yes) == ErrorCode::Ok;
 }
 
 bool exists(const char* path) {
@@ -161,10 +176,26 @@ bool exists(const char* path) {
 // An encrypted file must not make the library ask for its password on the terminal.
 int no_password(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*context*/) { return -1; }
 
+Bio reader_of(std::string_view text) {
+  return Bio(::BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+}
+
+Certificate parse_certificate(std::string_view pem) {
+  const Bio memory = reader_of(pem);
+  if (!memory) return nullptr;
+  return Certificate(::PEM_read_bio_X509(memory.get(), nullptr, no_password, nullptr));
+}
+
+Key parse_key(std::string_view pem) {
+  const Bio memory = reader_of(pem);
+  if (!memory) return nullptr;
+  return Key(::PEM_read_bio_PrivateKey(memory.get(), nullptr, no_password, nullptr));
+}
+
 }  // namespace
 
 ErrorCode cert_create(const char* cert_path, const char* key_path, const char* common_name,
-                      int days, bool force, bool exclusive_key) {
+                      int days, bool force) {
   if (cert_path == nullptr || key_path == nullptr || common_name == nullptr) {
     return ErrorCode::Invalid;
   }
@@ -175,8 +206,33 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   const Certificate cert =
       make_certificate(key.get(), common_name, days < 1 ? kCertificateDays : days);
   if (!cert) return ErrorCode::IoError;
-  const ErrorCode rc = write_key(key_path, key.get(), exclusive_key);
-  return rc == ErrorCode::Ok ? write_certificate(cert_path, cert.get()) : rc;
+  const bool replaced = replace_pair(cert_path, cert.get(), key_path, key.get());
+  return replaced ? ErrorCode::Ok : ErrorCode::IoError;
+}
+
+CertPair cert_load_pair(const char* cert_path, const char* key_path, SecretString& cert_pem,
+                        SecretString& key_pem, std::span<char> err) {
+  SecretString cert_text;
+  SecretString key_text;
+  if (read_pem_file(cert_path, cert_text, err) != 0 ||
+      read_pem_file(key_path, key_text, err) != 0) {
+    return CertPair::Unreadable;
+  }
+  const ErrorQueue errors;
+  const Certificate cert = parse_certificate(cert_text);
+  const Key key = parse_key(key_text);
+  if (!cert) {
+    (void)fail(err, "%s holds no certificate", cert_path);
+  } else if (!key) {
+    (void)fail(err, "%s holds no private key without a password", key_path);
+  } else if (::X509_check_private_key(cert.get(), key.get()) != 1) {
+    (void)fail(err, "%s is not the key of %s", key_path, cert_path);
+  } else {
+    cert_pem = std::move(cert_text);
+    key_pem = std::move(key_text);
+    return CertPair::Usable;
+  }
+  return CertPair::Unusable;
 }
 
 ErrorCode cert_fingerprint(const char* cert_path, std::span<char> out) {
@@ -191,11 +247,10 @@ ErrorCode cert_fingerprint(const char* cert_path, std::span<char> out) {
   if (::X509_digest(cert.get(), ::EVP_sha256(), digest.data(), &size) != 1 || size != 32) {
     return ErrorCode::IoError;
   }
-  static constexpr std::string_view kDigits = "0123456789ABCDEF";
   char* p = out.data();
   for (unsigned i = 0; i < size; ++i) {
-    *p++ = kDigits[digest[i] >> 4];
-    *p++ = kDigits[digest[i] & 15];
+    *p++ = kUpperHexDigits[digest[i] >> 4];
+    *p++ = kUpperHexDigits[digest[i] & 15];
     *p++ = i + 1 < size ? ':' : '\0';
   }
   return ErrorCode::Ok;

@@ -102,8 +102,8 @@ struct IpcMailConfig {
 };
 
 struct IpcApiConfig {
-  std::string cert_pem;
-  SecretBytes key_pem;
+  SecretString cert_pem;
+  SecretString key_pem;
   std::uint32_t max_clients = 0;
 };
 void ipc_release_api_config(IpcApiConfig& record);

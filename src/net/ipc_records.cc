@@ -151,17 +151,12 @@ struct Pem {
   using Record = IpcApiConfig;
   static const char* store(Record& out, std::string_view value, const char* fault) {
     if (!some_text(value) || value.size() > kIpcMaxPem) return fault;
-    using Value = typename MemberOf<decltype(kField)>::Value;
-    out.*kField = Value(value);
+    out.*kField = value;
     return nullptr;
   }
   static int put(IpcMessage& msg, Tag tag, const Record& record) {
-    return ipc_put_string(msg, tag, pem_text(record.*kField));
+    return ipc_put_string(msg, tag, record.*kField);
   }
-
- private:
-  static std::string_view pem_text(const std::string& text) { return text; }
-  static std::string_view pem_text(const SecretBytes& text) { return text.view(); }
 };
 
 const char* api_config_missing(const IpcApiConfig& /*record*/, const Seen& seen) {

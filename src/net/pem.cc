@@ -10,24 +10,19 @@
 
 namespace orv {
 
-int read_pem_file(const char* path, SecretBytes& out, std::span<char> err) {
+int read_pem_file(const char* path, SecretString& out, std::span<char> err) {
   // Without O_NONBLOCK a FIFO at this path would stop the scheduler for good.
   const ScopedFd file = open_file(path, O_RDONLY | O_NONBLOCK);
   if (!file.valid()) return fail(err, "cannot read %s: %s", path, ::strerror(errno));
-  SecretBytes text(kIpcMaxPem + 1);  // one more than allowed shows that there is more
-  while (text.size() < text.capacity()) {
-    const ssize_t got =
-        ::read(file.get(), text.data() + text.size(), text.capacity() - text.size());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return fail(err, "cannot read %s: %s", path, ::strerror(errno));
-    if (got == 0) break;
-    text.set_size(text.size() + static_cast<std::size_t>(got));
+  SecretString text;
+  const ErrorCode rc = read_whole(file.get(), kIpcMaxPem, text);
+  if (rc != ErrorCode::Ok && errno != EFBIG) {
+    return fail(err, "cannot read %s: %s", path, ::strerror(errno));
   }
-  if (text.empty() || text.size() > kIpcMaxPem ||
-      text.view().find('\0') != std::string_view::npos) {
+  if (rc != ErrorCode::Ok || text.empty() || text.find('\0') != SecretString::npos) {
     return fail(err, "%s is empty, too large or not a PEM file", path);
   }
-  out = SecretBytes(text.view());  // no larger than it must be: the daemon keeps it
+  out = std::move(text);
   return 0;
 }
 

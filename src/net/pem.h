@@ -8,9 +8,9 @@
 
 namespace orv {
 
-// Reads the whole file: 1..kIpcMaxPem bytes without a NUL. What they say is the network process's
-// business. 0; -1 with one message and `out` as it was; every buffer used is wiped.
-[[nodiscard]] int read_pem_file(const char* path, SecretBytes& out, std::span<char> err);
+// Reads the whole file: 1..kIpcMaxPem bytes without a NUL; what they say is not looked into.
+// 0; -1 with one message and `out` as it was.
+[[nodiscard]] int read_pem_file(const char* path, SecretString& out, std::span<char> err);
 
 }  // namespace orv
 

@@ -47,16 +47,17 @@ bool restart_due(const NetSupervisor& sup) {
          sup.child.next_restart - now > std::int64_t{kNetMaxBackoff};
 }
 
-void log_loss(const NetSupervisor& sup, const char* reason) {
+// The connection is over, for the reason that the log gets.
+void lose_child(NetSupervisor& sup, const char* reason) {
+  sup.child.fd.reset();
   log_msg(LogLevel::Warn, "orv_sched: network process pid=%d %s", sup.child.pid, reason);
+  back_off(sup, true);
+  give_up_mails(sup);
 }
 
 void kill_child(NetSupervisor& sup, const char* reason) {
-  sup.child.fd.reset();
-  if (sup.child.pid > 0)
-    (void)::kill(sup.child.pid, SIGKILL);  // gone already: it is reaped all the same
-  log_loss(sup, reason);
-  back_off(sup, true);
+  if (sup.child.pid > 0) (void)::kill(sup.child.pid, SIGKILL);  // it is reaped in either case
+  lose_child(sup, reason);
 }
 
 // Reactions to the records that the child may send: null, or why it is to be killed.
@@ -87,6 +88,7 @@ const char* on_mail_result(NetSupervisor& sup, const IpcParsed& in) {
   std::uint32_t status = 0;
   if (ipc_decode_mail_result(in, status, text, {}) != 0) return "sent a bad MAIL_RESULT: killed";
   blank_controls(text);
+  std::erase(sup.mail.unanswered, in.id);
   sup.mail.last_mail_id = in.id;
   sup.mail.last_mail_status = status;
   sup.mail.last_mail_error.set_truncated(text);
@@ -156,11 +158,7 @@ void receive_records(NetSupervisor& sup) {
     const char* violation = nullptr;
     switch (ipc_recv(sup.child.fd.get(), *sup.child.buffer, true)) {
       case IpcReceived::Nothing: return;
-      case IpcReceived::Closed:
-        sup.child.fd.reset();
-        log_loss(sup, "closed the connection");
-        back_off(sup, true);
-        return;
+      case IpcReceived::Closed: return lose_child(sup, "closed the connection");
       case IpcReceived::Oversized: violation = "sent an oversized message: killed"; break;
       case IpcReceived::Record: violation = dispatch(sup, *sup.child.buffer); break;
     }
@@ -181,6 +179,7 @@ bool look_after_child(NetSupervisor& sup) {
     sup.child.fd.reset();
     log_msg(LogLevel::Warn, "orv_sched: network process pid=%d exited (status=%d)", pid, status);
     back_off(sup, true);
+    give_up_mails(sup);
   }
   return true;
 }
@@ -193,6 +192,7 @@ void net_pump(NetSupervisor& sup) {
   if (sup.child.in_pump) return;
   sup.child.in_pump = true;
   if (sup.child.fd.valid()) receive_records(sup);
+  look_after_api(sup);
   if (look_after_child(sup) && sup.child.wanted && !sup.child.fd.valid() && restart_due(sup)) {
     if (!start_child(sup)) back_off(sup, false);
   }
@@ -209,8 +209,10 @@ void net_wait(NetSupervisor& sup, int timeout_ms) {
 
 void net_shutdown(NetSupervisor& sup) {
   sup.child.wanted = false;
+  sup.api.wanted.enabled = false;
   sup.api.enabled = false;
   clear_api(sup);
+  finish_mails(sup);
   sup.child.fd.reset();  // the child reads the end of the file and leaves
   int status = 0;
   bool gone = reap(sup, status);
@@ -248,6 +250,7 @@ bool reap(NetSupervisor& sup, int& status) {
 
 void end_child(NetSupervisor& sup) {
   sup.child.fd.reset();
+  give_up_mails(sup);
   if (sup.child.pid <= 0) return;
   (void)::kill(sup.child.pid, SIGKILL);
   while (::waitpid(sup.child.pid, nullptr, 0) < 0 && errno == EINTR) {

@@ -14,7 +14,9 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "common/files.h"
 #include "common/fixed_text.h"
 #include "common/scoped_fd.h"
 #include "common/secret.h"
@@ -27,6 +29,9 @@ inline constexpr int kNetPumpRecords = 32;
 inline constexpr std::int64_t kNetStableAfter = 59;   // seconds; a longer run resets the back-off
 inline constexpr std::uint32_t kNetFirstBackoff = 5;  // seconds
 inline constexpr std::uint32_t kNetMaxBackoff = 300;  // seconds
+inline constexpr std::uint32_t kApiFirstRetry = 5;    // seconds; doubles with every failed try
+inline constexpr std::uint32_t kApiMaxRetry = 60;     // seconds
+inline constexpr int kMailGrace = 10;                 // seconds that a shutdown waits for outcomes
 
 // Answers one request. `response.body` must stay valid until the next call.
 using ApiHandler = void (*)(void* context, const ApiRequest& request, ApiResponse& response);
@@ -50,19 +55,27 @@ struct NetChild {
 };
 
 struct NetMail {
-  IpcMailConfig settings;  // `valid` when mail is configured
+  IpcMailConfig settings;                 // `valid` when mail is configured
+  std::vector<std::uint32_t> unanswered;  // ids of the mails whose outcome is not known yet
   std::uint32_t last_mail_id = 0;
   std::uint32_t last_mail_status = 0;
   FixedText<kIpcMaxMailError> last_mail_error;
 };
 
+// The API as it is served, and as it should be: while the two differ, the pump tries again.
 struct NetApi {
-  bool enabled = false;
+  bool enabled = false;  // it is served
   ScopedFd listen_fd;
   FixedText<199> listen_label;  // address and port, IPv6 in brackets
   IpcApiConfig config;          // as the child has it
   ApiHandler handler = nullptr;
   void* handler_context = nullptr;
+
+  ApiSection wanted;              // as last given to net_set_api()
+  std::string failure;            // why it is not served as wanted; each reason is logged once
+  FileIdentity cert_id, key_id;   // of the files last tried
+  std::int64_t next_try = 0;      // Unix seconds before which the pump does not try
+  std::uint32_t retry_delay = 0;  // seconds; grows from kApiFirstRetry to kApiMaxRetry
 };
 
 struct NetSupervisor {
@@ -79,8 +92,10 @@ struct NetSupervisor {
 void net_set_mail(NetSupervisor& sup, const MailSection& mail);
 
 // Starts, changes or stops the API according to [api]; nothing happens when nothing changed. A
-// change ends the child at once and starts another. A certificate or key that cannot be read, or an
-// address that cannot be listened on, is logged and stops the API; mail goes on.
+// change ends the child at once and starts another. A certificate or key that cannot be used, or an
+// address that cannot be listened on, is logged and stops the API; mail goes on. The pump then
+// tries again until the API is up, and takes over a certificate and key that were replaced on disk;
+// a pair there that cannot be used is logged and leaves the API as it is.
 void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context);
 void net_stop_api(NetSupervisor& sup);
 
@@ -96,7 +111,7 @@ void net_wait(NetSupervisor& sup, int timeout_ms);
 [[nodiscard]] inline int net_wait_fd(const NetSupervisor& sup) { return sup.child.fd.get(); }
 
 // Hands a mail to the child. Its id (>= 1; the outcome comes later), or 0 when it could not be
-// handed over; either is logged.
+// handed over; either is logged. The outcome of a mail whose child ended is a failure.
 std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body);
 
 // Waits for the outcome of one mail. 0 when it was sent; -1 with the reason.
@@ -108,7 +123,8 @@ std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::
 [[nodiscard]] int net_send_mail_now(const MailSection& mail, std::string_view subject,
                                     std::string_view body, std::span<char> err);
 
-// Stops everything: API, socket, child (which gets 5 seconds to leave), settings wiped.
+// Stops everything: the API at once; then mails handed over get kMailGrace seconds to be answered,
+// and the child 5 more to leave. Each mail without an outcome is logged. The settings are wiped.
 void net_shutdown(NetSupervisor& sup);
 
 }  // namespace orv

@@ -2,13 +2,16 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <utility>
+
+#include "common/host_port.h"
 #include "common/log.h"
 #include "common/message.h"
-#include "net/pem.h"
+#include "net/certificate.h"
 #include "net/supervisor_parts.h"
 
 namespace orv {
@@ -17,7 +20,8 @@ namespace {
 using namespace net;
 
 constexpr int kListenBacklog = 64;
-constexpr std::size_t kReasonSize = 1024;  // a path and a system message
+constexpr std::size_t kReasonSize = 1280;       // two paths, or a path and a system message
+constexpr std::uint32_t kApiLookInterval = 30;  // seconds between two looks at a pair in use
 
 union SocketAddress {
   sockaddr any;
@@ -25,15 +29,9 @@ union SocketAddress {
   sockaddr_in6 v6;
 };
 
-bool is_ipv6(const ListenAddress& at) { return at.host.view().find(':') != std::string_view::npos; }
-
 FixedText<199> listen_label(const ListenAddress& at) {
-  const bool v6 = is_ipv6(at);
-  char text[kMaxListenAddress + 16];
-  ::snprintf(text, sizeof text, "%s%s%s:%u", v6 ? "[" : "", at.host.c_str(), v6 ? "]" : "",
-             at.port);
   FixedText<199> label;
-  label.set_truncated(text);
+  label.set_truncated(host_port(at.host.view(), at.port));
   return label;
 }
 
@@ -41,7 +39,7 @@ FixedText<199> listen_label(const ListenAddress& at) {
 socklen_t resolve(const ListenAddress& at, SocketAddress& address) {
   ::memset(&address, 0, sizeof address);
   const std::uint16_t port = htons(static_cast<std::uint16_t>(at.port));
-  if (is_ipv6(at)) {
+  if (is_ipv6(at.host.view())) {
     address.v6.sin6_family = AF_INET6;
     address.v6.sin6_port = port;
     return ::inet_pton(AF_INET6, at.host.c_str(), &address.v6.sin6_addr) == 1 ? sizeof address.v6
@@ -90,54 +88,122 @@ void restart_at_once(NetSupervisor& sup) {
   sup.child.backoff = kNetFirstBackoff;
 }
 
-}  // namespace
-
-void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context) {
-  if (!api.enabled) return net_stop_api(sup);
-  SecretBytes cert;
-  SecretBytes key;
-  char reason[kReasonSize];
-  if (read_pem_file(api.cert.c_str(), cert, reason) != 0 ||
-      read_pem_file(api.key.c_str(), key, reason) != 0) {
-    log_msg(LogLevel::Error,
-            "orv_sched: API not started: %s (create one with 'orv_sched api-init')", reason);
-    return net_stop_api(sup);
-  }
-  sup.api.handler = handler;
-  sup.api.handler_context = context;
-  const FixedText<199> label = listen_label(api.listen);
-  if (sup.api.enabled && label == sup.api.listen_label &&
-      api.max_clients == sup.api.config.max_clients && cert.view() == sup.api.config.cert_pem &&
-      key.view() == sup.api.config.key_pem.view()) {
-    return;
-  }
-  close_listener(sup);
-  if (sup.api.enabled) end_child(sup);
-  ScopedFd listener;
-  if (open_listener(api.listen, listener, reason) != 0) {
-    log_msg(LogLevel::Error, "orv_sched: API not started: %s", reason);
-    return net_stop_api(sup);
-  }
-  sup.api.listen_fd = std::move(listener);
-  sup.api.listen_label = label;
-  sup.api.config.cert_pem = cert.view();
-  sup.api.config.key_pem = std::move(key);
-  sup.api.config.max_clients = api.max_clients;
-  sup.api.enabled = true;
-  sup.child.wanted = true;
-  log_msg(LogLevel::Info, "orv_sched: API enabled on %s", label.c_str());
-  restart_at_once(sup);
-  net_pump(sup);
-}
-
-void net_stop_api(NetSupervisor& sup) {
-  const bool was_enabled = sup.api.enabled;
-  sup.api.enabled = false;
+void stop_serving(NetSupervisor& sup) {
+  const bool was_enabled = std::exchange(sup.api.enabled, false);
   clear_api(sup);
   if (!was_enabled) return;
   log_msg(LogLevel::Info, "orv_sched: API stopped");
   sup.child.wanted = sup.mail.settings.valid;
   restart_at_once(sup);
+}
+
+bool same(const IpcApiConfig& a, const IpcApiConfig& b) {
+  return a.cert_pem == b.cert_pem && a.key_pem == b.key_pem && a.max_clients == b.max_clients;
+}
+
+enum class Attempt {
+  Serving,
+  BadPair,     // certificate and key cannot be used
+  BadAddress,  // the address cannot be listened on; the old one is closed
+};
+
+// Tries to serve the API as it is wanted. `failure` gets the reason when that fails, with the
+// remedy when there is one.
+Attempt serve(NetSupervisor& sup, std::string& failure) {
+  const ApiSection& api = sup.api.wanted;
+  IpcApiConfig config;
+  config.max_clients = api.max_clients;
+  char reason[kReasonSize];
+  // Before the files are read: a change that comes in between is found at the next look.
+  sup.api.cert_id = file_identity(api.cert.c_str());
+  sup.api.key_id = file_identity(api.key.c_str());
+  const CertPair pair =
+      cert_load_pair(api.cert.c_str(), api.key.c_str(), config.cert_pem, config.key_pem, reason);
+  if (pair != CertPair::Usable) {
+    const bool unreadable = pair == CertPair::Unreadable;
+    failure =
+        std::string(reason) + (unreadable ? " (create one with 'orv_sched api-init')"
+                                          : " (make a pair with 'orv_sched api-init --force')");
+    return Attempt::BadPair;
+  }
+  const FixedText<199> label = listen_label(api.listen);
+  if (sup.api.enabled && label == sup.api.listen_label && same(config, sup.api.config)) {
+    return Attempt::Serving;
+  }
+  close_listener(sup);
+  if (sup.api.enabled) end_child(sup);  // it holds the old socket, which may have the same address
+  if (open_listener(api.listen, sup.api.listen_fd, reason) != 0) {
+    failure = reason;
+    return Attempt::BadAddress;
+  }
+  sup.api.listen_label = label;
+  sup.api.config = std::move(config);
+  sup.api.enabled = true;
+  sup.child.wanted = true;
+  log_msg(LogLevel::Info, "orv_sched: API enabled on %s", label.c_str());
+  restart_at_once(sup);
+  return Attempt::Serving;
+}
+
+// Soon, and then ever more rarely, while something is wrong.
+void plan_next_look(NetApi& api, std::int64_t now) {
+  const std::uint32_t longer = std::clamp(api.retry_delay * 2, kApiFirstRetry, kApiMaxRetry);
+  api.retry_delay = api.failure.empty() ? 0 : longer;
+  api.next_try = now + (api.failure.empty() ? kApiLookInterval : longer);
+}
+
+// Tries, and logs what is new about the outcome: a retry that fails for the same reason is silent.
+void try_to_serve(NetSupervisor& sup, bool retry) {
+  NetApi& api = sup.api;
+  std::string failure;
+  const Attempt attempt = serve(sup, failure);
+  const bool news = !retry || failure != api.failure;
+  // A good pair that was replaced by a bad one goes on serving; new settings with a bad one do not.
+  const bool goes_on = retry && api.enabled && attempt == Attempt::BadPair;
+  api.failure = std::move(failure);
+  if (attempt != Attempt::Serving && news) {
+    log_msg(goes_on ? LogLevel::Warn : LogLevel::Error, "orv_sched: API %s: %s",
+            goes_on ? "keeps the certificate it has" : "not started", api.failure.c_str());
+  }
+  if (attempt != Attempt::Serving && !goes_on) stop_serving(sup);
+  plan_next_look(api, sup.clock());
+}
+
+// Whether certificate or key are other files than those last tried. A mail under way is not cut off
+// for that: the child is replaced once it has been answered.
+bool pair_replaced(const NetSupervisor& sup) {
+  const NetApi& api = sup.api;
+  return sup.mail.unanswered.empty() && (api.cert_id != file_identity(api.wanted.cert.c_str()) ||
+                                         api.key_id != file_identity(api.wanted.key.c_str()));
+}
+
+}  // namespace
+
+void net::look_after_api(NetSupervisor& sup) {
+  NetApi& api = sup.api;
+  if (!api.wanted.enabled) return;
+  const std::int64_t now = sup.clock();
+  // A clock that was set back must not keep the API away.
+  if (now < api.next_try && api.next_try - now <= std::int64_t{kApiMaxRetry}) return;
+  // A pair that could not be read may become readable with its identity as it is (memory, limits).
+  const bool due = !api.enabled || !api.failure.empty() || pair_replaced(sup);
+  due ? try_to_serve(sup, true) : plan_next_look(api, now);
+}
+
+void net_set_api(NetSupervisor& sup, const ApiSection& api, ApiHandler handler, void* context) {
+  if (!api.enabled) return net_stop_api(sup);
+  sup.api.wanted = api;
+  sup.api.handler = handler;
+  sup.api.handler_context = context;
+  sup.api.retry_delay = 0;
+  try_to_serve(sup, false);
+  if (sup.child.wanted) net_pump(sup);
+}
+
+void net_stop_api(NetSupervisor& sup) {
+  sup.api.wanted.enabled = false;
+  sup.api.failure.clear();
+  stop_serving(sup);
   if (sup.child.wanted) net_pump(sup);
 }
 

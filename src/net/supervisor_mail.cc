@@ -1,9 +1,10 @@
 // Mail: its settings, queueing, waiting for an outcome, and the one mail sent on its own.
 #include <stdint.h>
-#include <time.h>
 
 #include <string>
+#include <utility>
 
+#include "common/clock.h"
 #include "common/log.h"
 #include "common/message.h"
 #include "net/supervisor_parts.h"
@@ -15,13 +16,7 @@ using namespace net;
 
 constexpr std::uint32_t kAnswerMargin = 15;  // seconds beyond the mail server's own time limit
 constexpr int kResultStepMs = 500;
-
-// Steps of the wall clock must not shorten or stretch a wait.
-std::int64_t monotonic_ms() {
-  timespec now{};
-  (void)::clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
-  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+constexpr const char* kNoOutcome = "the network process exited before reporting a result";
 
 // Ids of mails are never 0, which stands for a mail that was not handed over.
 std::uint32_t next_mail_id(NetSupervisor& sup) {
@@ -66,6 +61,28 @@ void net::send_mail_config(NetSupervisor& sup) {
   log_msg(LogLevel::Warn, "orv_sched: could not hand the [mail] settings to orv_sched_net");
 }
 
+void net::give_up_mails(NetSupervisor& sup) {
+  for (const std::uint32_t id : std::exchange(sup.mail.unanswered, {})) {
+    log_msg(LogLevel::Warn, "orv_sched: mail #%u: %s", id, kNoOutcome);
+    if (sup.on_mail_result != nullptr) {
+      sup.on_mail_result(sup.on_mail_result_context, id, 1, kNoOutcome);
+    }
+  }
+}
+
+void net::finish_mails(NetSupervisor& sup) {
+  const std::int64_t deadline = monotonic_ms() + kMailGrace * 1000;
+  for (std::int64_t left = kMailGrace * 1000;
+       left > 0 && !sup.mail.unanswered.empty() && sup.child.fd.valid() && !sup.child.in_pump;
+       left = deadline - monotonic_ms()) {
+    net_wait(sup, static_cast<int>(left));
+  }
+  for (const std::uint32_t id : std::exchange(sup.mail.unanswered, {})) {
+    log_msg(LogLevel::Warn, "orv_sched: mail #%u: no outcome within %d s, it may be lost", id,
+            kMailGrace);
+  }
+}
+
 void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
   store_mail_settings(sup, mail);
   if (!sup.mail.settings.valid) return;
@@ -97,6 +114,7 @@ std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::
     return 0;
   }
   log_msg(LogLevel::Info, "orv_sched: mail #%u queued: %s", id, name.c_str());
+  sup.mail.unanswered.push_back(id);
   return id;
 }
 
@@ -107,8 +125,7 @@ int net_wait_mail_result(NetSupervisor& sup, std::uint32_t mail_id, std::uint32_
   while (sup.mail.last_mail_id != mail_id) {
     const std::int64_t left = deadline - monotonic_ms();
     if (left <= 0) return fail(err, "no answer from the network process within %u s", timeout_s);
-    if (!sup.child.fd.valid())
-      return fail(err, "the network process exited before reporting a result");
+    if (!sup.child.fd.valid()) return fail(err, "%s", kNoOutcome);
     net_wait(sup, left < kResultStepMs ? static_cast<int>(left) : kResultStepMs);
   }
   if (sup.mail.last_mail_status == 0) return 0;
@@ -129,6 +146,7 @@ int net_send_mail_now(const MailSection& mail, std::string_view subject, std::st
   }
   const std::uint32_t id = net_queue_mail(sup, subject, body);
   if (id == 0) return fail(err, "cannot hand the mail to the network process");
+  sup.mail.unanswered.clear();  // the caller learns the outcome from `err`, not from the log
   const std::uint32_t limit =
       mail.timeout_s > UINT32_MAX - kAnswerMargin ? UINT32_MAX : mail.timeout_s + kAnswerMargin;
   return net_wait_mail_result(sup, id, limit, err);

@@ -39,6 +39,15 @@ void store_mail_settings(NetSupervisor& sup, const MailSection& mail);
 // Kills and reaps the child without logging, for a change of the settings.
 void end_child(NetSupervisor& sup);
 
+// Tries to start the API, or takes over a replaced certificate, when it is time for that.
+void look_after_api(NetSupervisor& sup);
+
+// The child is gone: the mails it had not answered are logged and reported as failed.
+void give_up_mails(NetSupervisor& sup);
+
+// Serves the child until every mail is answered or kMailGrace has passed; logs what is left.
+void finish_mails(NetSupervisor& sup);
+
 // Forgets the API's settings, the private key wiped, and closes the listening socket.
 void clear_api(NetSupervisor& sup);
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "common/log.h"
 #include "common/privileges.h"
@@ -47,6 +48,8 @@ struct ChildPlan {
   rlim_t descriptors = 0;
   bool drop = false;
   const char* argv[6] = {};  // NULL-terminated
+  std::vector<std::string> environment;
+  std::vector<char*> envp;  // of `environment`, NULL-terminated
 };
 
 // Beside our own program, unless the environment names another. Empty when neither can be found.
@@ -78,6 +81,17 @@ bool account_exists() {
           "orv_sched: the '%s' account does not exist (run 'orv_setup --repair'): no mail, no API",
           kNetAccount);
   return false;
+}
+
+// The scheduler's own environment is not for the child: variables there make libraries log TLS
+// keys, load modules or use proxies. Dates need the time zone, texts the character set.
+void choose_environment(ChildPlan& plan) {
+  for (const char* name : {"TZ", "LANG"}) {
+    const char* value = ::getenv(name);
+    if (value != nullptr) plan.environment.push_back(std::string(name) + "=" + value);
+  }
+  for (std::string& entry : plan.environment) plan.envp.push_back(entry.data());
+  plan.envp.push_back(nullptr);
 }
 
 bool move_fd(int from, int& scratch) {
@@ -122,9 +136,18 @@ bool restore_signals() {
   return ::signal(SIGPIPE, SIG_DFL) != SIG_ERR && ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
 }
 
+// With no capability left to gain, nothing that is executed later leads back to root. A container
+// may have taken away what this call needs, and with it what it guards against.
+void empty_bounding_set() {
+  unsigned long capability = 0;
+  while (::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0) ++capability;
+}
+
 // The parent-death signal comes after the change of user, which clears it.
 bool prepare_child(const ChildPlan& plan) {
   ::close(plan.parent_end);
+  if (::chdir("/") != 0) return false;
+  if (plan.drop) empty_bounding_set();
   if (!place_descriptors(plan) || !limit_resources(plan.descriptors) || !empty_input())
     return false;
   if (plan.drop && drop_privileges(kNetAccount) != 0) return false;
@@ -140,7 +163,7 @@ bool prepare_child(const ChildPlan& plan) {
   log_set_syslog(false);
   ::closelog();
   if (!prepare_child(plan)) ::_exit(kSetupFailed);
-  ::execv(plan.binary.c_str(), const_cast<char* const*>(plan.argv));
+  ::execve(plan.binary.c_str(), const_cast<char* const*>(plan.argv), plan.envp.data());
   ::_exit(kExecFailed);
 }
 
@@ -208,6 +231,7 @@ bool start_child(NetSupervisor& sup) {
   if (sup.api.enabled) {
     for (const char* text : {"--listen-fd", "4"}) *arg++ = text;
   }
+  choose_environment(plan);
   plan.parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid == 0) run_child(plan);

@@ -100,7 +100,7 @@ int HttpsServer::configure(const IpcApiConfig& config, std::span<char> err) {
   error_code ec;
   (void)tls->use_certificate_chain(buffer(config.cert_pem), ec);
   if (ec) return fail(err, "the certificate cannot be used: %s", ec.message().c_str());
-  (void)tls->use_private_key(buffer(config.key_pem.view()), asio::ssl::context::pem, ec);
+  (void)tls->use_private_key(buffer(config.key_pem), asio::ssl::context::pem, ec);
   if (ec || SSL_CTX_check_private_key(tls->native_handle()) != 1) {
     ERR_clear_error();
     return fail(err, "the key cannot be used or does not belong to the certificate");

@@ -49,7 +49,7 @@ LyingServer::LyingServer(Answer answer)
     : acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)),
       answer_(std::move(answer)) {
   const std::string cert = dir_.file("crt"), key = dir_.file("key");
-  EXPECT_EQ(cert_create(cert.c_str(), key.c_str(), "localhost", 1, true, false), ErrorCode::Ok);
+  EXPECT_EQ(cert_create(cert.c_str(), key.c_str(), "localhost", 1, true), ErrorCode::Ok);
   std::array<char, kFingerprintSize> text{};
   EXPECT_EQ(cert_fingerprint(cert.c_str(), text), ErrorCode::Ok);
   EXPECT_TRUE(parse_fingerprint(text.data(), fingerprint_));

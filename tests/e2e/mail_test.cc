@@ -56,8 +56,9 @@ class ResultMail : public DaemonFixture {
     std::vector<std::string> argv = command_line(command, words);
     if (with_syslog) std::erase(argv, "--no-syslog");
     Env environment = env();
-    environment["ORV_SCHED_NET_BIN"] = home_.file("orv_fake_net");
-    environment["ORV_FAKE_NET_LOG"] = home_.file("net.log");
+    environment["ORV_SCHED_NET_BIN"] =
+        home_.script("net", "ORV_FAKE_NET_LOG=" + home_.file("net.log") + " exec " +
+                                home_.file("orv_fake_net") + " \"$@\"\n");
     return std::make_unique<Program>(as_user(argv, ORV_FAKE_NET_PROGRAM), environment);
   }
   // The whole mail, down to the end of the job log.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "net/pem.h"
 #include "support/support.h"
 
@@ -16,7 +18,7 @@ struct Files {
   std::string cert = dir.file("cert.pem");
   std::string key = dir.file("key.pem");
   ErrorCode create(const char* name, bool force = false) {
-    return cert_create(cert.c_str(), key.c_str(), name, 0, force, true);
+    return cert_create(cert.c_str(), key.c_str(), name, 0, force);
   }
 };
 
@@ -79,8 +81,39 @@ TEST(Certificate, ReplacesExistingFilesOnlyWhenForced) {
   const std::string first = fingerprint(files.cert);
   EXPECT_EQ(files.create("a", true), ErrorCode::Ok);
   EXPECT_NE(fingerprint(files.cert), first);
-  EXPECT_EQ(cert_create(nullptr, "k", "n", 1, true, true), ErrorCode::Invalid);
-  EXPECT_EQ(cert_create("/nowhere/c", "/nowhere/k", "n", 1, true, true), ErrorCode::IoError);
+  EXPECT_EQ(cert_create(nullptr, "k", "n", 1, true), ErrorCode::Invalid);
+  const std::string old_key = test::read_file(files.key);
+  const std::string no_place = files.dir.file("none/cert.pem");
+  EXPECT_EQ(cert_create(no_place.c_str(), files.key.c_str(), "n", 1, true), ErrorCode::IoError);
+  EXPECT_EQ(test::read_file(files.key), old_key) << "the old pair stays whole";
+  const std::filesystem::directory_iterator left(files.dir.path());
+  EXPECT_EQ(std::distance(begin(left), end(left)), 2) << "no temporary file";
+}
+
+TEST(CertificatePair, IsTakenWhenItsFilesBelongTogether) {
+  Files files, other;
+  ASSERT_EQ(files.create("a"), ErrorCode::Ok);
+  ASSERT_EQ(other.create("b"), ErrorCode::Ok);
+  const std::string text = files.dir.write("text", "hello\n"), none = files.dir.file("none");
+  const struct {
+    std::string cert, key;
+    CertPair pair;
+    std::string reason;
+  } cases[] = {
+      {files.cert, files.key, CertPair::Usable, ""},
+      {files.cert, other.key, CertPair::Unusable, other.key + " is not the key of " + files.cert},
+      {text, files.key, CertPair::Unusable, text + " holds no certificate"},
+      {files.cert, text, CertPair::Unusable, text + " holds no private key without a password"},
+      {files.cert, none, CertPair::Unreadable,
+       "cannot read " + none + ": No such file or directory"},
+  };
+  for (const auto& c : cases) {
+    SecretString cert_pem("before"), key_pem;
+    char err[512] = "";
+    EXPECT_EQ(cert_load_pair(c.cert.c_str(), c.key.c_str(), cert_pem, key_pem, err), c.pair);
+    EXPECT_EQ(err, c.reason);
+    EXPECT_EQ(cert_pem == "before", c.pair != CertPair::Usable);
+  }
 }
 
 TEST(CertificateFingerprint, SaysWhyThereIsNone) {
@@ -104,10 +137,10 @@ TEST(PemFile, IsTakenWholeOrRefused) {
                {std::string("a\0b", 3), false}};
   for (const auto& c : cases) {
     const std::string path = dir.write("file.pem", c.content);
-    SecretBytes out(std::string_view("before"));
+    SecretString out("before");
     char err[512] = "";
     EXPECT_EQ(read_pem_file(path.c_str(), out, err) == 0, c.taken);
-    EXPECT_EQ(out.view(), c.taken ? std::string_view(c.content) : "before");
+    EXPECT_EQ(out, c.taken ? std::string_view(c.content) : "before");
     EXPECT_EQ(err, c.taken ? "" : path + " is empty, too large or not a PEM file");
   }
 }

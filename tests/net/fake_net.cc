@@ -1,9 +1,8 @@
 // A network process for tests: the real one's side of the link, with manners to choose from.
 //
-// ORV_FAKE_NET names the manner; without it the program's file name behind the last "-" does
-// ("orv_fake_net-mute"), so that a link under another name is another process. ORV_FAKE_NET_LOG
-// names a file to which it appends a line for its start, each record received and its end. Nothing
-// else is written anywhere: standard error stays the scheduler's.
+// ORV_FAKE_NET names the manner. ORV_FAKE_NET_LOG names a file to which it appends a line for its
+// start, each record received and its end. Nothing else is written anywhere: standard error stays
+// the scheduler's. The scheduler passes no environment on: a script in between sets these.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -116,8 +115,7 @@ struct Manner {
 // clang-format off
 constexpr Manner kManners[] = {
     {"good",      [](Fake& f) { hello(f, ::getpid()); }},
-    {"silent",    [](Fake&) {}},  // no HELLO, well-behaved otherwise
-    {"slow",      [](Fake& f) { hello(f, ::getpid()); }},
+    {"slow",      [](Fake&) {}},  // no HELLO, and late with its answers
     {"reject",    [](Fake& f) { hello(f, ::getpid()); }},
     {"mute",      [](Fake& f) { hello(f, ::getpid()); }},  // reads, answers nothing
     {"stuck",     [](Fake& f) { hello(f, ::getpid()); hang(); }},  // never reads
@@ -126,7 +124,6 @@ constexpr Manner kManners[] = {
     {"close",     [](Fake& f) { hello(f, ::getpid()); ::close(f.ipc_fd); hang(); }},
     {"quit-on-mail", [](Fake& f) { hello(f, ::getpid()); }},
     {"malformed", [](Fake& f) { send_raw(f, std::string(20, 'x')); }},
-    {"short",     [](Fake& f) { send_raw(f, "ORVS"); }},
     {"empty",     [](Fake& f) { send_raw(f, ""); }},
     {"oversized", [](Fake& f) { send_raw(f, std::string(kIpcMaxRecord + 1, 'x')); }},
     {"bad-hello", [](Fake& f) { ipc_begin(*f.out, MessageType::Hello, 0); send_now(f, 0); }},
@@ -221,6 +218,9 @@ void note_surroundings(const Fake& fake, int argc, char** argv) {
   ::getrlimit(RLIMIT_CORE, &core);
   ::getrlimit(RLIMIT_NOFILE, &files);
   ::prctl(PR_GET_PDEATHSIG, &death);
+  char cwd[256] = "";
+  note(fake, "at %s with%s%s", ::getcwd(cwd, sizeof cwd), ::getenv("TZ") != nullptr ? " TZ" : "",
+       ::getenv("SSLKEYLOGFILE") != nullptr ? " SSLKEYLOGFILE" : "");
   line.clear();
   for (int fd = 0; fd < 64; ++fd) {
     const bool own = fake.log != nullptr && fd == ::fileno(fake.log);
@@ -230,16 +230,6 @@ void note_surroundings(const Fake& fake, int argc, char** argv) {
        static_cast<unsigned long>(core.rlim_max), static_cast<unsigned long>(files.rlim_cur),
        static_cast<unsigned long>(files.rlim_max), ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0), death,
        line.c_str());
-}
-
-// The name that the program was executed under: a link's own, not its target's.
-std::string manner_name() {
-  const char* named = ::getenv("ORV_FAKE_NET");
-  if (named != nullptr && *named != '\0') return named;
-  const char* path = ::getenv("ORV_SCHED_NET_BIN");
-  const std::string_view self = path == nullptr ? "" : path;
-  const std::size_t name = self.rfind("orv_fake_net-");
-  return name == std::string_view::npos ? "good" : std::string(self.substr(name + 13));
 }
 
 }  // namespace
@@ -253,7 +243,8 @@ int main(int argc, char** argv) {
     if (std::string_view(argv[i]) == "--ipc-fd") fake.ipc_fd = ::atoi(argv[i + 1]);
     if (std::string_view(argv[i]) == "--listen-fd") fake.listen_fd = ::atoi(argv[i + 1]);
   }
-  const std::string manner = manner_name();
+  const char* named = ::getenv("ORV_FAKE_NET");
+  const std::string manner = named != nullptr ? named : "good";
   const auto row = std::find_if(std::begin(kManners), std::end(kManners),
                                 [&](const Manner& m) { return manner == m.name; });
   if (row == std::end(kManners)) return 2;  // a test that misspells it must not pass as a good one

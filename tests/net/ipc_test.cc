@@ -215,7 +215,7 @@ TEST(IpcEncoders, KeepToTheLayoutAndRefuseWhatDoesNotFit) {
 
 TEST(IpcMessageWipe, ReachesWhatALongerRecordLeftBehind) {
   const auto msg = std::make_unique<IpcMessage>();
-  const IpcApiConfig config = {"certificate", SecretBytes(std::string(5000, 'k')), 1};
+  const IpcApiConfig config = {"certificate", SecretString(5000, 'k'), 1};
   ASSERT_EQ(ipc_encode_api_config(*msg, 1, config), 0);
   ASSERT_EQ(ipc_encode_hello(*msg, 1), 0);
   msg->wipe();

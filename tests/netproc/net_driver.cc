@@ -107,8 +107,8 @@ void NetDriver::send(const IpcMessage& record) const {
 
 void NetDriver::serve_api(const KeyPair& pair, std::uint32_t max_clients) const {
   const auto out = std::make_unique<IpcMessage>();
-  const IpcApiConfig config = {read_file(pair.certificate), SecretBytes(read_file(pair.key)),
-                               max_clients};
+  const IpcApiConfig config = {SecretString(read_file(pair.certificate)),
+                               SecretString(read_file(pair.key)), max_clients};
   ASSERT_EQ(ipc_encode_api_config(*out, 1, config), 0);
   send(*out);
 }
