@@ -20,11 +20,11 @@
 #include "plan/history.h"
 #include "plan/svg.h"
 #include "sched/job_log.h"
+#include "sched/job_run.h"
 #include "sched/lost_run.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
 #include "sched/result_mail.h"
-#include "sched/settings.h"
 
 namespace orv {
 namespace {

@@ -18,10 +18,10 @@
 #include "config/config.h"
 #include "plan/commands.h"
 #include "plan/findings.h"
+#include "sched/job_log.h"
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
-#include "sched/settings.h"
 
 namespace orv {
 namespace {

@@ -142,8 +142,8 @@ bool busy_elsewhere(Dispatch& d) {
     }
     return true;
   }
-  const QueueRecord* const lost = find_lost_run(d.queue, *d.live.config, d.settings.run.job_log_dir,
-                                                d.settings.run.timeout_s, std::time(nullptr));
+  const QueueRecord* const lost = find_lost_run(d.queue, *d.live.config, d.settings.job_log_dir,
+                                                d.settings.job_timeout_s, std::time(nullptr));
   if (lost != nullptr) {
     const std::string job(record_name(*lost));
     if (is_news(d, job + "/")) {
@@ -170,7 +170,10 @@ bool guard_trips(Dispatch& d) {
 // A run reads the queue again at its end. What could not be saved before it is carried over it; of
 // the job itself the run knows better.
 RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
-  const JobRunSettings& settings = d.settings.run;
+  JobRunSettings settings;
+  settings.timeout_s = time_limit(job, d.settings.job_timeout_s);
+  settings.job_log_dir = d.settings.job_log_dir;
+  settings.job_log_keep = d.settings.job_log_keep;
   if (!d.unsaved) return run_job(job, settings, d.queue, d.lock, &d.services, result);
   QueueState before = d.queue;
   before.erase_if([&job](const QueueRecord& r) { return job.name == record_name(r); });

@@ -165,7 +165,7 @@ ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint
                  int out_fd, const RunServices* services) {
   ToolRun run;
   CommandOptions options;
-  options.timeout_s = time_limit(job, timeout_s);
+  options.timeout_s = timeout_s != 0 ? timeout_s : kDefaultJobTimeout;
   const SlotHolder slot(services != nullptr ? services->cancel : nullptr, job);
   PollCallback callback;
   if (services != nullptr) callback = callback_of(*services);

@@ -1,8 +1,8 @@
 #include "sched/lost_run.h"
 
 #include "sched/job_log.h"
+#include "sched/job_run.h"
 #include "sched/queue_runner.h"
-#include "sched/settings.h"
 #include "sched/subprocess.h"
 
 namespace orv {

@@ -46,7 +46,7 @@ bool refused(const QueueState& queue, const Config& config, const JobRunSettings
 }  // namespace
 
 ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
-                  const JobRunSettings& settings, bool force) {
+                  JobRunSettings settings, bool force) {
   const std::string name(job_name);
   const Job* const job = find_job(config, name);
   if (job == nullptr) {
@@ -62,6 +62,7 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
   }
   queue_log_unsaved(queue, queue_sweep_stale_runners(queue));
   if (!force && refused(queue, config, settings, name)) return ErrorCode::Unavailable;
+  settings.timeout_s = time_limit(*job, settings.timeout_s);
   JobRunResult result;
   const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);
   queue_log_unsaved(queue, queue_save(queue));

@@ -19,7 +19,7 @@ namespace orv {
 // it ended failed or busy, or the queue could not be locked; NotFound for an unknown job;
 // Unavailable when refused. All but the first are logged.
 [[nodiscard]] ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
-                                const JobRunSettings& settings, bool force);
+                                JobRunSettings settings, bool force);
 
 }  // namespace orv
 

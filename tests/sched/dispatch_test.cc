@@ -30,7 +30,7 @@ class DispatchTest : public ::testing::Test {
                                      dir_.file("exit-$2") + " && exit $code; exit 0");
     settings_.config_path = dir_.file("cfg");
     settings_.queue_path = dir_.file("queue");
-    settings_.run.job_log_dir = dir_.file("logs");
+    settings_.job_log_dir = dir_.file("logs");
   }
   void configure(std::string_view text) { dir_.write("cfg", text); }
   void start() {
@@ -143,7 +143,7 @@ TEST_F(DispatchTest, StartsNothingBesideAToolThatOutlivedItsScheduler) {
   record_set_state(lost, JobState::Failed);  // as the sweep leaves it: without a finish time
   lost.started_at = std::time(nullptr);
   ASSERT_EQ(queue_upsert(dispatch_->queue, lost), ErrorCode::Ok);
-  const std::string log = job_log_path(settings_.run.job_log_dir + "/a", lost.started_at);
+  const std::string log = job_log_path(settings_.job_log_dir + "/a", lost.started_at);
   dir_.write(log.substr(dir_.path().size() + 1), "");
   ScopedFd tool(open_file(log.c_str(), O_WRONLY | O_APPEND));
   job_log_mark_used(tool.get());
@@ -152,8 +152,9 @@ TEST_F(DispatchTest, StartsNothingBesideAToolThatOutlivedItsScheduler) {
                        "gone is still running -- no job is started before it ends\n"));
   EXPECT_EQ(cycle(), "");
   EXPECT_EQ(runs(), "");
-  EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings_.run, false),
-            ErrorCode::Unavailable);
+  JobRunSettings settings;
+  settings.job_log_dir = settings_.job_log_dir;
+  EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings, false), ErrorCode::Unavailable);
   tool.reset();
   cycle();
   EXPECT_EQ(runs(), "a\nb\n");
