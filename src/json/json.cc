@@ -1,7 +1,5 @@
 #include "json/json.h"
 
-#include <string.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -138,7 +136,7 @@ class Parser {
     for (;;) {
       skip_blanks();
       if (!next_is('"')) return fail_at(pos_, "expected a string key");
-      std::string key;
+      SecretString key;
       if (!string(key)) return false;
       skip_blanks();
       if (!take(':')) return fail_at(pos_, "expected :");
@@ -146,7 +144,7 @@ class Parser {
       if (!member) return false;
       if (json_member(&object, key) != nullptr) return fail_at(pos_, "duplicate key");
       object.values.push_back(std::move(member));
-      object.keys.push_back(std::move(key));
+      object.keys.emplace_back(key);
       skip_blanks();
       if (at_end()) return fail_at(pos_, "unterminated object");
       if (take('}')) return true;
@@ -154,22 +152,14 @@ class Parser {
     }
   }
 
-  // How many bytes the string that begins here can decode to, at most: growing it later would leave
-  // copies of a secret in freed memory.
-  [[nodiscard]] std::size_t string_bound() const {
-    std::size_t at = pos_;
-    while (at < text_.size() && text_[at] != '"') at += text_[at] == '\\' ? 2U : 1U;
-    return std::min(std::min(at, text_.size()) - pos_, kMaxJsonString);
-  }
-
-  bool append(std::string& out, std::string_view bytes) {
+  bool append(SecretString& out, std::string_view bytes) {
     if (bytes.size() > kMaxJsonString - out.size()) return fail_at(pos_, "string too long");
     out.append(bytes);
     return true;
   }
 
   // Takes the bytes up to the next quote, backslash or control character.
-  bool plain_run(std::string& out) {
+  bool plain_run(SecretString& out) {
     const std::size_t start = pos_;
     while (!at_end() && text_[pos_] != '"' && text_[pos_] != '\\' && !is_control(text_[pos_]))
       ++pos_;
@@ -179,9 +169,8 @@ class Parser {
     return true;
   }
 
-  bool string(std::string& out) {
+  bool string(SecretString& out) {
     ++pos_;
-    out.reserve(string_bound());
     for (;;) {
       if (!plain_run(out)) return false;
       if (at_end()) return fail_at(pos_, "unterminated string");
@@ -191,7 +180,7 @@ class Parser {
     }
   }
 
-  bool escape(std::string& out) {
+  bool escape(SecretString& out) {
     static constexpr std::string_view kLetters = "\"\\/bfnrt";
     static constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
     if (at_end()) return fail_at(pos_, "bad escape");
@@ -216,7 +205,7 @@ class Parser {
     return true;
   }
 
-  bool unicode_escape(std::string& out) {
+  bool unicode_escape(SecretString& out) {
     std::uint32_t point = 0;
     if (!hex4(point)) return fail_at(pos_, "bad \\u escape");
     const std::size_t end = pos_;
@@ -292,8 +281,6 @@ class Parser {
 };
 
 }  // namespace
-
-JsonValue::~JsonValue() { ::explicit_bzero(string.data(), string.size()); }
 
 int json_parse(std::string_view text, const JsonLimits& limits, std::unique_ptr<JsonValue>& out,
                std::span<char> err) {

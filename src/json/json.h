@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/secret.h"
+
 namespace orv {
 
 enum class JsonKind : std::uint32_t {
@@ -23,20 +25,14 @@ enum class JsonKind : std::uint32_t {
   Object = 5
 };
 
-// One value of a document. Its texts are zeroed when it goes, because a request may carry a
-// password.
+// One value of a document.
 struct JsonValue {
-  JsonValue() = default;
-  JsonValue(const JsonValue&) = delete;
-  JsonValue& operator=(const JsonValue&) = delete;
-  ~JsonValue();
-
   JsonKind kind = JsonKind::Null;
   bool boolean = false;
   bool is_integer = false;   // no fraction, no exponent, and it fits 64 bits
   std::int64_t integer = 0;  // valid when is_integer
   double number = 0;
-  std::string string;                              // decoded, UTF-8, never holds a NUL byte
+  SecretString string;  // decoded, UTF-8, never holds a NUL byte; a request may carry a password
   std::vector<std::unique_ptr<JsonValue>> values;  // elements, or members' values in their order
   std::vector<std::string> keys;                   // keys[i] names values[i]; unique
 };
