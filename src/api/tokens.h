@@ -10,12 +10,11 @@
 #include <vector>
 
 #include "common/fixed_text.h"
-#include "sched/live_state.h"
+#include "common/token_text.h"
 
 namespace orv {
 
 inline constexpr std::size_t kMaxTokens = 256;
-inline constexpr std::size_t kTokenSecretLength = 43;  // base64url of 32 random bytes
 
 enum class TokenRole : std::uint32_t { Read = 0, Admin = 1 };
 [[nodiscard]] const char* role_name(TokenRole role);  // "admin" or "read"
@@ -33,13 +32,12 @@ struct TokenStore {
   std::vector<std::unique_ptr<ApiToken>> tokens;  // at most kMaxTokens
 };
 
-// 1..64 letters, digits, "_" and "-".
-[[nodiscard]] bool check_token_name(std::string_view text);
 // Exact, case-sensitive; null when there is none.
 [[nodiscard]] const ApiToken* find_token(const TokenStore& store, std::string_view name);
 
 // Reads the file into `out`. 0, with no tokens when the file does not exist; -1 with a message and
-// an empty store. The file must be a regular one, no link, closed to group and others.
+// an empty store. The file must be a regular file, not a symlink, without group or other
+// permissions.
 [[nodiscard]] int read_tokens(const char* path, TokenStore& out, std::span<char> err);
 // Replaces the file. 0; -1 with a message, the old file in place.
 [[nodiscard]] int write_tokens(const char* path, const TokenStore& store, std::span<char> err);

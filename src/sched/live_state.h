@@ -12,13 +12,13 @@
 #include <vector>
 
 #include "common/fixed_text.h"
+#include "common/token_text.h"
 #include "config/config.h"
 #include "net/supervisor.h"
 #include "sched/job_run.h"
 
 namespace orv {
 
-inline constexpr std::size_t kMaxTokenName = 64;  // bytes
 inline constexpr std::size_t kMaxQueuedRuns = 32;
 inline constexpr std::size_t kTestMailsKept = 16;
 
