@@ -7,9 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "api/config_text.h"
-#include "api/handler.h"
 #include "api/line_diff.h"
+#include "api/router.h"
 #include "common/log.h"
 
 namespace orv {
@@ -63,17 +62,16 @@ class Server {
     http.if_match.set_truncated(tag);
     http.client.set_truncated("127.0.0.1");
     http.body = body;
-    context_.reply.reset();
-    api_route(context_, {http, "bench", TokenRole::Admin, kNow});
-    if (context_.reply.status != 200) state.SkipWithError("the request was refused");
-    tag = context_.reply.etag.view();
-    benchmark::DoNotOptimize(context_.reply.body.data());
+    api_route(live_, reply_, {http, "bench", TokenRole::Admin, kNow});
+    if (reply_.status != 200) state.SkipWithError("the request was refused");
+    tag = reply_.etag.view();
+    benchmark::DoNotOptimize(reply_.body.data());
   }
 
  private:
   std::string directory_;
   LiveState live_;
-  ApiContext context_{live_};
+  ApiReply reply_;
 };
 
 void BM_GetInfo(benchmark::State& state) {

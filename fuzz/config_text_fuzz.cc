@@ -14,12 +14,12 @@
 namespace orv::fuzz {
 namespace {
 
-std::optional<std::string> with_profile(std::string_view text, std::string_view profile) {
-  const KeyEdit edit{"profile", std::string(profile)};
+std::optional<SecretString> with_profile(std::string_view text, std::string_view profile) {
+  const KeyEdit edit{"profile", SecretString(profile)};
   return set_keys(text, "a", {&edit, 1});
 }
 
-void check_reads_back(const std::string& text, std::string_view profile) {
+void check_reads_back(std::string_view text, std::string_view profile) {
   const auto config = std::make_unique<Config>();
   std::array<char, kConfigMessageSize> message{};
   if (config_parse(text, "fuzz.cfg", *config, message) != 0) return;
@@ -34,12 +34,12 @@ void config_text(std::string_view input) {
   const std::string_view profile = input.substr(0, line_end);
   const std::string_view text =
       line_end == std::string_view::npos ? std::string_view{} : input.substr(line_end + 1);
-  const std::optional<std::string> edited = with_profile(text, profile);
+  const std::optional<SecretString> edited = with_profile(text, profile);
   if (!edited) return;
   check_reads_back(*edited, profile);
   require(with_profile(*edited, "other") == with_profile(text, "other"));
 
-  const std::optional<std::string> without = remove_section(*edited, "a");
+  const std::optional<SecretString> without = remove_section(*edited, "a");
   require(without && without->size() < edited->size());
 }
 

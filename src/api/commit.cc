@@ -2,7 +2,9 @@
 
 #include <array>
 #include <string>
+#include <utility>
 
+#include "api/config_history.h"
 #include "api/config_replace.h"
 #include "api/line_diff.h"
 #include "common/files.h"
@@ -14,25 +16,32 @@ namespace {
 
 constexpr std::size_t kMaxChangeMail = 49152;  // bytes of the body
 
-bool replace_or_reply(ApiCall& call, const DraftText& draft, bool validate_only) {
+// Replaces the file, or proves the text only; null after an error reply.
+std::shared_ptr<const Config> replace_or_reply(ApiCall& call, std::string_view text,
+                                               bool validate_only) {
   const LiveState& live = call.live;
-  if (draft.text.size() > kMaxConfigFile) {  // it would load, but the API could not read it again
+  if (text.size() > kMaxConfigFile) {  // it would load, but the API could not read it again
     reply_error(call.reply, 400, "config_invalid", "%s would be larger than %zu bytes",
                 live.config_path.c_str(), kMaxConfigFile);
-    return false;
+    return nullptr;
   }
+  std::shared_ptr<const Config> proved;
   char err[kConfigMessageSize];
-  switch (replace_config(live.config_path, draft.text, history_directory(live.config_path),
-                         live.config->api.history_keep, validate_only, call.request.now, err)) {
-    case ReplaceResult::Ok: return true;
+  switch (replace_config({.path = live.config_path,
+                          .text = text,
+                          .history_keep = live.config->api.history_keep,
+                          .validate_only = validate_only,
+                          .now = call.request.now},
+                         proved, err)) {
+    case ReplaceResult::Ok: return proved;
     case ReplaceResult::InvalidConfig:
       reply_error(call.reply, 400, "config_invalid", "%s", err);
-      return false;
+      return nullptr;
     case ReplaceResult::IoFailure: break;
   }
   log_msg(LogLevel::Error, "orv_sched API: %s", err);
   reply_error(call.reply, 500, "internal", "%s", err);
-  return false;
+  return nullptr;
 }
 
 // Through the supervisor that has the settings loaded now: a change of [mail] is announced over the
@@ -53,7 +62,7 @@ void send_change_mail(ApiCall& call, std::string_view description, std::string_v
   body.append(history_kept ? history_directory(live.config_path) : "(none: history-keep=0)");
   body.append("\n\n--- changed lines ---\n").append(diff);
   if (body.size() > kMaxChangeMail) body.resize(kMaxChangeMail);
-  (void)net_queue_mail(live.net, subject, body);  // the change stands whether or not it is told
+  (void)net_queue_mail(live.net, subject, body);  // the change stands even if it cannot be sent
 }
 
 }  // namespace
@@ -61,35 +70,41 @@ void send_change_mail(ApiCall& call, std::string_view description, std::string_v
 bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot) {
   const ApiRequest& http = call.request.http;
   if (http.if_match.empty()) {
-    reply_error(call.reply, 428, "precondition_required",
-                "If-Match with the current config_etag is required for changes");
-    return false;
+    return refuse(call, 428, "precondition_required",
+                  "If-Match with the current config_etag is required for changes");
   }
-  if (http.if_match.view() == snapshot.etag.view()) return true;
-  reply_error(call.reply, 412, "precondition_failed",
-              "the configuration was changed in the meantime: reload it and retry");
-  return false;
+  return http.if_match.view() == snapshot.etag.view() ||
+         refuse(call, 412, "precondition_failed",
+                "the configuration was changed in the meantime: reload it and retry");
 }
 
-bool validate_change(ApiCall& call, const DraftText& draft) {
-  return replace_or_reply(call, draft, true);
+SnapshotPtr begin_change(ApiCall& call) {
+  SnapshotPtr snapshot = snapshot_of(call);
+  return snapshot && check_if_match(call, *snapshot) ? snapshot : nullptr;
 }
 
-bool commit_change(ApiCall& call, const ConfigSnapshot& before, const DraftText& draft,
-                   std::string_view description, EntityTag& etag) {
-  if (!replace_or_reply(call, draft, false)) return false;
+bool validate_change(ApiCall& call, std::string_view text) {
+  return replace_or_reply(call, text, true) != nullptr;
+}
+
+SnapshotPtr commit_change(ApiCall& call, const ConfigSnapshot& before, SecretString text,
+                          std::string_view description) {
+  auto after = std::make_shared<ConfigSnapshot>();  // first: nothing may fail after the rename
+  after->etag = entity_tag(text);
+  after->config = replace_or_reply(call, text, false);
+  if (!after->config) return nullptr;
+  after->text = std::move(text);
   LiveState& live = call.live;
   live.config_changed = true;
-  etag = entity_tag(draft.text);
   log_msg(LogLevel::Info, "orv_sched API: token '%.*s' from %s changed %s: %.*s",
           static_cast<int>(call.request.token_name.size()), call.request.token_name.data(),
           call.request.http.client.c_str(), live.config_path.c_str(),
           static_cast<int>(description.size()), description.data());
   const Config& policy = *live.config;
   if (policy.api.notify_changes && policy.mail.present && !policy.mail.to.empty()) {
-    send_change_mail(call, description, line_diff(before.text.view(), draft.text));
+    send_change_mail(call, description, line_diff(before.text, after->text));
   }
-  return true;
+  return after;
 }
 
 void reply_changed(ApiCall& call, const EntityTag& etag) {

@@ -3,37 +3,29 @@
 #ifndef ORV_API_COMMIT_H_
 #define ORV_API_COMMIT_H_
 
-#include <string>
 #include <string_view>
 
-#include "api/endpoints.h"
-#include "api/snapshot.h"
+#include "api/call.h"
 #include "common/secret.h"
+#include "config/snapshot.h"
 
 namespace orv {
 
-// A text of the configuration file in the making: it may hold the SMTP password.
-struct DraftText {
-  DraftText() = default;
-  DraftText(const DraftText&) = delete;
-  DraftText& operator=(const DraftText&) = delete;
-  ~DraftText() { wipe_text(text); }
-  std::string text;
-};
-
-// Takes the snapshot that a change starts from and compares the client's If-Match with its tag.
-// False after an error reply (500, 428, 412).
+// Compares the client's If-Match with the snapshot's tag. False after an error reply (428, 412).
 [[nodiscard]] bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot);
+
+// The snapshot that a change starts from, with the client's tag checked against it; null after an
+// error reply (500, 428, 412).
+[[nodiscard]] SnapshotPtr begin_change(ApiCall& call);
 
 // Proves that the text loads, writing nothing. False after the error reply that a commit would
 // make.
-[[nodiscard]] bool validate_change(ApiCall& call, const DraftText& draft);
+[[nodiscard]] bool validate_change(ApiCall& call, std::string_view text);
 
-// Replaces the file by the text, tells the daemon to load it, logs the change and sends the change
-// mail. `etag` is the new text's. False after an error reply, nothing changed.
-[[nodiscard]] bool commit_change(ApiCall& call, const ConfigSnapshot& before,
-                                 const DraftText& draft, std::string_view description,
-                                 EntityTag& etag);
+// Replaces the file by `text`, tells the daemon to load it, logs the change and sends the change
+// mail. Returns the new configuration; null after an error reply, nothing changed.
+[[nodiscard]] SnapshotPtr commit_change(ApiCall& call, const ConfigSnapshot& before,
+                                        SecretString text, std::string_view description);
 
 // The reply of a change that reports nothing but the new tag.
 void reply_changed(ApiCall& call, const EntityTag& etag);

@@ -1,11 +1,8 @@
 #include "api/config_text.h"
 
 #include <algorithm>
-#include <utility>
 #include <vector>
 
-#include "api/reply.h"
-#include "common/digest.h"
 #include "common/line_syntax.h"
 #include "common/text.h"
 
@@ -68,7 +65,7 @@ bool needs_quotes(std::string_view value) {
   return false;
 }
 
-// What the line carries behind its value: blanks, a comment, the line ending.
+// What the line carries after its value: blanks, a comment, the line ending.
 std::string_view tail_of(const Line& line) {
   const char* const end = line.content.data() + line.content.size();
   return line.raw.substr(static_cast<std::size_t>(end - line.raw.data()));
@@ -76,7 +73,7 @@ std::string_view tail_of(const Line& line) {
 
 std::string_view line_ending(std::string_view raw) { return raw.ends_with("\r\n") ? "\r\n" : "\n"; }
 
-void append_value(std::string& out, std::string_view value) {
+void append_value(SecretString& out, std::string_view value) {
   const bool quoted = needs_quotes(value);
   const char quote = value.find('\'') == std::string_view::npos ? '\'' : '"';
   if (quoted) out += quote;
@@ -87,7 +84,7 @@ void append_value(std::string& out, std::string_view value) {
   if (quoted) out += quote;
 }
 
-void append_setting(std::string& out, const KeyEdit& edit, std::string_view tail) {
+void append_setting(SecretString& out, const KeyEdit& edit, std::string_view tail) {
   out.append(edit.key).append("=");
   append_value(out, *edit.value);
   // A comment may follow a closing quote directly, but not a bare value.
@@ -123,17 +120,13 @@ class PendingEdits {
     return nullptr;
   }
 
-  void append_rest(std::string& out, std::string_view ending) const {
+  // Adds lines, with the given line end, for the values that no line has taken.
+  void append_rest(SecretString& out, std::string_view ending) const {
     for (std::size_t i = 0; i < edits_.size(); ++i) {
-      if (edits_[i].value && !done_[i]) append_setting(out, edits_[i], ending);
+      if (!edits_[i].value || done_[i]) continue;
+      if (!out.ends_with('\n')) out += '\n';  // the text's last line may lack its end
+      append_setting(out, edits_[i], ending);
     }
-  }
-
-  [[nodiscard]] bool rest_to_write() const {
-    for (std::size_t i = 0; i < edits_.size(); ++i) {
-      if (edits_[i].value && !done_[i]) return true;
-    }
-    return false;
   }
 
  private:
@@ -141,11 +134,19 @@ class PendingEdits {
   std::vector<bool> done_;
 };
 
-std::string edit_section(const std::vector<Line>& lines, const Extent& extent, std::string out,
-                         std::span<const KeyEdit> edits) {
+// After which line of the section new settings go: its last setting, or its header.
+std::size_t insertion_line(const std::vector<Line>& lines, const Extent& extent) {
+  std::size_t last = extent.begin;
+  for (std::size_t i = extent.begin; i < extent.end; ++i) {
+    if (!key_of(lines[i]).empty()) last = i;
+  }
+  return last;
+}
+
+void edit_section(const std::vector<Line>& lines, const Extent& extent,
+                  std::span<const KeyEdit> edits, SecretString& out) {
   PendingEdits pending(edits);
-  std::size_t insert_at = 0;  // in `out`, behind the section's last key line
-  std::string_view ending = "\n";
+  const std::size_t insert_after = insertion_line(lines, extent);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const Line& line = lines[i];
     const bool inside = i >= extent.begin && i < extent.end;
@@ -156,44 +157,38 @@ std::string edit_section(const std::vector<Line>& lines, const Extent& extent, s
     } else if (edit->value) {
       append_setting(out, *edit, tail_of(line));
     }
-    if (i == extent.begin || !key.empty()) {
-      insert_at = out.size();
-      ending = line_ending(line.raw);
-    }
-    if (i + 1 == extent.end && pending.rest_to_write()) {
-      if (!std::string_view(out).substr(0, insert_at).ends_with('\n'))
-        out.insert(insert_at++, "\n");
-      // Written behind everything and turned into place: a copy might be one of the password.
-      const auto end = static_cast<std::ptrdiff_t>(out.size());
-      pending.append_rest(out, ending);
-      std::rotate(out.begin() + static_cast<std::ptrdiff_t>(insert_at), out.begin() + end,
-                  out.end());
-    }
+    // No line of the section takes an edit after this one, so what is left is new.
+    if (i == insert_after) pending.append_rest(out, line_ending(line.raw));
   }
-  return out;
 }
 
 }  // namespace
 
-std::string quote_value(std::string_view value) {
-  std::string out;
+bool check_stored_value(std::string_view text) {
+  if (text.empty() || text.size() > kMaxStoredValue) return false;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) return false;
+  }
+  // All other white space is a control character.
+  return text.front() != ' ' && text.back() != ' ';
+}
+
+SecretString quote_value(std::string_view value) {
+  SecretString out;
   append_value(out, value);
   return out;
 }
 
-std::optional<std::string> set_keys(std::string_view text, std::string_view section,
-                                    std::span<const KeyEdit> edits) {
+std::optional<SecretString> set_keys(std::string_view text, std::string_view section,
+                                     std::span<const KeyEdit> edits) {
   if (!writable(section, edits)) return std::nullopt;
-  std::size_t room = text.size() + section.size() + 8;
-  for (const KeyEdit& edit : edits) {
-    room += edit.key.size() + 2 * (edit.value ? edit.value->size() : 0) + 8;
-  }
-  // Reserved at once: a text that grows leaves copies of itself, and the file may hold a password.
-  std::string out;
-  out.reserve(room);
+  SecretString out;
+  out.reserve(text.size() + 1024);  // enough for most changes; growing wipes what it leaves
   const std::vector<Line> lines = split_lines(text);
   if (const std::optional<Extent> extent = find_section(lines, section)) {
-    return edit_section(lines, *extent, std::move(out), edits);
+    edit_section(lines, *extent, edits, out);
+    return out;
   }
   out.append(text);
   if (!text.empty()) out.append(text.ends_with('\n') ? "\n" : "\n\n");
@@ -202,22 +197,16 @@ std::optional<std::string> set_keys(std::string_view text, std::string_view sect
   return out;
 }
 
-std::optional<std::string> remove_section(std::string_view text, std::string_view section) {
+std::optional<SecretString> remove_section(std::string_view text, std::string_view section) {
   const std::vector<Line> lines = split_lines(text);
   const std::optional<Extent> extent = find_section(lines, section);
   if (!extent) return std::nullopt;
-  std::string out;
+  SecretString out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (i < extent->begin || i >= extent->end) out.append(lines[i].raw);
   }
   return out;
-}
-
-EntityTag entity_tag(std::string_view text) {
-  EntityTag tag;
-  tag.set_truncated("\"" + std::string(to_hex(sha256(text)).view()) + "\"");
-  return tag;
 }
 
 }  // namespace orv

@@ -1,4 +1,4 @@
-// Edits of the configuration file's text. Every byte that an edit does not mean stays as it was:
+// Edits of the configuration file's text. Every byte that an edit does not concern stays as it was:
 // comments, blank lines, spacing, line endings, a missing final newline.
 #ifndef ORV_API_CONFIG_TEXT_H_
 #define ORV_API_CONFIG_TEXT_H_
@@ -9,35 +9,34 @@
 #include <string>
 #include <string_view>
 
-#include "common/fixed_text.h"
+#include "common/secret.h"
 
 namespace orv {
 
-inline constexpr std::size_t kMaxConfigFile = 1048576;  // bytes; what is larger is not read
+// What may stand as a value in the file: 1..kMaxStoredValue bytes, no white space at either end, no
+// control character.
+inline constexpr std::size_t kMaxStoredValue = 1023;
+[[nodiscard]] bool check_stored_value(std::string_view text);
 
-// One setting to be made in a section; without a value its line is removed.
+// One setting to be made in a section; without a value its lines are removed.
 struct KeyEdit {
   std::string key;
-  std::optional<std::string> value;
+  std::optional<SecretString> value;  // may be the SMTP password
 };
 
 // Sets the keys of `section` (the first of that name), adding lines for those it does not have and
 // the section itself when the text has none. Nothing when a key, a value or the section's name
 // cannot be written in the file's syntax.
-[[nodiscard]] std::optional<std::string> set_keys(std::string_view text, std::string_view section,
-                                                  std::span<const KeyEdit> edits);
+[[nodiscard]] std::optional<SecretString> set_keys(std::string_view text, std::string_view section,
+                                                   std::span<const KeyEdit> edits);
 
 // The text without the section's header and every line up to the next header. Nothing when there is
 // no such section.
-[[nodiscard]] std::optional<std::string> remove_section(std::string_view text,
-                                                        std::string_view section);
+[[nodiscard]] std::optional<SecretString> remove_section(std::string_view text,
+                                                         std::string_view section);
 
 // The value in the file's syntax: as it is, or between quotes when it would not read back.
-[[nodiscard]] std::string quote_value(std::string_view value);
-
-// The SHA-256 of the text's bytes, lower-case hexadecimal, in double quotes.
-using EntityTag = FixedText<66>;
-[[nodiscard]] EntityTag entity_tag(std::string_view text);
+[[nodiscard]] SecretString quote_value(std::string_view value);
 
 }  // namespace orv
 

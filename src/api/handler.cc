@@ -3,6 +3,7 @@
 #include <ctime>
 #include <new>
 
+#include "api/router.h"
 #include "common/log.h"
 
 namespace orv {
@@ -58,7 +59,7 @@ void answer(ApiContext& context, std::int64_t now, const ApiRequest& request,
     log_msg(LogLevel::Info, "orv_sched API: token '%s' from %s: %s %s", token.name.c_str(),
             request.client.c_str(), request.method.c_str(), request.path.c_str());
   try {
-    api_route(context, {request, token.name.view(), token.role, now});
+    api_route(context.live, context.reply, {request, token.name.view(), token.role, now});
   } catch (const std::bad_alloc&) {
     reply_error(context.reply, 500, "internal", "out of memory");
   }

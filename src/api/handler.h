@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "api/auth.h"
 #include "api/reply.h"
@@ -29,24 +28,12 @@ struct ApiContext {
   ApiReply reply;
 };
 
-// One authenticated request on its way through the router.
-struct RoutedRequest {
-  const ApiRequest& http;
-  std::string_view token_name;
-  TokenRole role;
-  std::int64_t now;  // Unix seconds
-};
-
 // An ApiHandler; `context` is an ApiContext. Answers one request at the current time. The
 // response's body lies in the context's reply buffer. Whatever happens, a response is made.
 void api_handle_request(void* context, const ApiRequest& request, ApiResponse& response);
 // The same at the time `now`.
 void api_handle_request_at(ApiContext& context, std::int64_t now, const ApiRequest& request,
                            ApiResponse& response);
-
-// Decides which operation a request names, applies the rules common to all, and runs it; the reply
-// is left in context.reply.
-void api_route(ApiContext& context, const RoutedRequest& request);
 
 }  // namespace orv
 

@@ -16,7 +16,7 @@ constexpr std::size_t kMaxCommandName = 63;       // bytes
 constexpr std::int64_t kMaxTimeout = 10'000'000;  // seconds
 
 bool read_command(ApiReply& reply, const JsonValue& object, const BodyField& field,
-                  std::optional<std::string>& value) {
+                  std::optional<SecretString>& value) {
   if (!read_text_value(reply, object, field, value)) return false;
   JobCommand command = JobCommand::Agent;
   if (!value || parse_command(*value, command) == 0) return true;
@@ -30,7 +30,7 @@ bool is_list_name(std::optional<std::string_view> name) {
 }
 
 bool read_after(ApiReply& reply, const JsonValue& object, const BodyField& field,
-                std::optional<std::string>& value) {
+                std::optional<SecretString>& value) {
   const JsonValue* list = json_member(&object, field.name);
   if (json_kind(list) == JsonKind::Null) return true;
   if (json_kind(list) != JsonKind::Array || json_size(list) > kMaxAfter) {
@@ -38,7 +38,7 @@ bool read_after(ApiReply& reply, const JsonValue& object, const BodyField& field
                 static_cast<int>(kMaxAfter));
     return false;
   }
-  std::string names;
+  SecretString names;
   for (std::size_t i = 0; i < json_size(list); ++i) {
     const std::optional<std::string_view> name = json_string(json_element(list, i));
     if (!is_list_name(name)) {
@@ -94,7 +94,7 @@ bool is_reserved_section(std::string_view name) {
 
 std::span<const BodyField> job_body_fields() { return kJobFields; }
 
-bool check_api_job_name(std::string_view name) {
+bool is_api_job_name(std::string_view name) {
   if (name.empty() || name.size() > kMaxApiJobName || is_reserved_section(name)) return false;
   return is_alphanumeric(name.front()) && std::all_of(name.begin(), name.end(), [](char c) {
            return is_alphanumeric(c) || c == '.' || c == '_' || c == '-';

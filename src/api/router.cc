@@ -1,3 +1,5 @@
+#include "api/router.h"
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -6,7 +8,6 @@
 #include <string_view>
 
 #include "api/endpoints.h"
-#include "api/handler.h"
 #include "common/text.h"
 
 namespace orv {
@@ -163,11 +164,6 @@ bool read_page_query(ApiCall& call, const char* count_name) {
 }
 
 // Each of the checks below replies with its error and returns false when it is not passed.
-bool refuse(ApiCall& call, std::uint32_t status, const char* code, const char* message) {
-  reply_error(call.reply, status, code, "%s", message);
-  return false;
-}
-
 bool check_method(ApiCall& call, const RouteRow& row) {
   const ApiRequest& http = call.request.http;
   if (http.method == row.method) return true;
@@ -231,19 +227,9 @@ void route(ApiCall& call) {
 
 }  // namespace
 
-void reply_no_job(ApiCall& call) {
-  reply_error(call.reply, 404, "not_found", "no job named '%s'", call.variables[0].c_str());
-}
-
-void write_config_etag(ApiReply& reply, const EntityTag& etag) {
-  reply.json.key("config_etag");
-  reply.json.string(etag.view());
-  reply.etag.set_truncated(etag.view());
-}
-
-void api_route(ApiContext& context, const RoutedRequest& request) {
-  context.reply.reset();
-  ApiCall call{context.live, context.reply, request, {}, {}};
+void api_route(LiveState& live, ApiReply& reply, const RoutedRequest& request) {
+  reply.reset();
+  ApiCall call{live, reply, request, {}, {}};
   route(call);
 }
 

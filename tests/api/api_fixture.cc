@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "api/config_text.h"
 #include "common/text.h"
+#include "config/snapshot.h"
 
 namespace orv::test {
 
@@ -64,10 +64,8 @@ Answer ApiFixture::send(std::string_view method, std::string_view path, std::str
   http.if_match.set_truncated(if_match);
   http.client.set_truncated("192.0.2.7");
   http.body = body;
-  context.reply.reset();
-  api_route(context, {http, "ops", role, kNow});
+  api_route(live, reply, {http, "ops", role, kNow});
 
-  const ApiReply& reply = context.reply;
   Answer answer{reply.status, std::string(reply.body), std::string(reply.etag.view()), nullptr};
   std::unique_ptr<JsonValue> root;
   char err[256] = "";

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/handler.h"
+#include "api/router.h"
 #include "common/scoped_fd.h"
 #include "json/json.h"
 #include "support/support.h"
@@ -57,7 +57,7 @@ class ApiFixture : public ::testing::Test {
 
   TempDir dir;
   LiveState live;
-  ApiContext context{live};
+  ApiReply reply;
   ScopedFd network_end;
 };
 

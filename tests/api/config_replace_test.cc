@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "api/config_history.h"
 #include "config/config.h"
 #include "support/support.h"
 
@@ -96,7 +97,7 @@ class ConfigReplace : public ::testing::Test {
   ConfigReplace() : path_(dir_.write("cfg", kOld, 0640)) {}
   ReplaceResult replace(std::string_view text, std::uint32_t keep, bool validate_only = false) {
     err_.fill('\0');
-    return replace_config(path_, text, history_directory(path_), keep, validate_only, kNow, err_);
+    return replace_config({path_, text, keep, validate_only, kNow}, proved_, err_);
   }
   // The names below the directory, apart from the configuration's own.
   [[nodiscard]] std::string others() const {
@@ -117,6 +118,7 @@ class ConfigReplace : public ::testing::Test {
 
   TempDir dir_;
   std::string path_;
+  std::shared_ptr<const Config> proved_;
   std::array<char, kConfigMessageSize> err_{};
 };
 

@@ -7,7 +7,6 @@
 #include <random>
 #include <vector>
 
-#include "api/reply.h"
 #include "config/config.h"
 
 namespace orv {
@@ -15,7 +14,7 @@ namespace {
 
 std::string edited(std::string_view text, const std::vector<KeyEdit>& edits,
                    std::string_view section = "a") {
-  return set_keys(text, section, edits).value_or("(refused)");
+  return std::string(set_keys(text, section, edits).value_or("(refused)"));
 }
 
 TEST(ConfigText, ChangesTheLinesOfTheKeysAndNothingElse) {
@@ -54,7 +53,7 @@ TEST(ConfigText, RefusesWhatTheFileCannotHold) {
   }
   for (const std::string& value : {std::string(), std::string("v "), std::string(" v"),
                                    std::string("a\nb"), std::string(1024, 'v')}) {
-    EXPECT_EQ(edited("[a]\n", {{"k", value}}), "(refused)") << value;
+    EXPECT_EQ(edited("[a]\n", {{"k", SecretString(value)}}), "(refused)") << value;
   }
   for (const char* section : {"", "a]", "[a", " a", "a\n"}) {
     EXPECT_EQ(edited("[a]\n", {{"k", "v"}}, section), "(refused)") << section;
@@ -67,8 +66,6 @@ TEST(ConfigText, RemovesASectionUpToTheNextHeader) {
   EXPECT_EQ(remove_section(text, "b"), "# top\n[a]\nk=1\n# tail of a\n[a]\nk=3");
   EXPECT_EQ(remove_section("[a]\nk=1", "a"), "");
   EXPECT_EQ(remove_section(text, "k"), std::nullopt);
-  EXPECT_EQ(entity_tag("abc").view(),
-            "\"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\"");
 }
 
 // Any allowed value reads back from any kind of line as it was set, and setting it leaves no trace
@@ -91,7 +88,7 @@ TEST(ConfigText, EveryValueReadsBackAsItWasSet) {
     ++tried;
     const std::string old_line = kOldLines[random() % std::size(kOldLines)];
     const std::string text = "# top\n\n[a] # [b]\nonce=1\n" + old_line;
-    const std::string set = edited(text, {{"profile", value}});
+    const std::string set = edited(text, {{"profile", SecretString(value)}});
     Config config;
     std::array<char, kConfigMessageSize> err{};
     ASSERT_EQ(config_parse(set, "cfg", config, err), 0) << err.data() << " in\n" << set;

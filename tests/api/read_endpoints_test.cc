@@ -1,10 +1,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "api/config_text.h"
 #include "api/log_chunk.h"
-#include "api/snapshot.h"
 #include "api_fixture.h"
+#include "config/snapshot.h"
 #include "sched/job_log.h"
 #include "sched/queue_file.h"
 
@@ -137,19 +136,19 @@ TEST_F(ReadEndpoints, SaysWhyTheConfigurationCannotBeRead) {
 TEST(Snapshot, GivesUpOnAFileThatKeepsChanging) {
   static int reads;
   static int stable_after;
-  const ConfigReader changing = [](const std::string&, SecretBytes& out) {
-    out = SecretBytes("# " + std::to_string(std::min(++reads, stable_after)) + "\n");
+  const ConfigReader changing = [](const std::string&, SecretString& out) {
+    out = "# " + std::to_string(std::min(++reads, stable_after)) + "\n";
     return true;
   };
-  ConfigSnapshot snapshot;
   char err[256] = "";
   reads = 0;
   stable_after = 3;
-  EXPECT_EQ(take_snapshot("c", snapshot, err, changing), 0);
-  EXPECT_EQ(snapshot.etag, entity_tag("# 3\n"));
+  const SnapshotPtr snapshot = take_snapshot("c", err, changing);
+  ASSERT_NE(snapshot, nullptr) << err;
+  EXPECT_EQ(snapshot->etag, entity_tag("# 3\n"));
   reads = 0;
   stable_after = 1000;
-  EXPECT_EQ(take_snapshot("c", snapshot, err, changing), -1);
+  EXPECT_EQ(take_snapshot("c", err, changing), nullptr);
   EXPECT_STREQ(err, "c keeps changing");
   EXPECT_EQ(reads, 6);
 }

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "api/body_fields.h"
+
 namespace orv {
 namespace {
 
@@ -44,60 +46,38 @@ TEST_F(Reply, TheLargestBodyLeavesRoomForTheTerminator) {
   expect_error(500, "internal", "response too large");
 }
 
-TEST_F(Reply, ABodyMustBeAJsonObject) {
-  const std::pair<std::string, const char*> cases[] = {
-      {"", "a JSON body is required"},
-      {"[]", "the body must be a JSON object"},
-      {R"({"a":1,"a":2})", "duplicate key at byte 12"},
-      {"{}" + std::string(32767, ' '), "document too large"}};
-  for (const auto& [body, message] : cases) {
-    EXPECT_EQ(read_body_object(reply_, body), nullptr);
-    expect_error(400, "invalid_json", message);
-  }
-}
-
-TEST_F(Reply, OnlyListedFieldsPass) {
-  const std::string long_name(101, 'n');
-  EXPECT_TRUE(only_known_fields(reply_, *object(R"({"to":1,"timeout":2})"), "to timeout"));
-  for (const std::string& key : {std::string("out"), std::string("to timeout"), std::string(),
-                                 std::string("To"), std::string("time"), long_name}) {
-    const auto root = object("{\"to\":1,\"" + key + "\":0}");
-    EXPECT_FALSE(only_known_fields(reply_, *root, "to timeout " + long_name));
-    expect_error(400, "unknown_field", "unknown field '" + key.substr(0, 100) + "'");
-  }
-}
-
-TEST_F(Reply, StringFields) {
+TEST_F(Reply, TextFields) {
+  constexpr BodyField kField{"f", "f", read_text_value, 5};
   const std::string rule =
       "'f' must be 1..5 characters without control characters or leading/trailing spaces";
-  std::string out;
-  for (const auto& [body, value] : {std::pair("{}", ""), std::pair(R"({"f":null})", ""),
-                                    std::pair(R"({"f":"a \u00e9"})", "a \xc3\xa9")}) {
-    out = "old";
-    EXPECT_TRUE(read_string_field(reply_, *object(body), "f", 5, out)) << body;
-    EXPECT_EQ(out, value);
-  }
+  const auto read = [&](const std::string& body, std::optional<SecretString>& value) {
+    return read_text_value(reply_, *object(body), kField, value);
+  };
+  std::optional<SecretString> value;
+  EXPECT_TRUE(read(R"({"f":null})", value));
+  EXPECT_FALSE(value);
+  EXPECT_TRUE(read(R"({"f":"a \u00e9"})", value));
+  EXPECT_EQ(value, "a \xc3\xa9");
   for (const char* text : {"123456", "", " a", "a ", "a\\tb", "a\\u007f"}) {
-    const auto root = object(std::string(R"({"f":")") + text + "\"}");
-    EXPECT_FALSE(read_string_field(reply_, *root, "f", 5, out)) << text;
+    EXPECT_FALSE(read(std::string(R"({"f":")") + text + "\"}", value)) << text;
     expect_error(400, "invalid_value", rule);
   }
-  EXPECT_FALSE(read_string_field(reply_, *object(R"({"f":7})"), "f", 5, out));
+  EXPECT_FALSE(read(R"({"f":7})", value));
   expect_error(400, "invalid_value", "'f' must be a string or null");
   EXPECT_FALSE(check_stored_value(std::string(1024, 'a')));
 }
 
-TEST_F(Reply, IntegerFields) {
-  std::int64_t out = 7;
-  for (const auto& [body, value] : {std::pair("{}", -1), std::pair(R"({"f":null})", -1),
-                                    std::pair(R"({"f":0})", 0), std::pair(R"({"f":90})", 90)}) {
-    EXPECT_TRUE(read_integer_field(reply_, *object(body), "f", 90, out)) << body;
-    EXPECT_EQ(out, value);
+TEST_F(Reply, NumberFields) {
+  constexpr BodyField kField{"f", "f", read_number_value, 90};
+  std::optional<SecretString> value;
+  for (const auto& [text, expected] : {std::pair("0", "0"), std::pair("90", "90")}) {
+    EXPECT_TRUE(
+        read_number_value(reply_, *object(std::string("{\"f\":") + text + "}"), kField, value));
+    EXPECT_EQ(value, expected);
   }
   for (const char* text : {"91", "-1", "5.0", "\"5\"", "true"}) {
     const auto root = object(std::string("{\"f\":") + text + "}");
-    EXPECT_FALSE(read_integer_field(reply_, *root, "f", 90, out)) << text;
-    EXPECT_EQ(out, -1);
+    EXPECT_FALSE(read_number_value(reply_, *root, kField, value)) << text;
     expect_error(400, "invalid_value", "'f' must be an integer 0..90 or null");
   }
 }

@@ -1,4 +1,4 @@
-// The endpoints that change the [sched] and [mail] sections.
+// The endpoints that show and change the [sched] and [mail] sections.
 #include <algorithm>
 #include <optional>
 #include <string>
@@ -8,7 +8,6 @@
 #include "api/body_fields.h"
 #include "api/commit.h"
 #include "api/endpoints.h"
-#include "api/snapshot.h"
 #include "common/mail_address.h"
 #include "config/config.h"
 
@@ -29,7 +28,7 @@ constexpr BodyField kSchedFields[] = {
 
 // The loader takes no 0 for these: it is how a client says "not set".
 bool read_number_but_zero(ApiReply& reply, const JsonValue& object, const BodyField& field,
-                          std::optional<std::string>& value) {
+                          std::optional<SecretString>& value) {
   if (!read_number_value(reply, object, field, value)) return false;
   if (value == "0") value.reset();
   return true;
@@ -37,7 +36,7 @@ bool read_number_but_zero(ApiReply& reply, const JsonValue& object, const BodyFi
 
 // A reference would let a client have the daemon, which is root, read any file into the mail login.
 bool read_password(ApiReply& reply, const JsonValue& object, const BodyField& field,
-                   std::optional<std::string>& value) {
+                   std::optional<SecretString>& value) {
   if (!read_text_value(reply, object, field, value)) return false;
   if (!value || (!value->starts_with("file:") && !value->starts_with("kms:"))) return true;
   reply_error(reply, 403, "forbidden",
@@ -46,7 +45,7 @@ bool read_password(ApiReply& reply, const JsonValue& object, const BodyField& fi
 }
 
 bool read_recipients(ApiReply& reply, const JsonValue& object, const BodyField& field,
-                     std::optional<std::string>& value) {
+                     std::optional<SecretString>& value) {
   const JsonValue* list = json_member(&object, field.name);
   if (json_kind(list) == JsonKind::Null) return true;
   const std::size_t count = json_size(list);
@@ -55,7 +54,7 @@ bool read_recipients(ApiReply& reply, const JsonValue& object, const BodyField& 
                 static_cast<int>(kMaxRecipients));
     return false;
   }
-  std::string addresses;
+  SecretString addresses;
   for (std::size_t i = 0; i < count; ++i) {
     const std::optional<std::string_view> address = json_string(json_element(list, i));
     if (!address || !check_mail_address(*address)) {
@@ -85,79 +84,90 @@ constexpr BodyField kMailFields[] = {
 };
 // clang-format on
 
-// The settings read from a body; one of them may be the password.
-struct EditList {
-  EditList() = default;
-  EditList(const EditList&) = delete;
-  EditList& operator=(const EditList&) = delete;
-  ~EditList() {
-    for (KeyEdit& edit : edits) {
-      if (edit.value) wipe_text(*edit.value);
-    }
-  }
-  std::vector<KeyEdit> edits;
-};
+void write_mail(JsonWriter& json, const MailSection& mail) {
+  json.begin_object();
+  json.text_member("smtp_host", mail.smtp_host.view());
+  json.integer_member("smtp_port", mail.smtp_port);
+  json.text_member("tls", tls_mode_name(mail.tls));
+  json.text_member("smtp_user", mail.smtp_user.view());
+  json.boolean_member("smtp_password_set", mail.smtp_password_set);
+  const char* const source = mail.smtp_password_kind == SecretKind::File ? "file" : "literal";
+  json.text_member("smtp_password_source", mail.smtp_password_set ? source : "");
+  json.text_member("from", mail.from.view());
+  json.key("to");
+  json.begin_array();
+  for (const auto& address : mail.to) json.string(address.view());
+  json.end_array();
+  json.text_member("ca_file", mail.ca_file.view());
+  json.integer_member("timeout_seconds", mail.timeout_s);
+  json.text_member("notify", notify_name(mail.notify));
+  json.end_object();
+}
 
 bool has_value(const std::vector<KeyEdit>& edits, std::string_view key) {
-  return std::any_of(edits.begin(), edits.end(), [key](const KeyEdit& edit) {
-    return edit.key == key && edit.value.has_value();
-  });
+  return std::ranges::any_of(
+      edits, [key](const KeyEdit& edit) { return edit.key == key && edit.value.has_value(); });
 }
 
-// Takes the snapshot that the change starts from and checks the client's tag against it.
-bool begin_change(ApiCall& call, ConfigSnapshot& snapshot) {
-  return take_snapshot_or_reply(call.live.config_path, call.reply, snapshot) &&
-         check_if_match(call, snapshot);
-}
-
-void commit_settings(ApiCall& call, const ConfigSnapshot& snapshot, std::optional<std::string> text,
+void commit_settings(ApiCall& call, const ConfigSnapshot& before, SecretString text,
                      std::string_view description) {
-  if (!text) {
-    reply_error(call.reply, 400, "invalid_value", "cannot write the values");
-    return;
-  }
-  DraftText draft;
-  draft.text = std::move(*text);
-  EntityTag etag;
-  if (commit_change(call, snapshot, draft, description, etag)) reply_changed(call, etag);
+  const SnapshotPtr after = commit_change(call, before, std::move(text), description);
+  if (after) reply_changed(call, after->etag);
 }
 
 void remove_mail(ApiCall& call) {
-  ConfigSnapshot snapshot;
-  if (!begin_change(call, snapshot)) return;
-  std::optional<std::string> text = remove_section(snapshot.text.view(), "mail");
+  const SnapshotPtr before = begin_change(call);
+  if (!before) return;
+  std::optional<SecretString> text = remove_section(before->text, "mail");
   if (!text) {
-    reply_error(call.reply, 404, "not_found", "there is no [mail] section");
+    (void)refuse(call, 404, "not_found", "there is no [mail] section");
     return;
   }
-  commit_settings(call, snapshot, std::move(text), "removed [mail]");
+  commit_settings(call, *before, std::move(*text), "removed [mail]");
 }
 
 void set_mail(ApiCall& call, const JsonValue& mail) {
-  if (!only_known_fields(call.reply, mail, field_names(kMailFields))) return;
-  ConfigSnapshot snapshot;
-  if (!begin_change(call, snapshot)) return;
-  EditList list;
-  if (!read_body_fields(call.reply, mail, kMailFields, list.edits)) return;
-  if (!has_value(list.edits, "smtp-host") || !has_value(list.edits, "from") ||
-      !has_value(list.edits, "to")) {
-    reply_error(call.reply, 400, "invalid_value", "'smtp_host', 'from' and 'to' are required");
+  if (!only_known_fields(call.reply, mail, kMailFields)) return;
+  const SnapshotPtr before = begin_change(call);
+  if (!before) return;
+  std::vector<KeyEdit> edits;
+  if (!read_body_fields(call.reply, mail, kMailFields, edits)) return;
+  if (!has_value(edits, "smtp-host") || !has_value(edits, "from") || !has_value(edits, "to")) {
+    (void)refuse(call, 400, "invalid_value", "'smtp_host', 'from' and 'to' are required");
     return;
   }
-  std::optional<std::string> text = set_keys(snapshot.text.view(), "mail", list.edits);
-  if (!text) {
-    reply_error(call.reply, 400, "invalid_value",
-                "a value cannot be written to the configuration file");
+  std::optional<SecretString> text = set_keys(before->text, "mail", edits);
+  if (!text) {  // sixteen long addresses in one line, say
+    (void)refuse(call, 400, "invalid_value", "a value cannot be written to the configuration file");
     return;
   }
-  commit_settings(call, snapshot, std::move(text), "updated [mail]");
+  commit_settings(call, *before, std::move(*text), "updated [mail]");
 }
 
 }  // namespace
 
+void get_sched_settings(ApiCall& call) {
+  const SnapshotPtr snapshot = snapshot_of(call);
+  if (!snapshot) return;
+  const SchedSection& sched = snapshot->config->sched;
+  JsonWriter& json = call.reply.json;
+  json.begin_object();
+  write_config_etag(call.reply, snapshot->etag);
+  json.key("sched");
+  json.begin_object();
+  json.integer_member("poll_interval", sched.poll_interval_s, sched.poll_interval_s != 0);
+  json.integer_member("busy_retry_seconds", sched.busy_retry_s, sched.busy_retry_s != 0);
+  json.integer_member("job_timeout_seconds", sched.job_timeout_s, sched.job_timeout_s != 0);
+  json.integer_member("job_log_keep", sched.job_log_keep, sched.job_log_keep != 0);
+  json.text_member("job_log_dir", sched.job_log_dir.view());
+  json.end_object();
+  json.end_object();
+  reply_finish(call.reply, 200);
+}
+
 void put_sched_settings(ApiCall& call) {
   const auto body = read_body_object(call.reply, call.request.http.body);
-  if (!body || !only_known_fields(call.reply, *body, "sched")) return;
+  if (!body || !only_known_fields(call.reply, *body, {}, "sched")) return;
   const JsonValue* sched = json_member(body.get(), "sched");
   if (json_kind(sched) != JsonKind::Object) {
     reply_error(call.reply, 400, "invalid_value", "body must be {\"sched\": {...}}");
@@ -167,18 +177,38 @@ void put_sched_settings(ApiCall& call) {
     reply_error(call.reply, 403, "read_only", "job_log_dir cannot be changed through the API");
     return;
   }
-  if (!only_known_fields(call.reply, *sched, field_names(kSchedFields))) return;
-  ConfigSnapshot snapshot;
-  if (!begin_change(call, snapshot)) return;
+  if (!only_known_fields(call.reply, *sched, kSchedFields)) return;
+  const SnapshotPtr before = begin_change(call);
+  if (!before) return;
   std::vector<KeyEdit> edits;
   if (!read_body_fields(call.reply, *sched, kSchedFields, edits)) return;
-  commit_settings(call, snapshot, set_keys(snapshot.text.view(), "sched", edits),
-                  "updated [sched]");
+  std::optional<SecretString> text = set_keys(before->text, "sched", edits);
+  if (!text) {
+    (void)refuse(call, 400, "invalid_value", "cannot write the values");
+    return;
+  }
+  commit_settings(call, *before, std::move(*text), "updated [sched]");
+}
+
+void get_mail_settings(ApiCall& call) {
+  const SnapshotPtr snapshot = snapshot_of(call);
+  if (!snapshot) return;
+  JsonWriter& json = call.reply.json;
+  json.begin_object();
+  write_config_etag(call.reply, snapshot->etag);
+  json.key("mail");
+  if (snapshot->config->mail.present) {
+    write_mail(json, snapshot->config->mail);
+  } else {
+    json.null();
+  }
+  json.end_object();
+  reply_finish(call.reply, 200);
 }
 
 void put_mail_settings(ApiCall& call) {
   const auto body = read_body_object(call.reply, call.request.http.body);
-  if (!body || !only_known_fields(call.reply, *body, "mail")) return;
+  if (!body || !only_known_fields(call.reply, *body, {}, "mail")) return;
   const JsonValue* mail = json_member(body.get(), "mail");
   if (mail != nullptr && mail->kind == JsonKind::Null) {
     remove_mail(call);
