@@ -2,7 +2,7 @@
 # ORV_NETWORK_LIBRARIES when all of it is there, and makes orv_asio: Boost.Asio and Beast over
 # OpenSSL's libssl.
 find_package(Threads QUIET)
-find_package(CURL 7.87 QUIET)
+find_package(CURL 7.88 QUIET)
 find_package(OpenSSL 3.0 QUIET COMPONENTS Crypto SSL)
 find_path(ORV_BEAST_HEADERS boost/beast/http/parser.hpp)
 pkg_check_modules(SECCOMP QUIET IMPORTED_TARGET libseccomp)
@@ -12,7 +12,7 @@ if(NOT ORV_BEAST_HEADERS)
   list(APPEND ORV_NETWORK_MISSING "Boost headers (libboost-dev)")
 endif()
 if(NOT CURL_FOUND)
-  list(APPEND ORV_NETWORK_MISSING "libcurl 7.87 (libcurl4-openssl-dev)")
+  list(APPEND ORV_NETWORK_MISSING "libcurl 7.88 (libcurl4-openssl-dev)")
 endif()
 if(NOT TARGET OpenSSL::SSL)
   list(APPEND ORV_NETWORK_MISSING "OpenSSL's libssl (libssl-dev)")

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
+
+#include "common/text.h"
+#include "common/utf8.h"
 
 namespace orv {
 namespace {
@@ -18,27 +20,9 @@ unsigned char byte_at(std::string_view text, std::size_t at) {
   return static_cast<unsigned char>(text[at]);
 }
 
-// The length of the well-formed UTF-8 sequence that `text` begins with; 0 when it begins with none.
-std::size_t utf8_length(std::string_view text) {
-  const unsigned char lead = byte_at(text, 0);
-  if (lead < 0x80) return 1;
-  const std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
-                             : lead >= 0xE0 && lead <= 0xEF ? 3
-                             : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                            : 0;
-  if (length == 0 || text.size() < length) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte_at(text, i) & 0xC0) != 0x80) return 0;
-  }
-  const unsigned char second = byte_at(text, 1);
-  const bool overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
-  const bool beyond = (lead == 0xED && second > 0x9F) || (lead == 0xF4 && second > 0x8F);
-  return overlong || beyond ? 0 : length;
-}
-
 // Takes the next character off `rest`; what is not UTF-8 gives the replacement character.
 std::string_view next_character(std::string_view& rest) {
-  const std::size_t length = utf8_length(rest);
+  const std::size_t length = utf8_sequence(rest);
   const std::string_view character = length == 0 ? kReplacement : rest.substr(0, length);
   rest.remove_prefix(std::max<std::size_t>(length, 1));
   return character;
@@ -183,9 +167,8 @@ void append_quoted_line(std::string& out, std::string_view line) {
     }
     std::string quoted;  // a character is never split between two lines
     for (const char byte : character) {
-      char hex[4];
-      (void)std::snprintf(hex, sizeof hex, "=%02X", static_cast<unsigned char>(byte));  // fits
-      quoted += hex;
+      const auto value = static_cast<unsigned char>(byte);
+      quoted += {'=', kUpperHexDigits[value >> 4], kUpperHexDigits[value & 15]};
     }
     put(quoted);
   }
@@ -202,7 +185,7 @@ std::string mail_message_text(const MailMessage& mail) {
   out += "From: <" + from + ">\r\n";
   out += "To: ";
   for (std::size_t i = 0; i < mail.recipients.size(); ++i) {
-    out += (i == 0 ? "<" : ",\r\n <") + clean_line(mail.recipients[i].view()) + ">";
+    out += (i == 0 ? "<" : ",\r\n <") + clean_line(mail.recipients[i]) + ">";
   }
   out += "\r\n";
   append_subject(out, mail.subject);

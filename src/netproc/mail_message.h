@@ -9,14 +9,11 @@
 #include <string>
 #include <string_view>
 
-#include "common/fixed_text.h"
-#include "common/mail_address.h"
-
 namespace orv {
 
 struct MailMessage {
-  std::string_view from;                                   // plain addresses, already checked
-  std::span<const FixedText<kMaxMailAddress>> recipients;  // 1 or more
+  std::string_view from;                    // plain addresses, already checked
+  std::span<const std::string> recipients;  // 1 or more
   std::string_view subject;
   std::string_view body;       // any line ends
   std::string_view unique_id;  // left half of the Message-ID: letters, digits and dots

@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <cstdio>
+#include <system_error>
 #include <utility>
 
 #include "netproc/mail_message.h"
@@ -25,20 +26,30 @@ void MailQueue::set_settings(std::shared_ptr<const IpcMailConfig> settings, std:
   no_settings_reason_ = std::move(reason);
 }
 
+// What keeps the mail from being queued; empty when it was. Needs the lock.
+std::string MailQueue::enqueue(QueuedMail mail) {
+  if (mails_.size() >= kMaxQueuedMails) {
+    return "the mail queue is full: " + std::to_string(kMaxQueuedMails) +
+           " mails are waiting for the mail server";
+  }
+  try {
+    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error& failure) {
+    return std::string("no thread can be started for it: ") + failure.what();
+  }
+  mails_.push_back(std::move(mail));
+  wake_.notify_one();
+  return {};
+}
+
 void MailQueue::submit(QueuedMail mail) {
   const std::uint32_t id = mail.id;
+  std::string refusal;
   {
     const std::lock_guard lock(mutex_);
-    if (mails_.size() < kMaxQueuedMails) {
-      mails_.push_back(std::move(mail));
-      if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
-      wake_.notify_one();
-      return;
-    }
+    refusal = enqueue(std::move(mail));
   }
-  done_(id, {.status = 1,
-             .error = "the mail queue is full: " + std::to_string(kMaxQueuedMails) +
-                      " mails are waiting for the mail server"});
+  if (!refusal.empty()) done_(id, {.status = 1, .error = refusal});
 }
 
 bool MailQueue::busy() const {
@@ -58,11 +69,30 @@ void MailQueue::run() {
     delivering_ = true;
     lock.unlock();
     if (settings != nullptr) outcome = deliver_(*settings, mail, stop_);
-    done_(mail.id, outcome);
     lock.lock();
     delivering_ = false;
+    // Not busy any more when the outcome is told: whoever waits for the last mail asks then.
+    lock.unlock();
+    done_(mail.id, outcome);
+    lock.lock();
   }
 }
+
+namespace {
+
+SmtpOutcome deliver(const IpcMailConfig& settings, const MailEnvelope& envelope,
+                    const QueuedMail& mail, std::string_view unique_id, std::int64_t now,
+                    const std::atomic<bool>& stop) {
+  const std::string message = mail_message_text({.from = envelope.from,
+                                                 .recipients = envelope.recipients,
+                                                 .subject = mail.subject,
+                                                 .body = mail.body,
+                                                 .unique_id = unique_id,
+                                                 .now = now});
+  return smtp_send(settings, envelope, message, stop);
+}
+
+}  // namespace
 
 SmtpOutcome deliver_mail(const IpcMailConfig& settings, const QueuedMail& mail,
                          const std::atomic<bool>& stop) {
@@ -72,13 +102,18 @@ SmtpOutcome deliver_mail(const IpcMailConfig& settings, const QueuedMail& mail,
   char unique_id[64];
   (void)std::snprintf(unique_id, sizeof unique_id, "%lld.%u.%016llx", static_cast<long long>(now),
                       mail.id, static_cast<unsigned long long>(random));  // always fits
-  const std::string message = mail_message_text({.from = settings.from.view(),
-                                                 .recipients = settings.recipients,
-                                                 .subject = mail.subject,
-                                                 .body = mail.body,
-                                                 .unique_id = unique_id,
-                                                 .now = now});
-  return smtp_send(settings, message, stop);
+
+  const Utf8Locale locale;
+  MailEnvelope envelope;
+  char err[kMaxMailAddress + 100];
+  if (make_envelope(settings, envelope, err) != 0) return {.status = 1, .error = err};
+  SmtpOutcome outcome = deliver(settings, envelope, mail, unique_id, now, stop);
+  if (!outcome.lacks_utf8 || needs_utf8(envelope.from)) return outcome;
+  const std::vector<std::string> left_out = remove_utf8_recipients(envelope);
+  if (envelope.recipients.empty()) return outcome;
+  const SmtpOutcome rest = deliver(settings, envelope, mail, unique_id, now, stop);
+  outcome.error = rest.status != 0 ? rest.error : outcome.error + "; sent without " + left_out[0];
+  return outcome;
 }
 
 }  // namespace orv

@@ -43,13 +43,14 @@ class MailQueue {
   // The settings for all mails that are not under way yet. Null: there are none, for the reason.
   void set_settings(std::shared_ptr<const IpcMailConfig> settings, std::string reason);
 
-  // Queues the mail, or reports at once why not: the queue is full.
+  // Queues the mail, or reports at once why not: the queue is full, or no thread can be started.
   void submit(QueuedMail mail);
 
   // True while a mail is waiting or under way.
   [[nodiscard]] bool busy() const;
 
  private:
+  std::string enqueue(QueuedMail mail);
   void run();
 
   const Deliver deliver_;
@@ -64,7 +65,8 @@ class MailQueue {
   std::thread thread_;  // started with the first mail
 };
 
-// Makes the message of `mail` and sends it with smtp_send().
+// Makes the message of `mail` and sends it with smtp_send(). When the server does not take
+// addresses beyond ASCII, the recipients with plain ones still get it.
 [[nodiscard]] SmtpOutcome deliver_mail(const IpcMailConfig& settings, const QueuedMail& mail,
                                        const std::atomic<bool>& stop);
 

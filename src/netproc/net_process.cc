@@ -4,6 +4,7 @@
 
 #include <array>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <memory>
 #include <string>
 #include <utility>
@@ -15,6 +16,9 @@
 
 namespace orv {
 namespace {
+
+// Below the time that the scheduler waits for our end before it kills.
+constexpr std::chrono::milliseconds kFinishGrace{4500};
 
 class NetProcess {
  public:
@@ -28,7 +32,7 @@ class NetProcess {
                }),
         mails_(deliver_mail, [this](std::uint32_t id, const SmtpOutcome& outcome) {
           // From the queue's thread: the answer goes out on the loop's.
-          boost::asio::post(loop_, [this, id, outcome] { send_mail_result(id, outcome); });
+          boost::asio::post(loop_, [this, id, outcome] { on_mail_done(id, outcome); });
         }) {}
 
   int run(ScopedFd listener);
@@ -41,6 +45,8 @@ class NetProcess {
   void on_api_config(const IpcParsed& record);
   void on_api_response(const IpcParsed& record);
   void on_end(const char* reason);
+  void finish_mails();
+  void on_mail_done(std::uint32_t id, const SmtpOutcome& outcome);
   bool send_request(std::uint32_t id, const ApiRequest& request);
   void send_mail_result(std::uint32_t id, const SmtpOutcome& outcome);
 
@@ -53,6 +59,8 @@ class NetProcess {
   std::string body_ = std::string(kIpcMaxRecord, '\0');
   Link link_;
   HttpsServer https_;
+  boost::asio::steady_timer finishing_{loop_};
+  bool finishing_begun_ = false;
   MailQueue mails_;  // last: its thread ends before what it answers to
 };
 
@@ -122,7 +130,22 @@ void NetProcess::on_end(const char* reason) {
     log_msg(LogLevel::Error, "%s", reason);
     result_ = 1;
   }
-  loop_.stop();
+  if (reason != nullptr || !mails_.busy()) return loop_.stop();
+  finish_mails();
+}
+
+// The scheduler has gone, or is about to: mails that it handed over are still sent while it waits
+// for our end, and no new client is served.
+void NetProcess::finish_mails() {
+  https_.stop();
+  finishing_.expires_after(kFinishGrace);
+  finishing_.async_wait([this](const boost::system::error_code&) { loop_.stop(); });
+  finishing_begun_ = true;
+}
+
+void NetProcess::on_mail_done(std::uint32_t id, const SmtpOutcome& outcome) {
+  send_mail_result(id, outcome);
+  if (finishing_begun_ && !mails_.busy()) loop_.stop();
 }
 
 bool NetProcess::send_request(std::uint32_t id, const ApiRequest& request) {

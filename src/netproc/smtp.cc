@@ -3,105 +3,85 @@
 #include <curl/curl.h>
 #include <malloc.h>
 #include <string.h>
-#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <system_error>
+#include <vector>
 
 #include "common/files.h"
+#include "common/host_port.h"
 #include "common/text.h"
+#include "netproc/smtp_dialogue.h"
 
 namespace orv {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMaxAnswer = 200;               // bytes of a server's answer that are shown
-constexpr std::chrono::seconds kQuitPatience{2};      // for the answer to QUIT, once all is done
-constexpr std::uint32_t kTlsNone = 0, kTlsSmtps = 2;  // IpcMailConfig::tls_mode
+constexpr std::chrono::seconds kQuitTimeout{2};  // for the answer to QUIT, once all is done
+constexpr std::uint32_t kTlsNone = 0, kTlsStarttls = 1, kTlsSmtps = 2;  // IpcMailConfig::tls_mode
 constexpr std::uint32_t kMaxTimeout = 7 * 24 * 60 * 60;  // seconds; keeps milliseconds in range
 
-// What one delivery has seen so far: fed by libcurl's callbacks, read to word the outcome.
+// One delivery under way: fed by libcurl's callbacks, read to word the outcome.
 struct Delivery {
   const IpcMailConfig& settings;
+  const MailEnvelope& envelope;
   std::string_view message;
   const std::atomic<bool>& stop;
-  std::size_t offset = 0;     // bytes of the message handed to libcurl
-  const char* step = "";      // empty: nothing was sent yet
-  std::string answer{};       // the server's last one, its lines joined
-  std::size_t recipient = 0;  // that RCPT was sent for; counts from 1
-  std::size_t refused = 0;    // recipients
-  std::string first_refusal{};
-  bool message_sent = false;
-  bool taken = false;  // the server answered to the whole message
-  Clock::time_point taken_at{};
+  const Clock::time_point deadline;
+  std::size_t offset = 0;  // bytes of the message handed to libcurl
+  SmtpDialogue dialogue{};
+  std::optional<Clock::time_point> taken_at{};
+  std::vector<int> sockets{};  // open ones
+  const char* lacking = "";    // what the server does not offer and the mail needs
+  bool lacks_utf8 = false;
+  bool out_of_time = false;
 };
 
-struct Verb {
-  std::string_view name;
-  const char* step;
-};
-constexpr Verb kVerbs[] = {
-    {"EHLO", "EHLO"},
-    {"HELO", "HELO"},
-    {"STARTTLS", "STARTTLS"},
-    {"AUTH", "login (AUTH)"},
-    {"MAIL", "sender (MAIL FROM)"},
-    {"RCPT", "recipient (RCPT TO)"},
-    {"DATA", "DATA"},
-};
-
-// Only a known verb is looked at: what follows AUTH is the password in another dress.
-void note_command(Delivery& delivery, std::string_view line) {
-  const std::string_view word = line.substr(0, line.find_first_of(" :\r\n"));
-  for (const Verb& verb : kVerbs) {
-    if (word != verb.name) continue;
-    delivery.step = verb.step;
-    delivery.answer.clear();
-    if (verb.name == "RCPT") ++delivery.recipient;
-  }
-}
-
-void note_refusal(Delivery& delivery) {
-  if (delivery.refused++ > 0) return;
-  const auto& recipients = delivery.settings.recipients;
-  if (delivery.recipient == 0 || delivery.recipient > recipients.size()) return;
-  delivery.first_refusal =
-      std::string(recipients[delivery.recipient - 1].view()) + " (" + delivery.answer + ")";
-}
-
-void note_answer(Delivery& delivery, std::string_view line) {
-  line = trim_right(line);
-  if (line.size() < 3 || !is_digit(line[0])) return;
-  const bool last = line.size() == 3 || line[3] != '-';
-  const bool continued = delivery.answer.size() > 3 && delivery.answer[3] == '-' &&
-                         delivery.answer.compare(0, 3, line, 0, 3) == 0;
-  if (continued) {
-    delivery.answer += line.size() > 4 ? " " + std::string(line.substr(4)) : "";
+// libcurl would go on without a login, and would hand over raw bytes, when the server offers
+// neither AUTH nor SMTPUTF8. The moment between the answer to EHLO and the next command belongs to
+// nobody but this callback, so the connection is cut here: what libcurl writes after it goes
+// nowhere.
+void check_offers(Delivery& delivery) {
+  const SmtpDialogue& dialogue = delivery.dialogue;
+  if (!dialogue.greeted(delivery.settings.tls_mode == kTlsStarttls)) return;
+  if (!delivery.settings.user.empty() && !dialogue.offers_auth()) {
+    delivery.lacking = "smtp-user is set, but the server offers no login (AUTH)";
+  } else if (needs_utf8(delivery.envelope) && !dialogue.offers_utf8()) {
+    delivery.lacking = "an address is not ASCII, and the server does not offer SMTPUTF8";
+    delivery.lacks_utf8 = true;
   } else {
-    delivery.answer = line;
+    return;
   }
-  if (delivery.answer.size() > kMaxAnswer) delivery.answer.resize(kMaxAnswer);
-  for (char& c : delivery.answer) {
-    if (c >= 0 && (c < 0x20 || c == 0x7F)) c = ' ';
-  }
-  if (!last) return;
-  if (delivery.answer.size() > 3) delivery.answer[3] = ' ';
-  if (::strncmp(delivery.step, "recipient", 9) == 0 && line[0] >= '4') note_refusal(delivery);
-  if (delivery.message_sent && !delivery.taken) {
-    delivery.taken = true;
-    delivery.taken_at = Clock::now();
-  }
+  for (const int fd : delivery.sockets) (void)::shutdown(fd, SHUT_RDWR);
 }
 
 int on_trace(CURL*, curl_infotype type, char* data, std::size_t size, void* user) {
   Delivery& delivery = *static_cast<Delivery*>(user);
-  if (type == CURLINFO_HEADER_OUT) note_command(delivery, {data, size});
-  if (type == CURLINFO_HEADER_IN) note_answer(delivery, {data, size});
+  SmtpDialogue& dialogue = delivery.dialogue;
+  if (type == CURLINFO_HEADER_OUT) dialogue.sent({data, size});
+  if (type != CURLINFO_HEADER_IN) return 0;
+  dialogue.received({data, size});
+  if (*delivery.lacking == '\0') check_offers(delivery);
+  if (dialogue.taken() && !delivery.taken_at) delivery.taken_at = Clock::now();
   return 0;
+}
+
+curl_socket_t on_socket(void* user, curlsocktype, curl_sockaddr* address) {
+  const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd >= 0) static_cast<Delivery*>(user)->sockets.push_back(fd);
+  return fd >= 0 ? fd : CURL_SOCKET_BAD;
+}
+
+int on_socket_end(void* user, curl_socket_t fd) {
+  std::erase(static_cast<Delivery*>(user)->sockets, fd);
+  return ::close(fd);
 }
 
 std::size_t on_read(char* into, std::size_t size, std::size_t count, void* user) {
@@ -109,22 +89,21 @@ std::size_t on_read(char* into, std::size_t size, std::size_t count, void* user)
   const std::size_t n = std::min(size * count, delivery.message.size() - delivery.offset);
   ::memcpy(into, delivery.message.data() + delivery.offset, n);
   delivery.offset += n;
-  if (delivery.offset == delivery.message.size()) {
-    delivery.message_sent = true;
-    delivery.step = "end of the message";
-    delivery.answer.clear();
-  }
+  if (n > 0 && delivery.offset == delivery.message.size()) delivery.dialogue.message_sent();
   return n;
 }
 
 std::size_t on_output(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
-// Called at least once a second, while waiting for the answer to QUIT too, which has no time limit
-// of its own.
+// Called at least once a second, also in the waits that libcurl's own time limit does not cover:
+// for the answers to the message's end and to QUIT.
 int on_progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  const Delivery& delivery = *static_cast<const Delivery*>(user);
-  const bool tired_of_quit = delivery.taken && Clock::now() - delivery.taken_at > kQuitPatience;
-  return delivery.stop.load(std::memory_order_relaxed) || tired_of_quit ? 1 : 0;
+  Delivery& delivery = *static_cast<Delivery*>(user);
+  const Clock::time_point now = Clock::now();
+  const bool quit_overdue = delivery.taken_at && now - *delivery.taken_at > kQuitTimeout;
+  delivery.out_of_time = now >= delivery.deadline;
+  return delivery.stop.load(std::memory_order_relaxed) || quit_overdue || delivery.out_of_time ? 1
+                                                                                               : 0;
 }
 
 struct CurlFree {
@@ -153,10 +132,8 @@ bool is_host(std::string_view text) {
 std::string server_url(const IpcMailConfig& settings) {
   char buffer[kMaxHostName + 1];
   const std::string_view own_name = host_name(buffer);
-  const std::string host(settings.host.view());
-  const bool is_v6 = host.find(':') != std::string::npos;
   return std::string(settings.tls_mode == kTlsSmtps ? "smtps://" : "smtp://") +
-         (is_v6 ? "[" + host + "]" : host) + ":" + std::to_string(settings.port) + "/" +
+         host_port(settings.host.view(), settings.port) + "/" +
          (is_host(own_name) ? std::string(own_name) : "localhost");
 }
 
@@ -168,14 +145,15 @@ void set(CURL* curl, CURLcode& rc, CURLoption option, Value value) {
 
 CURLcode set_server(CURL* curl, const IpcMailConfig& settings) {
   CURLcode rc = CURLE_OK;
-  const long limit_ms = static_cast<long>(std::min(settings.timeout_s, kMaxTimeout)) * 1000;
+  const long limit_s = static_cast<long>(std::min(settings.timeout_s, kMaxTimeout));
   set(curl, rc, CURLOPT_URL, server_url(settings).c_str());
   set(curl, rc, CURLOPT_PROTOCOLS_STR, "smtp,smtps");
   set(curl, rc, CURLOPT_PROXY, "");  // whatever the environment says
   set(curl, rc, CURLOPT_NOSIGNAL, 1L);
   set(curl, rc, CURLOPT_QUICK_EXIT, 1L);
-  set(curl, rc, CURLOPT_TIMEOUT_MS, limit_ms);
-  set(curl, rc, CURLOPT_CONNECTTIMEOUT_MS, limit_ms);
+  set(curl, rc, CURLOPT_TIMEOUT, limit_s);
+  set(curl, rc, CURLOPT_CONNECTTIMEOUT, limit_s);
+  set(curl, rc, CURLOPT_SERVER_RESPONSE_TIMEOUT, limit_s);  // else 120 s for each answer
   set(curl, rc, CURLOPT_FORBID_REUSE, 1L);
   set(curl, rc, CURLOPT_USE_SSL,
       static_cast<long>(settings.tls_mode == kTlsNone ? CURLUSESSL_NONE : CURLUSESSL_ALL));
@@ -196,7 +174,7 @@ CURLcode set_server(CURL* curl, const IpcMailConfig& settings) {
 
 CURLcode set_delivery(CURL* curl, Delivery& delivery, curl_slist* recipients, char* error) {
   CURLcode rc = CURLE_OK;
-  set(curl, rc, CURLOPT_MAIL_FROM, delivery.settings.from.c_str());
+  set(curl, rc, CURLOPT_MAIL_FROM, delivery.envelope.from.c_str());
   set(curl, rc, CURLOPT_MAIL_RCPT, recipients);
   set(curl, rc, CURLOPT_MAIL_RCPT_ALLLOWFAILS, 1L);
   set(curl, rc, CURLOPT_UPLOAD, 1L);
@@ -207,6 +185,10 @@ CURLcode set_delivery(CURL* curl, Delivery& delivery, curl_slist* recipients, ch
   set(curl, rc, CURLOPT_VERBOSE, 1L);
   set(curl, rc, CURLOPT_DEBUGFUNCTION, &on_trace);
   set(curl, rc, CURLOPT_DEBUGDATA, &delivery);
+  set(curl, rc, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
+  set(curl, rc, CURLOPT_OPENSOCKETDATA, &delivery);
+  set(curl, rc, CURLOPT_CLOSESOCKETFUNCTION, &on_socket_end);
+  set(curl, rc, CURLOPT_CLOSESOCKETDATA, &delivery);
   set(curl, rc, CURLOPT_NOPROGRESS, 0L);
   set(curl, rc, CURLOPT_XFERINFOFUNCTION, &on_progress);
   set(curl, rc, CURLOPT_XFERINFODATA, &delivery);
@@ -217,68 +199,87 @@ CURLcode set_delivery(CURL* curl, Delivery& delivery, curl_slist* recipients, ch
 struct FailureRow {
   CURLcode code;
   const char* what;
-  bool detail;  // libcurl's own words add something
+  bool detail = false;   // libcurl's own words add something
+  bool refusal = false;  // says by itself what the server refused
 };
 constexpr FailureRow kFailures[] = {
-    {CURLE_COULDNT_RESOLVE_HOST, "the host name cannot be resolved", false},
-    {CURLE_COULDNT_CONNECT, "cannot connect", false},
-    {CURLE_OPERATION_TIMEDOUT, "the time limit was reached", false},
+    {CURLE_COULDNT_RESOLVE_HOST, "the host name cannot be resolved"},
+    {CURLE_COULDNT_CONNECT, "cannot connect"},
+    {CURLE_OPERATION_TIMEDOUT, "the time limit was reached"},
     {CURLE_PEER_FAILED_VERIFICATION, "the server's certificate is not accepted", true},
     {CURLE_SSL_CACERT_BADFILE, "the ca-file cannot be used", true},
     {CURLE_SSL_CONNECT_ERROR, "the TLS handshake failed", true},
-    {CURLE_USE_SSL_FAILED, "STARTTLS is required and the server does not do it", false},
-    {CURLE_LOGIN_DENIED, "the login was refused", false},
-    {CURLE_SEND_ERROR, "the connection was lost", false},
-    {CURLE_RECV_ERROR, "the connection was lost", false},
-    {CURLE_GOT_NOTHING, "the connection was lost", false},
-    {CURLE_ABORTED_BY_CALLBACK, "given up because the scheduler stops", false},
+    {CURLE_USE_SSL_FAILED, "STARTTLS is required and the server does not do it", false, true},
+    {CURLE_LOGIN_DENIED, "the login was refused", false, true},
+    {CURLE_SEND_ERROR, "the connection was lost"},
+    {CURLE_RECV_ERROR, "the connection was lost"},
+    {CURLE_GOT_NOTHING, "the connection was lost"},
+    {CURLE_ABORTED_BY_CALLBACK, "given up because the scheduler stops"},
 };
 
 const char* step_of(CURL* curl, const Delivery& delivery) {
-  if (delivery.step[0] != '\0') return delivery.step;
+  if (*delivery.dialogue.step() != '\0') return delivery.dialogue.step();
   curl_off_t connected_us = 0;
   (void)curl_easy_getinfo(curl, CURLINFO_CONNECT_TIME_T, &connected_us);  // 0 when it fails
   return connected_us > 0 ? "greeting" : "connection";
 }
 
-std::string failure_text(CURL* curl, const Delivery& delivery, CURLcode code, const char* detail) {
-  const FailureRow* row = std::find_if(std::begin(kFailures), std::end(kFailures),
-                                       [&](const FailureRow& r) { return r.code == code; });
-  const bool known = row != std::end(kFailures);
-  const bool refused = !delivery.answer.empty() && delivery.answer[0] >= '4';
-  if (delivery.refused > 0 && delivery.refused == delivery.settings.recipients.size()) {
-    return "no recipient was accepted: " + delivery.first_refusal;
-  }
-  std::string text = known ? row->what : refused ? "refused" : curl_easy_strerror(code);
-  if (code != CURLE_COULDNT_CONNECT && code != CURLE_COULDNT_RESOLVE_HOST) {
-    text += std::string(" at ") + step_of(curl, delivery);
-  }
-  if (refused) return text + ", the server said: " + delivery.answer;
+std::string first_refusal(const Delivery& delivery) {
+  const SmtpDialogue& dialogue = delivery.dialogue;
+  const auto& recipients = delivery.envelope.recipients;
+  const bool known = dialogue.first_refused() < recipients.size();
+  return (known ? recipients[dialogue.first_refused()] : std::string("a recipient")) + " (" +
+         dialogue.first_refusal() + ")";
+}
+
+// What libcurl or the system adds to a failure that the server said nothing about.
+std::string detail_of(CURL* curl, const Delivery& delivery, CURLcode code, const char* words) {
   long error_number = 0;
   (void)curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &error_number);  // 0 when it fails
   if (code == CURLE_COULDNT_CONNECT && error_number != 0) {
-    text += ": " + std::system_category().message(static_cast<int>(error_number));
-  } else if (code == CURLE_OPERATION_TIMEDOUT) {
-    text += ": " + std::to_string(delivery.settings.timeout_s) + " s";
-  } else if (detail[0] != '\0' && (!known || row->detail)) {
-    text += std::string(": ") + detail;
+    return ": " + std::system_category().message(static_cast<int>(error_number));
   }
-  return text;
+  if (code == CURLE_OPERATION_TIMEDOUT) {
+    return ": " + std::to_string(delivery.settings.timeout_s) + " s";
+  }
+  return words[0] != '\0' ? std::string(": ") + words : "";
 }
 
-SmtpOutcome outcome_of(CURL* curl, const Delivery& delivery, CURLcode code, const char* detail) {
-  if (code == CURLE_OK && delivery.refused == 0) return {};
-  const IpcMailConfig& settings = delivery.settings;
-  std::string text(settings.host.view());
-  text += ":" + std::to_string(settings.port) + ": ";
-  if (code == CURLE_OK) {
-    const std::size_t all = settings.recipients.size();
-    text += "sent to " + std::to_string(all - delivery.refused) + " of " + std::to_string(all) +
-            " recipients only, refused: " + delivery.first_refusal;
-  } else {
-    text += failure_text(curl, delivery, code, detail);
+std::string failure_text(CURL* curl, const Delivery& delivery, CURLcode code, const char* words) {
+  const SmtpDialogue& dialogue = delivery.dialogue;
+  if (dialogue.refusals() > 0 && dialogue.refusals() == delivery.envelope.recipients.size()) {
+    return "no recipient was accepted: " + first_refusal(delivery);
   }
-  return {.status = 1, .error = text};
+  if (*delivery.lacking != '\0') return delivery.lacking;
+  const FailureRow* row = std::ranges::find(kFailures, code, &FailureRow::code);
+  const bool known = row != std::end(kFailures);
+  // A server that refuses and then hangs up, or is silent, has said why: that goes first.
+  const bool refused = dialogue.refused();
+  std::string text = refused && !(known && row->refusal) ? "refused"
+                     : known                             ? row->what
+                                                         : curl_easy_strerror(code);
+  if (code != CURLE_COULDNT_CONNECT && code != CURLE_COULDNT_RESOLVE_HOST) {
+    text += std::string(" at ") + step_of(curl, delivery);
+  }
+  if (refused) return text + ", the server said: " + dialogue.answer();
+  return text + detail_of(curl, delivery, code, !known || row->detail ? words : "");
+}
+
+SmtpOutcome outcome_of(CURL* curl, const Delivery& delivery, CURLcode code, const char* words) {
+  const SmtpDialogue& dialogue = delivery.dialogue;
+  // Once the server has taken the mail, nothing that follows makes it unsent.
+  const bool taken = code == CURLE_OK || dialogue.taken();
+  if (taken && dialogue.refusals() == 0) return {};
+  if (code == CURLE_ABORTED_BY_CALLBACK && delivery.out_of_time) code = CURLE_OPERATION_TIMEDOUT;
+  const std::size_t all = delivery.envelope.recipients.size();
+  std::string text = host_port(delivery.settings.host.view(), delivery.settings.port) + ": ";
+  if (taken && dialogue.refusals() < all) {
+    text += "sent to " + std::to_string(all - dialogue.refusals()) + " of " + std::to_string(all) +
+            " recipients only, refused: " + first_refusal(delivery);
+  } else {
+    text += failure_text(curl, delivery, code, words);
+  }
+  return {.status = 1, .error = text, .lacks_utf8 = delivery.lacks_utf8};
 }
 
 SmtpOutcome refuse(const char* why) { return {.status = 1, .error = why}; }
@@ -304,25 +305,31 @@ void smtp_init() {
                              &::strdup, &std::calloc);  // a failure shows in curl_easy_init()
 }
 
-SmtpOutcome smtp_send(const IpcMailConfig& settings, std::string_view message,
-                      const std::atomic<bool>& stop) {
+SmtpOutcome smtp_send(const IpcMailConfig& settings, const MailEnvelope& envelope,
+                      std::string_view message, const std::atomic<bool>& stop) {
   if (!is_host(settings.host.view())) return refuse("smtp-host is not a host name or address");
   if (settings.tls_mode == kTlsNone && !settings.user.empty()) {
     return refuse("login without TLS would send the password in clear text");
   }
+  const std::chrono::seconds limit(std::min(settings.timeout_s, kMaxTimeout));
+  Delivery delivery{.settings = settings,
+                    .envelope = envelope,
+                    .message = message,
+                    .stop = stop,
+                    .deadline = Clock::now() + limit};
+  // After the delivery, which closing the connection still uses.
   const CurlHandle curl(curl_easy_init());
   CurlList recipients;
   bool fits = curl != nullptr;
-  for (const auto& recipient : settings.recipients) {
+  for (const std::string& recipient : envelope.recipients) {
     fits = fits && append(recipients, recipient.c_str());
   }
   if (!fits) return refuse("out of memory");
-  Delivery delivery{.settings = settings, .message = message, .stop = stop};
-  char detail[CURL_ERROR_SIZE] = "";
+  char words[CURL_ERROR_SIZE] = "";
   CURLcode rc = set_server(curl.get(), settings);
-  if (rc == CURLE_OK) rc = set_delivery(curl.get(), delivery, recipients.get(), detail);
+  if (rc == CURLE_OK) rc = set_delivery(curl.get(), delivery, recipients.get(), words);
   if (rc == CURLE_OK) rc = curl_easy_perform(curl.get());
-  return outcome_of(curl.get(), delivery, rc, detail);
+  return outcome_of(curl.get(), delivery, rc, words);
 }
 
 }  // namespace orv

@@ -15,10 +15,8 @@ using ::testing::HasSubstr;
 
 std::string message(std::string_view subject, std::string_view body,
                     std::vector<std::string> to = {"root@example.org"}) {
-  std::vector<FixedText<kMaxMailAddress>> recipients(to.size());
-  for (std::size_t i = 0; i < to.size(); ++i) EXPECT_TRUE(recipients[i].set(to[i]));
   return mail_message_text({.from = "backup@example.org",
-                            .recipients = recipients,
+                            .recipients = to,
                             .subject = subject,
                             .body = body,
                             .unique_id = "1700000000.7.abc",

@@ -29,7 +29,7 @@ class Mail : public ::testing::Test {
     other_ = test::make_certificate(dir_, "mail.example.org");
   }
 
-  std::uint32_t start_server(const char* mode, const test::KeyPair& pair) {
+  std::uint32_t start_server(const std::string& mode, const test::KeyPair& pair) {
     server_.emplace(std::vector<std::string>{"/usr/bin/python3", ORV_SMTP_SERVER, mode,
                                              pair.certificate, pair.key, dir_.path()});
     EXPECT_TRUE(test::wait_until(20s, [&] { return test::exists(dir_.file("port")); }))
@@ -47,27 +47,27 @@ class Mail : public ::testing::Test {
     EXPECT_TRUE(config.user.set(config.password.empty() ? "" : "u"));
     config.recipients.resize(1);
     EXPECT_TRUE(config.recipients[0].set(to));
-    if (add_refused_) config.recipients.emplace_back().set_truncated("refused2@example.org");
+    for (const char* more : more_recipients_) config.recipients.emplace_back().set_truncated(more);
     config.port = port;
     config.tls_mode = tls_mode;
     config.timeout_s = timeout_s_;
     const auto out = std::make_unique<IpcMessage>();
     ASSERT_EQ(ipc_encode_mail_config(*out, 1, config), 0);
-    driver_.send(*out);
+    driver_->send(*out);
   }
 
   MailOutcome mail(std::string_view body = "hello\n") {
-    driver_.send_mail(++last_id_, "Subject", body);
-    return driver_.mail_result(last_id_);
+    driver_->send_mail(++last_id_, "Subject", body);
+    return driver_->mail_result(last_id_);
   }
 
   test::TempDir dir_;
-  test::NetDriver driver_;
+  std::optional<test::NetDriver> driver_{std::in_place};
   std::optional<test::Program> server_;
   test::KeyPair own_, other_;
   std::uint32_t last_id_ = 0;
   std::uint32_t timeout_s_ = 20;
-  bool add_refused_ = false;
+  std::vector<const char*> more_recipients_;
 };
 
 TEST_F(Mail, ArrivesInEveryTlsMode) {
@@ -104,21 +104,76 @@ TEST_F(Mail, FailsWithAReasonThatNamesTheStep) {
   expect_failure("clear text", "");
   configure(tls_port, kStarttls, own_.certificate, "p", "refused@example.org");
   expect_failure("no recipient was accepted", "refused@example.org (550 5.1.1 no such user here)");
-  add_refused_ = true;
+  more_recipients_ = {"refused2@example.org"};
   configure(tls_port, kStarttls, own_.certificate, "p");
   expect_failure("sent to 1 of 2 recipients only", "refused2@example.org (550 5.1.1");
-  add_refused_ = false;
+  more_recipients_.clear();
   configure(start_server("smtps", other_), kSmtps, other_.certificate, "p");
   expect_failure("certificate is not accepted", "127.0.0.1");  // it names another host
   const std::uint32_t plain_port = start_server("none", own_);
   configure(plain_port, kStarttls, own_.certificate);
   expect_failure("STARTTLS is required", "");
   EXPECT_FALSE(test::exists(dir_.file("2.eml")));  // only the mail to the one of two recipients
-  configure(start_server("hangup", own_), kNone, "");
-  expect_failure("the connection was lost at EHLO", "");
   server_.reset();
   configure(plain_port, kNone, "");
   expect_failure("cannot connect", "onnection refused");
+}
+
+// Servers that answer what the protocol has no place for, or stop answering.
+TEST_F(Mail, TellsWhatTheServerSaidAndKeepsItsTimeLimit) {
+  // clang-format off
+  const struct { const char* script; std::string error; } cases[] = {  // empty: sent
+      {"EHLO=hangup", "the connection was lost at EHLO"},
+      {"MAIL=553_not_you", "refused at sender (MAIL FROM), the server said: 553 not you"},
+      {"MAIL=553_not_you QUIT=hangup", "refused at sender (MAIL FROM), the server said: 553 not you"},
+      {"DATA=550_no", "refused at DATA, the server said: 550 no"},
+      {"END=552-too\\r\\n552_much", "refused at end of the message, the server said: 552 too much"},
+      {"END=550_no QUIT=221_bye\\r\\n250_ok", "refused at end of the message, the server said: 550 no"},
+      {"END=silence", "the time limit was reached at end of the message: 2 s"},
+      {"END=250_ok QUIT=silence", ""},
+      {"QUIT=hangup", ""},
+      {"RCPT=silence", "the time limit was reached at recipient (RCPT TO): 2 s"},
+      {"EHLO=500_what HELO=250_hm", ""},
+  };
+  // clang-format on
+  timeout_s_ = 2;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.script);
+    const std::uint32_t port = start_server(std::string("script ") + c.script, own_);
+    configure(port, kNone, "");
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(mail().error,
+              c.error.empty() ? "" : "127.0.0.1:" + std::to_string(port) + ": " + c.error);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, 10s);
+  }
+}
+
+TEST_F(Mail, NeedsALoginWhereAUserIsSetAndUtf8ForAddressesBeyondAscii) {
+  configure(start_server("script EHLO=250-h\\r\\n250_SIZE", own_), kStarttls, own_.certificate,
+            "p");
+  EXPECT_THAT(mail().error, HasSubstr("STARTTLS is required"));
+  configure(start_server("script TLS=yes", own_), kSmtps, own_.certificate, "p");
+  EXPECT_THAT(mail().error, HasSubstr("smtp-user is set, but the server offers no login (AUTH)"));
+
+  const std::uint32_t plain = start_server("script", own_);
+  configure(plain, kNone, "", "",
+            "root@b\xC3\xBC"
+            "cher.example");
+  EXPECT_EQ(mail().error, "");
+  EXPECT_THAT(test::read_file(dir_.file("heard")),
+              HasSubstr("RCPT TO:<root@xn--bcher-kva.example>\r\n"));
+  configure(plain, kNone, "", "", "j\xC3\xB6rg@example.org");
+  EXPECT_THAT(mail().error,
+              HasSubstr("an address is not ASCII, and the server does not offer SMTPUTF8"));
+  EXPECT_THAT(test::read_file(dir_.file("heard")), ::testing::Not(HasSubstr("j\xC3\xB6rg")));
+  more_recipients_ = {"ops@example.org"};
+  configure(plain, kNone, "", "", "j\xC3\xB6rg@example.org");
+  EXPECT_THAT(mail().error, HasSubstr("SMTPUTF8; sent without j\xC3\xB6rg@example.org"));
+  EXPECT_THAT(test::read_file(dir_.file("heard")), HasSubstr("RCPT TO:<ops@example.org>\r\n"));
+
+  more_recipients_.clear();
+  configure(start_server("none", own_), kNone, "", "", "j\xC3\xB6rg@example.org");
+  EXPECT_EQ(mail().error, "");
 }
 
 TEST_F(Mail, GivesUpOnASilentServer) {
@@ -135,7 +190,14 @@ TEST_F(Mail, GivesUpOnASilentServer) {
   EXPECT_THAT(mail().error, HasSubstr("the time limit was reached at greeting: 1 s"));
   timeout_s_ = 3600;
   configure(ntohs(address.sin_port), kNone, "");
-  driver_.send_mail(99, "never", "sent");  // the process ends all the same
+  driver_->send_mail(99, "never", "sent");  // the process ends all the same
+}
+
+TEST_F(Mail, SendsWhatItWasGivenAlsoWhenTheSchedulerHasGone) {
+  configure(start_server("none", own_), kNone, "");
+  driver_->send_mail(1, "last", "words\n");
+  driver_.reset();  // the end of the socket and of the process
+  EXPECT_THAT(test::read_file(dir_.file("1.eml")), HasSubstr("Subject: last"));
 }
 
 TEST(MailQueue, SendsInOrderAndRefusesWhatDoesNotFit) {

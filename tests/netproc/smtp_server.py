@@ -1,4 +1,7 @@
-"""A mail server for tests: smtp_server.py MODE CERT KEY DIR. MODE: none, starttls, smtps, hangup.
+"""A mail server for tests: smtp_server.py MODE CERT KEY DIR. MODE: none, starttls, smtps, or
+"script VERB=answer ...", a server that says what it is told to: "\\r\\n" stands for a line break,
+"silence" for no answer at all, "hangup" for the end of the connection. VERB END is the end of the
+message; what has no answer gets 250. TLS=yes for TLS from the start.
 
 Serves on a free port of 127.0.0.1, writes the port to DIR/port and each mail to DIR/<n>.eml with its
 envelope as the first line. Takes user "u" with password "p" where there is TLS; refuses recipients
@@ -53,20 +56,45 @@ class Server(Controller):
     def factory(self):
         return SMTP(self.handler, authenticator=check, auth_require_tls=mode == "starttls",
                     tls_context=context if mode == "starttls" else None,
-                    require_starttls=mode == "starttls")
+                    require_starttls=mode == "starttls",
+                    enable_SMTPUTF8=True)
 
 
 with socket.socket() as free:
     free.bind(("127.0.0.1", 0))
     free_port = free.getsockname()[1]
-if mode == "hangup":
+
+
+def play(client, answers):
+    def say(verb):
+        text = answers.get(verb, {"GREETING": "220 hello", "DATA": "354 go on", "QUIT": "221 bye"}.get(
+            verb, "250 ok")).replace("\\r\\n", "\r\n").replace("_", " ")
+        if text == "hangup":
+            return False
+        if text != "silence":
+            client.sendall(text.encode() + b"\r\n")
+        return True
+
+    lines, in_message = client.makefile("rb"), False
+    go_on = say("GREETING")
+    while go_on and (line := lines.readline()):
+        if in_message and line != b".\r\n":
+            continue
+        verb = "END" if in_message else line[:4].decode().strip().upper()
+        with open(directory + "/heard", "ab") as out:
+            out.write(line)
+        in_message = verb == "DATA" and answers.get("DATA", "3")[0] == "3"
+        go_on = say(verb)
+    client.close()
+
+
+if mode.startswith("script"):
+    words = dict(word.split("=", 1) for word in mode.split()[1:])
     with socket.create_server(("127.0.0.1", free_port)) as listener:
         announce(free_port)
         while True:
-            client, _ = listener.accept()
-            client.sendall(b"220 hello\r\n")
-            client.recv(100)
-            client.close()
+            client = listener.accept()[0]
+            play(context.wrap_socket(client, server_side=True) if "TLS" in words else client, words)
 server = Server(Handler(), hostname="127.0.0.1", port=free_port,
                 ssl_context=context if mode == "smtps" else None)
 server.start()
