@@ -26,9 +26,10 @@ void ClientLimits::set_max_clients(std::uint32_t max_clients) {
 }
 
 Admission ClientLimits::admit(const Ipv6Bytes& key) {
-  if (full()) return Admission::Full;
+  // The share first: for a client that has it, no room need be made.
   const auto known = per_client_.find(key);
   if (known != per_client_.end() && known->second >= share_) return Admission::ShareUsed;
+  if (connections_ >= max_clients_) return Admission::Full;
   ++per_client_[key];
   ++connections_;
   return Admission::Accepted;

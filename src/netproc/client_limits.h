@@ -39,7 +39,6 @@ class ClientLimits {
   // Accepted: a place is taken until leave() gives it back.
   [[nodiscard]] Admission admit(const Ipv6Bytes& key);
   void leave(const Ipv6Bytes& key);
-  [[nodiscard]] bool full() const { return connections_ >= max_clients_; }
 
   // Counts a failed authentication at `now` (seconds of any steady clock). Returns the length of
   // the block that begins with it, 0 when none does.

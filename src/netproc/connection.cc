@@ -51,6 +51,9 @@ void Connection::start() {
 void Connection::await_request(bool first) {
   parser_.emplace();
   http_set_limits(*parser_);
+  skip_blank_lines();
+  // Nothing of the last request stays in a buffer that waits for the next one.
+  if (buffer_.size() == 0) buffer_.shrink_to_fit();
   if (buffer_.size() > 0) {  // the next request came along with the last one
     tcp().expires_after(host_.limits.request);
     return read_head();
@@ -58,16 +61,34 @@ void Connection::await_request(bool first) {
   // The first request is still within the deadline that start() has set.
   if (!first) {
     stage_ = Stage::Idle;
-    idle_since_ = Clock::now();
+    waiting_since_ = Clock::now();
     tcp().expires_after(host_.limits.idle);
   }
+  read_more();
+}
+
+void Connection::read_more() {
   stream_.async_read_some(buffer_.prepare(kReadChunk),
-                          then([first](Connection& c, const error_code& ec, std::size_t n) {
+                          then([](Connection& c, const error_code& ec, std::size_t n) {
                             if (ec) return c.farewell();
                             c.buffer_.commit(n);
-                            if (!first) c.tcp().expires_after(c.host_.limits.request);
-                            c.read_head();
+                            if (c.stage_ == Stage::Idle) {
+                              c.stage_ = Stage::Request;
+                              c.tcp().expires_after(c.host_.limits.request);
+                            }
+                            c.skip_blank_lines();
+                            c.buffer_.size() > 0 ? c.read_head() : c.read_more();
                           }));
+}
+
+// An empty line before the request line is not part of it (RFC 9112, section 2.2). Half of one is
+// left for the parser, which refuses it: who sends it byte by byte gets a 400.
+void Connection::skip_blank_lines() {
+  const auto starts_blank = [this] {
+    const auto data = buffer_.data();
+    return std::string_view(static_cast<const char*>(data.data()), data.size()).starts_with("\r\n");
+  };
+  while (starts_blank()) buffer_.consume(2);
 }
 
 void Connection::read_head() {
@@ -160,6 +181,7 @@ void Connection::count_failed_authentication() {
 
 void Connection::refuse(const HttpError& error, std::int64_t retry_after_s) {
   keep_alive_ = false;  // what follows on this connection may not be a request
+  request_.authorization.wipe();
   const std::string body = http_error_body(error);
   send({.status = error.status,
         .body = body,
@@ -204,15 +226,18 @@ void Connection::drain(std::size_t drained) {
 void Connection::close() {
   if (stage_ == Stage::Closed) return;
   stage_ = Stage::Closed;
+  request_.authorization.wipe();
   answer_timer_.cancel();
   if (request_id_ != 0) host_.abandon(request_id_);
   tcp().close();
   host_.closed(shared_from_this());
 }
 
-std::optional<Connection::Clock::time_point> Connection::idle_since() const {
-  if (stage_ != Stage::Idle) return std::nullopt;
-  return idle_since_;
+std::optional<Connection::Clock::time_point> Connection::spare_since(Clock::time_point now) const {
+  const bool slow =
+      stage_ == Stage::Handshake && now - waiting_since_ >= host_.limits.crowded_handshake;
+  if (stage_ != Stage::Idle && !slow) return std::nullopt;
+  return waiting_since_;
 }
 
 std::int64_t steady_seconds() {

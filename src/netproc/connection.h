@@ -3,7 +3,9 @@
 // What is malformed or too large is answered here and never reaches the scheduler.
 //
 //   stage      waits for                            deadline   goes on to
-//   Handshake  the TLS handshake                    handshake  Request
+//   Handshake  the TLS handshake, then the first    handshake, Request; Farewell at its end of
+//   input
+//              byte of a request                    request
 //   Idle       the first byte of a further request  idle       Request; Farewell at its end of
 //   input Request    a head, then its body                request    Answer; Reply when it is
 //   refused Answer     the scheduler                        answer     Reply, with the answer or a
@@ -40,6 +42,8 @@ namespace orv {
 
 struct HttpsLimits {
   std::chrono::milliseconds handshake{10'000};
+  // After this much of it, a connection may have to give its place to a new client.
+  std::chrono::milliseconds crowded_handshake{1'000};
   // From the request's first byte; for the first request, from the end of the handshake.
   std::chrono::milliseconds request{20'000};
   std::chrono::milliseconds answer{30'000};   // the scheduler's
@@ -82,8 +86,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   [[nodiscard]] const ClientAddress& client() const { return client_; }
 
-  // Since when the connection has been waiting for a further request; nullopt while it is at work.
-  [[nodiscard]] std::optional<Clock::time_point> idle_since() const;
+  // Since when the connection could give its place to a new client: while it waits for a further
+  // request, or once its handshake takes too long for a full house. nullopt while it is at work.
+  [[nodiscard]] std::optional<Clock::time_point> spare_since(Clock::time_point now) const;
 
  private:
   enum class Stage { Handshake, Idle, Request, Answer, Reply, Farewell, Closed };
@@ -98,6 +103,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   auto then(Next next);
 
   void await_request(bool first);
+  void read_more();
+  void skip_blank_lines();
   void read_head();
   void on_head();
   const HttpError* check_head(std::int64_t& retry_after_s);
@@ -124,7 +131,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::uint32_t request_id_ = 0;      // 0: none is with the scheduler
   bool keep_alive_ = false;
   Stage stage_ = Stage::Handshake;
-  Clock::time_point idle_since_;
+  Clock::time_point waiting_since_ = Clock::now();  // for the handshake, or the next request
 };
 
 // Seconds of the steady clock that ClientLimits counts by.

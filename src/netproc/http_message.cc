@@ -15,6 +15,7 @@ const HttpError kHttpUriTooLong        = {414, "uri_too_long", "the path may hav
 const HttpError kHttpExpectationFailed = {417, "expectation_failed", "only 100-continue can be expected"};
 const HttpError kHttpTooManyFailures   = {429, "too_many_failures", "too many failed authentications from this address: wait before trying again"};
 const HttpError kHttpHeadersTooLarge   = {431, "headers_too_large", "header too large (Authorization: 512 bytes, If-Match: 128, all: 16384)"};
+const HttpError kHttpNotImplemented    = {501, "not_implemented", "the body may be sent whole or in chunks, in no other coding"};
 const HttpError kHttpUnavailable       = {503, "unavailable", "the scheduler is not keeping up: try again later"};
 const HttpError kHttpTimeout           = {504, "timeout", "no answer from the scheduler in time"};
 // clang-format on
@@ -61,6 +62,7 @@ const char* reason_phrase(std::uint32_t status) {
       {429, "Too Many Requests"},
       {431, "Request Header Fields Too Large"},
       {500, "Internal Server Error"},
+      {501, "Not Implemented"},
       {503, "Service Unavailable"},
       {504, "Gateway Timeout"},
   };

@@ -25,6 +25,7 @@ extern const HttpError kHttpUriTooLong;
 extern const HttpError kHttpExpectationFailed;
 extern const HttpError kHttpTooManyFailures;
 extern const HttpError kHttpHeadersTooLarge;
+extern const HttpError kHttpNotImplemented;
 extern const HttpError kHttpUnavailable;
 extern const HttpError kHttpTimeout;
 

@@ -20,11 +20,14 @@ bool ambiguous(const HttpParser& parser) {
          (head.count(http::field::transfer_encoding) > 0 && !parser.chunked());
 }
 
-bool can_be_met(std::string_view expectation) {
-  static constexpr std::string_view kContinue = "100-continue";
-  return expectation.empty() ||
-         (expectation.size() == kContinue.size() &&
-          ::strncasecmp(expectation.data(), kContinue.data(), kContinue.size()) == 0);
+bool same_word(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// A body in another coding than chunks alone would have to be decoded (RFC 9112, section 6.1).
+bool coded(const HttpParser& parser) {
+  return parser.chunked() &&
+         !same_word(view(parser.get()[http::field::transfer_encoding]), "chunked");
 }
 
 }  // namespace
@@ -42,7 +45,10 @@ const HttpError* http_check_head(const HttpParser& parser, ApiRequest& out) {
                       .if_match = view(message[http::field::if_match]),
                       .ambiguous = ambiguous(parser)};
   if (const HttpError* error = http_map_head(head, out)) return error;
-  return can_be_met(view(message[http::field::expect])) ? nullptr : &kHttpExpectationFailed;
+  if (coded(parser)) return &kHttpNotImplemented;
+  const std::string_view expected = view(message[http::field::expect]);
+  const bool can_be_met = expected.empty() || same_word(expected, "100-continue");
+  return can_be_met ? nullptr : &kHttpExpectationFailed;
 }
 
 bool http_expects_continue(const HttpParser& parser) {

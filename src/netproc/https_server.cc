@@ -20,6 +20,10 @@ using boost::system::error_code;
 constexpr int kAcceptedPerTurn = 16;
 // After running out of descriptors or memory.
 constexpr std::chrono::milliseconds kAcceptRetry{500};
+// How often a full house is looked through for a place for the client that waits.
+constexpr std::chrono::milliseconds kSeatRetry{250};
+// The finite-field groups would let a client make us work much harder than itself.
+constexpr const char* kGroups = "X25519:P-256:P-384";
 constexpr const char* kCiphers = "ECDHE+AESGCM:ECDHE+CHACHA20";  // of TLS 1.2; 1.3 has no weak ones
 
 // A client that also speaks HTTP/2 must be told that this server does not.
@@ -41,6 +45,7 @@ int no_passphrase(char*, int, int, void*) { return 0; }
 // lives for months in memory that would open recorded connections.
 void harden(SSL_CTX* ctx) {
   SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
+  SSL_CTX_set1_groups_list(ctx, kGroups);
   SSL_CTX_set_cipher_list(ctx, kCiphers);
   SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET |
                                SSL_OP_CLEANSE_PLAINTEXT);
@@ -73,6 +78,7 @@ HttpsServer::HttpsServer(asio::io_context& loop, const HttpsLimits& limits,
   host_.closed = [this](const std::shared_ptr<Connection>& connection) {
     host_.clients.leave(connection->client().key);
     connections_.erase(connection);
+    seat_waiting_client();
     await_clients();
   };
 }
@@ -123,13 +129,14 @@ void HttpsServer::stop() {
   error_code ignored;  // closing is all that is left to do
   (void)acceptor_.close(ignored);
   retry_timer_.cancel();
+  waiting_client_.reset();
   const auto connections = std::exchange(connections_, {});
   for (const auto& connection : connections) connection->close();
   waiting_.clear();
 }
 
 void HttpsServer::await_clients() {
-  if (accepting_ || !acceptor_.is_open() || tls_ == nullptr) return;
+  if (accepting_ || waiting_client_ || !acceptor_.is_open() || tls_ == nullptr) return;
   accepting_ = true;
   acceptor_.async_wait(tcp::acceptor::wait_read, [this](const error_code& ec) {
     accepting_ = false;
@@ -138,8 +145,8 @@ void HttpsServer::await_clients() {
 }
 
 void HttpsServer::on_clients() {
-  for (int i = 0; i < kAcceptedPerTurn; ++i) {
-    if (host_.clients.full() && !make_room()) return;  // goes on when a connection closes
+  accepting_ = true;  // a connection that is closed meanwhile must not start a second wait
+  for (int i = 0; i < kAcceptedPerTurn && !waiting_client_; ++i) {
     TcpSocket socket(loop_.get_executor());
     error_code ec;
     (void)acceptor_.accept(socket, ec);
@@ -148,44 +155,76 @@ void HttpsServer::on_clients() {
     if (ec) return pause_accepting();
     welcome(std::move(socket));
   }
-  await_clients();
-}
-
-// Closes the connection that has been idle for the longest time.
-bool HttpsServer::make_room() {
-  std::shared_ptr<Connection> idlest;
-  std::chrono::steady_clock::time_point since;
-  for (const auto& connection : connections_) {
-    const auto idle = connection->idle_since();
-    if (!idle || (idlest != nullptr && *idle >= since)) continue;
-    idlest = connection;
-    since = *idle;
-  }
-  if (idlest == nullptr) return false;
-  accepting_ = true;  // closing it must not start a second wait
-  idlest->close();
   accepting_ = false;
-  return true;
+  waiting_client_ ? pause_accepting() : await_clients();
 }
 
+// A client is accepted before room is made for it: only then is it known whose room that may be.
 void HttpsServer::welcome(TcpSocket socket) {
   error_code ec;
   const auto peer = socket.remote_endpoint(ec);
   if (ec) return;  // it has gone already
   const ClientAddress client = client_address(ipv6_bytes(peer.address()));
-  if (host_.clients.admit(client.key) != Admission::Accepted) return;  // it has its share
+  if (seat(socket, client)) return;
+  waiting_client_ = std::move(socket);
+  waiting_address_ = client;
+}
+
+// False: there is no place now, and the socket is still the caller's. A client that has its share
+// and no connection of its own to spare is turned away.
+bool HttpsServer::seat(TcpSocket& socket, const ClientAddress& client) {
+  Admission admission = host_.clients.admit(client.key);
+  if (admission != Admission::Accepted &&
+      (make_room(&client.key) || (admission == Admission::Full && make_room(nullptr)))) {
+    admission = host_.clients.admit(client.key);
+  }
+  if (admission == Admission::Full) return false;
+  if (admission == Admission::ShareUsed) {
+    error_code ignored;  // closing is all that is left to do
+    (void)socket.close(ignored);
+    return true;
+  }
+  error_code ec;
   (void)socket.set_option(tcp::no_delay(true), ec);  // only costs speed when it fails
   const auto connection = std::make_shared<Connection>(host_, std::move(socket), tls_, client);
   connections_.insert(connection);
   connection->start();
+  return true;
 }
 
+// Closes the connection that has been to spare for the longest time, of this client only when one
+// is given.
+bool HttpsServer::make_room(const Ipv6Bytes* client) {
+  const auto now = Connection::Clock::now();
+  std::shared_ptr<Connection> chosen;
+  Connection::Clock::time_point chosen_since;
+  for (const auto& connection : connections_) {
+    if (client != nullptr && connection->client().key != *client) continue;
+    const auto since = connection->spare_since(now);
+    if (!since || (chosen != nullptr && *since >= chosen_since)) continue;
+    chosen = connection;
+    chosen_since = *since;
+  }
+  if (chosen != nullptr) chosen->close();
+  return chosen != nullptr;
+}
+
+void HttpsServer::seat_waiting_client() {
+  if (!waiting_client_) return;
+  TcpSocket socket = std::move(*waiting_client_);
+  waiting_client_.reset();  // first: closing a connection to make room comes back here
+  if (!seat(socket, waiting_address_)) waiting_client_ = std::move(socket);
+}
+
+// Goes on after a while: something ran out, or a client waits for a place.
 void HttpsServer::pause_accepting() {
   accepting_ = true;
-  retry_timer_.expires_after(kAcceptRetry);
+  retry_timer_.expires_after(waiting_client_ ? kSeatRetry : kAcceptRetry);
   retry_timer_.async_wait([this](const error_code& ec) {
     accepting_ = false;
-    if (!ec) await_clients();
+    if (ec) return;
+    seat_waiting_client();
+    waiting_client_ ? pause_accepting() : await_clients();
   });
 }
 

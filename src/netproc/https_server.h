@@ -1,6 +1,7 @@
 // The HTTPS side: the listening socket, the TLS settings, the connections and the requests that
-// wait for the scheduler. All places taken, new clients wait in the kernel's backlog unless an idle
-// connection can make room.
+// wait for the scheduler. All places taken, a new client gets that of a connection that is idle or
+// still in its handshake after a while, first of all one of its own; without such a place one
+// client waits here and the others in the kernel's backlog.
 #ifndef ORV_NETPROC_HTTPS_SERVER_H_
 #define ORV_NETPROC_HTTPS_SERVER_H_
 
@@ -9,6 +10,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <span>
 
@@ -40,8 +42,10 @@ class HttpsServer {
  private:
   void await_clients();
   void on_clients();
-  bool make_room();
   void welcome(TcpSocket socket);
+  bool seat(TcpSocket& socket, const ClientAddress& client);
+  bool make_room(const Ipv6Bytes* client);
+  void seat_waiting_client();
   void pause_accepting();
   std::uint32_t submit(const ApiRequest& request, const std::shared_ptr<Connection>& connection);
 
@@ -54,7 +58,9 @@ class HttpsServer {
   std::set<std::shared_ptr<Connection>> connections_;
   std::map<std::uint32_t, std::shared_ptr<Connection>> waiting_;  // by the id of their request
   std::uint32_t last_id_ = 0;
-  bool accepting_ = false;  // a wait on the listening socket is under way
+  bool accepting_ = false;                   // a wait on the listening socket is under way
+  std::optional<TcpSocket> waiting_client_;  // accepted, and without a place so far
+  ClientAddress waiting_address_;
 };
 
 }  // namespace orv

@@ -80,6 +80,9 @@ TEST_F(Https, HandsRequestsOverAndRepliesBack) {
   for (int i = 0; i < 50; ++i) {
     EXPECT_THAT(client.reply().body, HasSubstr("|/" + std::to_string(i) + "|"));
   }
+  EXPECT_TRUE(client.send("\r\n"));  // a blank line is no request, nor the beginning of one
+  EXPECT_TRUE(client.send("\r\n" + std::string(kGoodRequest)));
+  EXPECT_EQ(client.reply().status, 200);
   EXPECT_TRUE(client.send(kGoodRequest));
   client.finish_sending();
   EXPECT_EQ(client.reply().status, 200);  // half-closed, and still answered
@@ -108,6 +111,7 @@ TEST_F(Https, AnswersWhatCannotBeHandedOverItself) {
       {start + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400,
        "bad_request"},
       {start + "Transfer-Encoding: gzip\r\n\r\n", 400, "bad_request"},
+      {start + "Transfer-Encoding: gzip, chunked\r\n\r\n", 501, "not_implemented"},
       {start + "Authorization: a\r\nAuthorization: b\r\n\r\n", 400, "bad_request"},
       {"GET / HTTP/1.1\r\n\r\n", 400, "bad_request"},
       {"GET / HTTP/3.7\r\nHost: h\r\n\r\n", 400, "bad_request"},
@@ -163,7 +167,23 @@ TEST_F(Https, LeavesPlacesToOthersInAFlood) {
   TlsClient a(driver_->port()), b(driver_->port(), true, "127.0.0.2");
   TlsClient c(driver_->port(), true, "127.0.0.3"), d(driver_->port(), true, "127.0.0.4");
   for (TlsClient* client : {&a, &b, &c, &d}) EXPECT_EQ(client->ask(kGoodRequest).status, 200);
-  expect_good_client_served();  // an idle connection makes room
+  TlsClient again(driver_->port());  // a newcomer gets the place of its own idle connection
+  EXPECT_TRUE(a.closed());
+  for (TlsClient* client : {&again, &b, &c, &d}) EXPECT_EQ(client->ask(kGoodRequest).status, 200);
+  expect_good_client_served();  // of a newcomer's neighbours, the longest idle makes room
+  EXPECT_EQ(c.ask(kGoodRequest).status, 200);
+}
+
+TEST_F(Https, SilentClientsGiveTheirPlacesUpInAFullHouse) {
+  driver_.emplace(HttpsLimits{.crowded_handshake = 100ms}, echo);
+  serve(4);
+  std::list<TlsClient> silent;
+  for (int i = 0; i < 30; ++i) {
+    silent.emplace_back(driver_->port(), false, ("127.0.1." + std::to_string(i % 5 + 1)).c_str());
+  }
+  const auto begun = std::chrono::steady_clock::now();
+  expect_good_client_served();
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, HttpsLimits().handshake / 2);
 }
 
 TEST_F(Https, RefusesAnAddressAfterRepeatedAuthenticationFailures) {
@@ -186,13 +206,19 @@ TEST_F(Https, TakesModernTlsAndAKeyThatBelongsToItsCertificate) {
   expect_good_client_served();
   const std::string at = "127.0.0.1:" + std::to_string(driver_->port());
   const struct {
-    const char* option;
+    std::vector<std::string> options;
     bool accepted;
-  } kCases[] = {{"-tls1_3", true}, {"-tls1_2", true}, {"-tls1_1", false}};
+  } kCases[] = {{{"-tls1_3"}, true},
+                {{"-tls1_2"}, true},
+                {{"-tls1_1"}, false},
+                {{"-groups", "P-384"}, true},
+                {{"-groups", "ffdhe2048"}, false}};  // costs us more than the client
   for (const auto& c : kCases) {
-    const auto shown =
-        test::run_program({"openssl", "s_client", "-connect", at, c.option, "-cipher",
-                           "DEFAULT:@SECLEVEL=0", "-alpn", "h2,http/1.1"});
+    std::vector<std::string> argv = {"openssl", "s_client",   "-connect",
+                                     at,        "-cipher",    "DEFAULT:@SECLEVEL=0",
+                                     "-alpn",   "h2,http/1.1"};
+    argv.insert(argv.end(), c.options.begin(), c.options.end());
+    const auto shown = test::run_program(argv);
     EXPECT_EQ(test::contains(shown.out, "ALPN protocol: http/1.1"), c.accepted) << shown.out;
   }
 }
