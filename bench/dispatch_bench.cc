@@ -102,7 +102,7 @@ void IdlePass(benchmark::State& state) {
   for (Job& job : live.config->jobs) job.once = kNever - 1;
   dispatch_adopt_config(dispatch);
   for (auto _ : state) {
-    dispatch.guard = 0;
+    dispatch.passes_since_wait = 0;
     if (dispatch_pass(dispatch) != PassEnd::Wait) state.SkipWithError("a job was due");
   }
 }

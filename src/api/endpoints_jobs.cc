@@ -11,8 +11,8 @@
 #include "api/job_body.h"
 #include "api/job_change.h"
 #include "api/job_object.h"
+#include "sched/obstacle.h"
 #include "sched/queue_file.h"
-#include "sched/queue_runner.h"
 
 namespace orv {
 namespace {
@@ -35,8 +35,7 @@ bool is_running(const ApiCall& call, const JobName& job) {
   if (call.live.running.job == job) return true;
   QueueState queue;
   if (queue_load_readonly(queue, call.live.queue_path.c_str()) != ErrorCode::Ok) return false;
-  const QueueRecord* record = queue_find(queue, job.view());
-  return record != nullptr && queue_runner_alive(*record);
+  return job_runs_elsewhere(queue, job.view());
 }
 
 const Job* find_dependant(const Config& config, const JobName& name) {

@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -19,9 +19,8 @@
 #include "common/log.h"
 #include "config/config.h"
 #include "config/job_command.h"
-#include "sched/lost_run.h"
+#include "sched/obstacle.h"
 #include "sched/queue_file.h"
-#include "sched/queue_runner.h"
 #include "sched/run_now.h"
 
 namespace orv {
@@ -58,39 +57,13 @@ int run_and_report(const Request& request) {
   return rc == ErrorCode::Ok ? kExitOk : kExitFailed;
 }
 
-// Whether a tool without its scheduler stands in the way of `start`.
-bool refused_by_lost_run(const Request& request) {
-  const JobRunSettings& settings = request.settings;
-  const QueueRecord* const lost = find_lost_run(request.queue, request.config, settings.job_log_dir,
-                                                settings.timeout_s, ::time(nullptr));
-  if (lost == nullptr) return false;
-  std::fprintf(
-      stderr,
-      "error: job '%s': the tool of a run whose scheduler is gone is still running -- jobs run one "
-      "at a time, try again later (or use --force to run '%s' alongside it)\n",
-      std::string(record_name(*lost)).c_str(), request.job_name);
-  return true;
-}
-
-// Whether a job that runs already stands in the way of `start`; told on standard error, because
-// what the detached child finds is told in syslog only.
+// Whether a job that runs already stands in the way of `start`. Said on standard error, because
+// what the detached child finds goes to syslog only.
 bool refused(const Request& request) {
-  if (request.force) return false;
-  const QueueRecord* const runner = queue_find_live_runner(request.queue);
-  if (runner == nullptr) return refused_by_lost_run(request);
-  const char* const job = request.job_name;
-  const std::string running(record_name(*runner));
-  const std::uint32_t pid = queue_get_runner_pid(*runner);
-  if (running == request.job_name) {
-    std::fprintf(stderr, "error: job '%s' is already RUNNING (pid %u; use --force to override)\n",
-                 job, pid);
-  } else {
-    std::fprintf(
-        stderr,
-        "error: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
-        "use --force to run '%s' alongside it)\n",
-        running.c_str(), pid, job);
-  }
+  const std::optional<Obstacle> obstacle =
+      request.force ? std::nullopt : find_obstacle(request.queue);
+  if (!obstacle) return false;
+  std::fprintf(stderr, "error: %s\n", refusal_text(*obstacle, request.job_name).c_str());
   return true;
 }
 

@@ -21,7 +21,7 @@
 #include "plan/svg.h"
 #include "sched/job_log.h"
 #include "sched/job_run.h"
-#include "sched/lost_run.h"
+#include "sched/obstacle.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
 #include "sched/result_mail.h"
@@ -114,16 +114,16 @@ int write_svg(const Plan& plan, const Forecast& forecast, std::int64_t horizon, 
 
 // When the next job can start: now, unless a tool outlived its scheduler. That is told.
 std::int64_t free_at(const Plan& plan, const Durations& durations) {
-  const QueueRecord* lost = find_lost_run(plan.queue, plan.config, plan.job_log_dir,
-                                          plan.config.sched.job_timeout_s, plan.now);
-  if (lost == nullptr) return plan.now;
+  const std::optional<Obstacle> obstacle = find_obstacle(plan.queue);
+  if (!obstacle || !obstacle->lost) return plan.now;
   std::printf(
       "The tool of a run of job '%s' whose scheduler is gone is still running: nothing "
       "starts before it ends.\n\n",
-      printable(record_name(*lost)).c_str());
-  const auto known = durations.find(record_name(*lost));
-  return std::max(plan.now,
-                  lost->started_at + (known != durations.end() ? known->second : kGuessedDuration));
+      printable(obstacle->job).c_str());
+  const QueueRecord* const record = queue_find(plan.queue, obstacle->job);
+  const auto known = durations.find(obstacle->job);
+  return std::max(plan.now, (record != nullptr ? std::int64_t{record->started_at} : plan.now) +
+                                (known != durations.end() ? known->second : kGuessedDuration));
 }
 
 // True when one of the durations is a guess.
@@ -182,8 +182,7 @@ int plan_why(const Plan& plan, const Job& job) {
               state_note(queue_find(plan.seen, job.name.view())));
   print_next_runs(job, record, plan.now);
   print_last_runs(plan, job);
-  std::vector<std::string> reasons =
-      blockers(plan.config, plan.queue, plan.job_log_dir, job, plan.now);
+  std::vector<std::string> reasons = blockers(plan.config, plan.queue, job, plan.now);
   if (daemon_seems_absent()) {
     reasons.emplace_back("no daemon is running (no process 'orv_sched daemon' is to be seen)");
   }

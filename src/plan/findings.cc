@@ -10,7 +10,7 @@
 
 #include "common/files.h"
 #include "plan/describe.h"
-#include "sched/lost_run.h"
+#include "sched/obstacle.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
 
@@ -179,24 +179,22 @@ bool daemon_seems_absent() {
   });
 }
 
-std::vector<std::string> blockers(const Config& config, const QueueState& queue,
-                                  const std::string& job_log_dir, const Job& job,
+std::vector<std::string> blockers(const Config& config, const QueueState& queue, const Job& job,
                                   std::int64_t now) {
   if (!job.enabled) return {"it is disabled (enabled=no)"};
   const QueueRecord* record = queue_find(queue, job.name.view());
   if (record == nullptr) return {"it has no record in the queue"};
   std::vector<std::string> out;
-  if (const QueueRecord* runner = queue_find_live_runner(queue)) {
-    const std::string pid = std::to_string(queue_get_runner_pid(*runner));
-    if (record_state(*record) == JobState::Running) {
-      return {"it is running now (pid " + std::to_string(queue_get_runner_pid(*record)) + ")"};
-    }
-    out.push_back("job " + quoted(record_name(*runner)) + " is running (pid " + pid +
-                  "), and jobs run one at a time");
-  } else if (const QueueRecord* lost =
-                 find_lost_run(queue, config, job_log_dir, config.sched.job_timeout_s, now)) {
-    out.push_back("the tool of a run of job " + quoted(record_name(*lost)) +
-                  " whose scheduler is gone is still running, and nothing starts beside it");
+  if (record_state(*record) == JobState::Running) {
+    return {"it is running now (pid " + std::to_string(queue_get_runner_pid(*record)) + ")"};
+  }
+  if (const std::optional<Obstacle> obstacle = find_obstacle(queue)) {
+    const std::string pid = std::to_string(obstacle->pid);
+    out.push_back(obstacle->lost ? "the tool of a run of job " + quoted(obstacle->job) +
+                                       " whose scheduler is gone is still running (pid " + pid +
+                                       "), and nothing starts beside it"
+                                 : "job " + quoted(obstacle->job) + " is running (pid " + pid +
+                                       "), and jobs run one at a time");
   }
   if (std::string text = blocked_by_time(job, *record, now); !text.empty()) out.push_back(text);
   const std::vector<std::string> missing = missing_dependencies(queue, job);

@@ -17,8 +17,7 @@ namespace orv {
 // What keeps `job`, one of `config`'s, from being started at `now`; empty when it starts at the
 // daemon's next look. `queue` is in line with the configuration and without records of lost runs.
 [[nodiscard]] std::vector<std::string> blockers(const Config& config, const QueueState& queue,
-                                                const std::string& job_log_dir, const Job& job,
-                                                std::int64_t now);
+                                                const Job& job, std::int64_t now);
 
 // Whether processes of others are to be seen, and none of them is a daemon: nothing starts then.
 [[nodiscard]] bool daemon_seems_absent();

@@ -6,30 +6,18 @@
 #include <ctime>
 #include <memory>
 
+#include "common/clock.h"
 #include "common/files.h"
 #include "common/log.h"
 #include "sched/dispatch.h"
 #include "sched/queue_file.h"
+#include "sched/run_file.h"
+#include "sched/stop_signals.h"
 
 namespace orv {
 namespace {
 
 constexpr int kWaitStepMs = 1000;
-
-volatile sig_atomic_t stop_requested = 0;
-
-void request_stop(int) { stop_requested = 1; }
-
-void install_signal_handlers() {
-  stop_requested = 0;
-  struct sigaction action {};
-  action.sa_handler = request_stop;  // no SA_RESTART: a wait ends at once
-  ::sigemptyset(&action.sa_mask);
-  (void)::sigaction(SIGTERM, &action, nullptr);
-  (void)::sigaction(SIGINT, &action, nullptr);
-  // A log reader or a network process that goes away must not take the daemon along.
-  (void)::signal(SIGPIPE, SIG_IGN);
-}
 
 // Queue first, configuration second, both under the lock; on failure the cause was logged.
 ErrorCode start_up(Dispatch& d) {
@@ -42,6 +30,7 @@ ErrorCode start_up(Dispatch& d) {
     return rc;
   }
   dispatch_sweep(d);
+  remove_dead_run_files(d.queue.path);
   d.identity = file_identity(d.settings.config_path.c_str());
   d.live.config = std::make_unique<Config>();
   std::array<char, kConfigMessageSize> reason{};
@@ -69,22 +58,16 @@ void fill_live_state(Dispatch& d) {
 }
 
 // Whether something came up that a pass has not seen yet. A request that the last pass had to leave
-// in the list, because another process runs a job, is no news: it is looked at once a second.
-bool has_news(const LiveState& live, std::size_t known_requests) {
-  return stop_requested != 0 || live.config_changed || live.run_queue.size() > known_requests;
-}
-
-std::int64_t monotonic_ms() {
-  timespec now{};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
+// in the list, because another process runs a job, does not count: it is tried once a second.
+bool wait_is_over(const LiveState& live, std::size_t known_requests) {
+  return stop_requested() || live.config_changed || live.run_queue.size() > known_requests;
 }
 
 // One step of waiting. It takes its second also when the network process keeps talking, so that a
 // chatty one neither shortens the poll interval nor makes us scan the queue more often.
 void wait_step(LiveState& live, std::size_t known_requests) {
   const std::int64_t end = monotonic_ms() + kWaitStepMs;
-  for (std::int64_t left = kWaitStepMs; left > 0 && !has_news(live, known_requests);
+  for (std::int64_t left = kWaitStepMs; left > 0 && !wait_is_over(live, known_requests);
        left = end - monotonic_ms()) {
     net_wait(live.net, static_cast<int>(left));
   }
@@ -96,14 +79,14 @@ void wait_for_next_cycle(const DaemonSettings& settings, LiveState& live) {
   const std::size_t known_requests = live.run_queue.size();
   for (std::uint32_t step = 0; step < steps; ++step) {
     wait_step(live, known_requests);
-    if (has_news(live, known_requests) || !live.run_queue.empty()) return;
+    if (wait_is_over(live, known_requests) || !live.run_queue.empty()) return;
   }
 }
 
 void dispatch_until_stopped(Dispatch& d) {
-  while (stop_requested == 0) {
-    d.guard = 0;
-    while (dispatch_pass(d) == PassEnd::Again && stop_requested == 0) {
+  while (!stop_requested()) {
+    d.passes_since_wait = 0;
+    while (dispatch_pass(d) == PassEnd::Again && !stop_requested()) {
     }
     wait_for_next_cycle(d.settings, d.live);
   }
@@ -113,7 +96,9 @@ void dispatch_until_stopped(Dispatch& d) {
 
 ErrorCode daemon_loop(const DaemonSettings& settings, LiveState& live, ApiHandler handler,
                       void* handler_context) {
-  install_signal_handlers();
+  const StopSignals signals({SIGTERM, SIGINT}, IfIgnored::IsCaught);
+  // A log reader or a network process that goes away must not take the daemon along.
+  (void)::signal(SIGPIPE, SIG_IGN);
   Dispatch dispatch(settings, live, handler, handler_context);
   if (ErrorCode rc = start_up(dispatch); rc != ErrorCode::Ok) {
     live.config.reset();

@@ -11,7 +11,6 @@
 #include "common/log.h"
 #include "config/config.h"
 #include "config/job_command.h"
-#include "sched/lost_run.h"
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
@@ -121,46 +120,19 @@ void follow_config_file(Dispatch& d) {
   }
 }
 
-// Whether the note is another than the one last told of, which it then replaces.
-bool is_news(Dispatch& d, const std::string& note) {
-  FixedText<kMaxBusyNote> cut;
-  cut.set_truncated(note);
-  return !(std::exchange(d.busy_note, cut) == cut);
-}
-
-// Whether a job runs that this process has not started; told once for each job and runner.
+// Whether a job runs that this process has not started; reported once for each run.
 bool busy_elsewhere(Dispatch& d) {
-  if (const QueueRecord* const runner = queue_find_live_runner(d.queue)) {
-    const std::string job(record_name(*runner));
-    const std::uint32_t pid = queue_get_runner_pid(*runner);
-    if (is_news(d, job + "/" + std::to_string(pid))) {
-      log_msg(
-          LogLevel::Info,
-          "orv_sched: job '%s' is running in another process (pid %u) -- no job is started before "
-          "it ends",
-          job.c_str(), pid);
-    }
-    return true;
+  std::optional<Obstacle> obstacle = find_obstacle(d.queue);
+  if (obstacle && obstacle != d.reported_obstacle) {
+    log_msg(obstacle->lost ? LogLevel::Warn : LogLevel::Info, "orv_sched: %s",
+            waiting_text(*obstacle).c_str());
   }
-  const QueueRecord* const lost = find_lost_run(d.queue, *d.live.config, d.settings.job_log_dir,
-                                                d.settings.job_timeout_s, std::time(nullptr));
-  if (lost != nullptr) {
-    const std::string job(record_name(*lost));
-    if (is_news(d, job + "/")) {
-      log_msg(
-          LogLevel::Warn,
-          "orv_sched: job '%s': the tool of a run whose scheduler is gone is still running -- no "
-          "job is started before it ends",
-          job.c_str());
-    }
-    return true;
-  }
-  d.busy_note.clear();
-  return false;
+  d.reported_obstacle = std::move(obstacle);
+  return d.reported_obstacle.has_value();
 }
 
 bool guard_trips(Dispatch& d) {
-  if (++d.guard <= d.live.config->jobs.size() + 1) return false;
+  if (++d.passes_since_wait <= d.live.config->jobs.size() + 1) return false;
   log_msg(LogLevel::Error,
           "orv_sched: safety guard tripped in the dispatch loop (should be impossible, cycles are "
           "rejected at load time)");
@@ -169,17 +141,20 @@ bool guard_trips(Dispatch& d) {
 
 // A run reads the queue again at its end. What could not be saved before it is carried over it; of
 // the job itself the run knows better.
-RunResult run(Dispatch& d, const Job& job, JobRunResult& result) {
+JobRunResult run(Dispatch& d, const Job& job) {
   JobRunSettings settings;
   settings.timeout_s = time_limit(job, d.settings.job_timeout_s);
   settings.job_log_dir = d.settings.job_log_dir;
   settings.job_log_keep = d.settings.job_log_keep;
-  if (!d.unsaved) return run_job(job, settings, d.queue, d.lock, &d.services, result);
+  const auto run_it = [&] {
+    return run_job(job, settings, d.queue, d.lock, &d.poller, &d.live.running);
+  };
+  if (!d.unsaved) return run_it();
   QueueState before = d.queue;
   before.erase_if([&job](const QueueRecord& r) { return job.name == record_name(r); });
-  const RunResult outcome = run_job(job, settings, d.queue, d.lock, &d.services, result);
+  JobRunResult result = run_it();
   carry_over(before, d.queue);
-  return outcome;
+  return result;
 }
 
 // The end of every run: what happened is written before anybody is told.
@@ -204,15 +179,13 @@ void run_requested(Dispatch& d) {
   } else {
     log_msg(LogLevel::Info, "orv_sched: job '%s' started on request of API token '%s'",
             request.job.c_str(), request.token.c_str());
-    JobRunResult result;
-    run(d, *job, result);
-    finish_run(d, *job, result);
+    finish_run(d, *job, run(d, *job));
   }
-  d.guard = 0;
+  d.passes_since_wait = 0;
 }
 
 // Sets when the job runs next, and what it need not run for again.
-void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t stamp,
+void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t dependency_finish,
                    std::int64_t now) {
   QueueRecord* const record = queue_find(d.queue, job.name.view());
   if (record == nullptr) return;
@@ -226,17 +199,16 @@ void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t s
     record->next_run = kNever;  // a once job runs once, whatever its result
   }
   record->schedule_fingerprint = schedule_fingerprint(job);
-  if (!job.after.empty()) record->after_stamp = stamp;
+  if (!job.after.empty()) record->after_stamp = dependency_finish;
 }
 
 // Runs the first job that is due; false when none is.
 bool run_due(Dispatch& d) {
   for (const Job& job : d.live.config->jobs) {
-    std::int64_t stamp = 0;
-    if (!queue_job_due(d.queue, job, std::time(nullptr), stamp)) continue;
-    JobRunResult result;
-    run(d, job, result);
-    plan_next_run(d, job, result.result, stamp, std::time(nullptr));
+    std::int64_t dependency_finish = 0;
+    if (!queue_job_due(d.queue, job, std::time(nullptr), dependency_finish)) continue;
+    const JobRunResult result = run(d, job);
+    plan_next_run(d, job, result.result, dependency_finish, std::time(nullptr));
     finish_run(d, job, result);
     return true;
   }
@@ -251,11 +223,15 @@ Dispatch::Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHan
       live(live_in),
       handler(handler_in),
       handler_context(handler_context_in) {
-  struct Calls {
-    static void serve(void* context) { net_pump(static_cast<LiveState*>(context)->net); }
-    static int wait_fd(void* context) { return net_wait_fd(static_cast<LiveState*>(context)->net); }
+  poller.context = this;
+  poller.poll = [](void* context) {
+    LiveState& l = static_cast<Dispatch*>(context)->live;
+    net_pump(l.net);
+    return l.running.cancel_requested ? StopRequest::Terminate : StopRequest::None;
   };
-  services = {&Calls::serve, &Calls::wait_fd, &live, &live.running};
+  poller.wait_fd = [](void* context) {
+    return net_wait_fd(static_cast<Dispatch*>(context)->live.net);
+  };
 }
 
 void dispatch_adopt_config(Dispatch& d) {

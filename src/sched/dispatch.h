@@ -4,26 +4,25 @@
 #define ORV_SCHED_DISPATCH_H_
 
 #include <cstdint>
+#include <optional>
 
 #include "common/files.h"
-#include "common/fixed_text.h"
 #include "common/scoped_fd.h"
 #include "net/supervisor.h"
 #include "sched/daemon.h"
 #include "sched/job_run.h"
 #include "sched/live_state.h"
+#include "sched/obstacle.h"
 #include "sched/queue_state.h"
 
 namespace orv {
-
-inline constexpr std::size_t kMaxBusyNote = 159;  // bytes of "<job>/<pid>"
 
 // What the loop knows from pass to pass. `settings` and `live` outlive it; live.config is set
 // before the first pass.
 struct Dispatch {
   Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHandler handler_in,
            void* handler_context_in);
-  // It points into itself.
+  // Its poller points to it.
   Dispatch(const Dispatch&) = delete;
   Dispatch& operator=(const Dispatch&) = delete;
 
@@ -31,13 +30,13 @@ struct Dispatch {
   LiveState& live;
   ApiHandler handler;
   void* handler_context;
-  RunServices services;  // what a job run does for the network process and the API
+  Poller poller;  // serves the network process during a run
   QueueState queue;
-  ScopedFd lock;            // held during a pass
-  bool unsaved = false;     // the records hold changes that could not be written yet
-  FileIdentity identity;    // of the configuration file when it was last loaded, well or not
-  std::uint32_t guard = 0;  // passes since the last wait or API run
-  FixedText<kMaxBusyNote> busy_note;  // the run of another process that was last told of
+  ScopedFd lock;          // held during a pass
+  bool unsaved = false;   // the records hold changes that could not be written yet
+  FileIdentity identity;  // of the configuration file when it was last loaded, well or not
+  std::uint32_t passes_since_wait = 0;        // or since an API run, which starts the count anew
+  std::optional<Obstacle> reported_obstacle;  // the foreign run last reported
 };
 
 // What the loop does next.

@@ -1,8 +1,6 @@
 #include "sched/job_log.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -107,15 +105,6 @@ std::string job_log_trailer(std::int64_t finish, std::int32_t exit_code, bool ti
     text += std::string("cancelled: 1\ncancelled_by: ") + cancelled_by + "\n";
   }
   return text;
-}
-
-// A lock of the open file: the tool's standard output and error share it, and it ends with the last
-// of them. Failing to get it (another run of the same second has it) only loses the protection.
-void job_log_mark_used(int fd) { (void)::flock(fd, LOCK_EX | LOCK_NB); }
-
-bool job_log_in_use(const std::string& path) {
-  const ScopedFd fd = open_file(path.c_str(), O_RDONLY | O_NONBLOCK);
-  return fd.valid() && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer) {

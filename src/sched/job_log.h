@@ -58,12 +58,6 @@ struct JobLogFile {
 [[nodiscard]] std::string job_log_trailer(std::int64_t finish, std::int32_t exit_code,
                                           bool timed_out, const char* cancelled_by);
 
-// Marks the open log as in use, for as long as the tool (or what it has started) holds it open,
-// also beyond the life of the scheduler.
-void job_log_mark_used(int fd);
-// Whether somebody still holds the log at `path` open as a tool's output.
-[[nodiscard]] bool job_log_in_use(const std::string& path);
-
 // Reads the trailer of an open log from its last 512 bytes; the last marker wins.
 void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer);
 

@@ -14,7 +14,8 @@
 #include "config/job_command.h"
 #include "sched/job_log.h"
 #include "sched/queue_file.h"
-#include "sched/subprocess.h"
+#include "sched/run_file.h"
+#include "sched/stop_signals.h"
 
 namespace orv {
 namespace {
@@ -63,15 +64,15 @@ void store_outcome(QueueState& queue, const Job& job, const JobRunResult& result
   queue_set_runner_pid(record, 0);
 }
 
-RunResult fail_without_argv(const Job& job, const char* reason, QueueState& queue,
-                            JobRunResult& result) {
+JobRunResult fail_without_argv(const Job& job, const char* reason, QueueState& queue) {
+  JobRunResult result;
   log_msg(LogLevel::Error, "orv_sched: job '%s': cannot build argv: %s", job.name.c_str(), reason);
   result.result = RunResult::Failed;
   result.started = result.finished = std::time(nullptr);
   result.exit_code = -1;
   result.command.set_truncated("(cannot build the command line: " + std::string(reason) + ")");
   store_outcome(queue, job, result);
-  return result.result;
+  return result;
 }
 
 void join_command(const std::vector<const char*>& argv, JobRunResult& result) {
@@ -86,6 +87,8 @@ void join_command(const std::vector<const char*>& argv, JobRunResult& result) {
 
 // The log of one run. Without a file (`fd` empty) the tool writes where the scheduler writes.
 struct JobLog {
+  JobLog(const Job& job, const std::string& root, std::int64_t start)
+      : directory(job_log_directory(root, job.name.view())), path(job_log_path(directory, start)) {}
   std::string directory;
   std::string path;
   ScopedFd fd;
@@ -96,24 +99,19 @@ void write_to_log(const JobLog& log, const std::string& text) {
   log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
 }
 
-JobLog open_job_log(const Job& job, const std::vector<const char*>& argv, const std::string& root,
-                    JobRunResult& result) {
-  JobLog log;
-  log.directory = job_log_directory(root, job.name.view());
+void start_log(JobLog& log, const Job& job, const std::vector<const char*>& argv,
+               JobRunResult& result) {
   if (make_directories(log.directory) != ErrorCode::Ok) {
     log_msg(LogLevel::Warn, "orv_sched: cannot create job log dir %s", log.directory.c_str());
-    return log;
+    return;
   }
-  log.path = job_log_path(log.directory, result.started);
   log.fd = open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (!log.fd.valid()) {
     log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
-    return log;
+    return;
   }
-  job_log_mark_used(log.fd.get());
   result.log_path.set_truncated(log.path);
   write_to_log(log, job_log_header(job, argv, result.started));
-  return log;
 }
 
 // What the tool's run has left behind besides its exit code.
@@ -123,8 +121,8 @@ struct ToolRun {
   std::string cancelled_by;
 };
 
-// Names the running job in the slot for as long as it can be cancelled. A request that comes in the
-// moment of the run's end is dropped here and cannot hit the next run.
+// Names the running job in the slot for as long as it can be cancelled. A request arriving just as
+// the run ends is dropped here and cannot hit the next run.
 class SlotHolder {
  public:
   SlotHolder(CancelSlot* slot, const Job& job) : slot_(slot) {
@@ -138,39 +136,26 @@ class SlotHolder {
   SlotHolder(const SlotHolder&) = delete;
   SlotHolder& operator=(const SlotHolder&) = delete;
   [[nodiscard]] std::string canceller() const {
-    const bool named = slot_ != nullptr && !slot_->cancelled_by.empty();
-    return std::string("API token ") + (named ? slot_->cancelled_by.c_str() : "?");
+    if (slot_ == nullptr) return stop_signal_name();
+    const char* const token = slot_->cancelled_by.empty() ? "?" : slot_->cancelled_by.c_str();
+    return std::string("API token ") + token;
   }
 
  private:
   CancelSlot* slot_;
 };
 
-PollCallback callback_of(const RunServices& services) {
-  struct Calls {
-    static bool poll(void* context) {
-      const auto& s = *static_cast<const RunServices*>(context);
-      if (s.serve != nullptr) s.serve(s.context);
-      return s.cancel != nullptr && s.cancel->cancel_requested;
-    }
-    static int wait_fd(void* context) {
-      const auto& s = *static_cast<const RunServices*>(context);
-      return s.wait_fd != nullptr ? s.wait_fd(s.context) : -1;
-    }
-  };
-  return {&Calls::poll, &Calls::wait_fd, const_cast<RunServices*>(&services)};
-}
-
 ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint32_t timeout_s,
-                 int out_fd, const RunServices* services) {
+                 int out_fd, RunFile& run_file, const Poller* poller, CancelSlot* slot) {
   ToolRun run;
   CommandOptions options;
   options.timeout_s = timeout_s != 0 ? timeout_s : kDefaultJobTimeout;
-  const SlotHolder slot(services != nullptr ? services->cancel : nullptr, job);
-  PollCallback callback;
-  if (services != nullptr) callback = callback_of(*services);
-  run.started = run_command(argv.data(), options, out_fd, services != nullptr ? &callback : nullptr,
-                            run.outcome) == 0;
+  options.before_exec.context = &run_file;
+  options.before_exec.call = [](void* context, pid_t tool) {
+    static_cast<RunFile*>(context)->add_tool(tool);
+  };
+  const SlotHolder holder(slot, job);
+  run.started = run_command(argv.data(), options, out_fd, poller, run.outcome) == 0;
   if (!run.started) {
     log_msg(LogLevel::Error, "orv_sched: job '%s': cannot start a process: %s", job.name.c_str(),
             std::strerror(errno));
@@ -178,7 +163,7 @@ ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint
     log_msg(LogLevel::Error, "orv_sched: job '%s': cannot execute %s: %s", job.name.c_str(),
             argv[0], std::strerror(run.outcome.exec_error));
   }
-  run.cancelled_by = slot.canceller();
+  run.cancelled_by = holder.canceller();
   return run;
 }
 
@@ -186,6 +171,14 @@ RunResult decide(const ToolRun& run) {
   if (!run.started || run.outcome.cancelled || run.outcome.timed_out) return RunResult::Failed;
   if (run.outcome.exit_code == 0) return RunResult::Done;
   return run.outcome.exit_code == kExitBusy ? RunResult::Busy : RunResult::Failed;
+}
+
+void conclude_log(JobLog& log, std::uint32_t keep, const ToolRun& run, const JobRunResult& result) {
+  const char* const canceller = run.outcome.cancelled ? run.cancelled_by.c_str() : nullptr;
+  write_to_log(log,
+               job_log_trailer(result.finished, result.exit_code, result.timed_out, canceller));
+  log.fd.reset();
+  rotate_job_logs(log.directory, keep);
 }
 
 void reload_queue(QueueState& queue) {
@@ -196,39 +189,40 @@ void reload_queue(QueueState& queue) {
 
 }  // namespace
 
-RunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue, ScopedFd& lock,
-                  const RunServices* services, JobRunResult& result) {
-  result = {};
+JobRunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue,
+                     ScopedFd& lock, const Poller* poller, CancelSlot* slot) {
   std::vector<const char*> argv;
   std::array<char, kArgvMessageSize> reason{};
   if (build_argv(job, settings.background, argv, reason) != 0) {
-    return fail_without_argv(job, reason.data(), queue, result);
+    return fail_without_argv(job, reason.data(), queue);
   }
+  JobRunResult result;
   join_command(argv, result);
   result.started = std::time(nullptr);
+  JobLog log(job, settings.job_log_dir, result.started);
+  // Before the record: should the queue be full, others see the run all the same. It is removed
+  // when this function ends, with the lock taken again, so that nobody sees the job between two
+  // states.
+  RunFile run_file(queue.path, job.name.view(), log.path);
   mark_running(queue, job, result.started);
   lock.reset();  // from here on others can read the queue and see who runs
 
-  JobLog log = open_job_log(job, argv, settings.job_log_dir, result);
+  start_log(log, job, argv, result);
   log_msg(LogLevel::Info, "orv_sched: job '%s' starting (%s)", job.name.c_str(), argv[0]);
-  const ToolRun run = run_tool(job, argv, settings.timeout_s, log.fd.get(), services);
+  const ToolRun run = run_tool(job, argv, settings.timeout_s, log.fd.get(), run_file, poller, slot);
   result.finished = std::time(nullptr);
   result.exit_code = run.outcome.exit_code;
   result.timed_out = run.outcome.timed_out;
   result.result = decide(run);
-  const bool cancelled = run.started && run.outcome.cancelled;
-  write_to_log(log, job_log_trailer(result.finished, result.exit_code, result.timed_out,
-                                    cancelled ? run.cancelled_by.c_str() : nullptr));
-  log.fd.reset();
-  rotate_job_logs(log.directory, settings.job_log_keep);
+  conclude_log(log, settings.job_log_keep, run, result);
   log_msg(LogLevel::Info, "orv_sched: job '%s' finished exit=%d timed_out=%d%s result=%s",
           job.name.c_str(), result.exit_code, result.timed_out ? 1 : 0,
-          cancelled ? " cancelled=1" : "", result_word(result.result));
+          run.outcome.cancelled ? " cancelled=1" : "", result_word(result.result));
 
   lock = queue_lock(queue.path.c_str());
   reload_queue(queue);
   store_outcome(queue, job, result);
-  return result.result;
+  return result;
 }
 
 }  // namespace orv

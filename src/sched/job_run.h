@@ -10,6 +10,7 @@
 #include "common/scoped_fd.h"
 #include "config/config.h"
 #include "sched/queue_state.h"
+#include "sched/subprocess.h"
 
 namespace orv {
 
@@ -37,21 +38,11 @@ struct JobRunResult {
   FixedText<kMaxLogPath> log_path;     // empty when no log was written
 };
 
-// Who is running now, and whether the API wants it stopped. Shared by the run and the API.
+// What is running now, and whether the API wants it stopped. Shared by the run and the API.
 struct CancelSlot {
   JobName job;  // empty when none
   bool cancel_requested = false;
   FixedText<64> cancelled_by;  // name of the API token
-};
-
-// What a run does for others while it waits for its child. The run knows nothing of the network
-// process: it calls `serve` at least every 50 ms, and at once when `wait_fd` (if there is one now)
-// is readable. `cancel` may be null.
-struct RunServices {
-  void (*serve)(void* context) = nullptr;
-  int (*wait_fd)(void* context) = nullptr;  // -1: none now
-  void* context = nullptr;
-  CancelSlot* cancel = nullptr;
 };
 
 struct JobRunSettings {
@@ -64,9 +55,12 @@ struct JobRunSettings {
 // Runs `job`. Needs the queue lock in `lock`; it is given up while the tool runs and taken again
 // afterwards (empty when that failed). The record of the job holds the outcome on return, but the
 // queue is not saved: the caller does so once it has set the next run. Pointers into `queue` are
-// stale. `services` may be null.
-RunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue, ScopedFd& lock,
-                  const RunServices* services, JobRunResult& result);
+// stale. The run knows nothing of the network process: `poller` serves it, and says when the tool
+// is to be stopped. Without a `slot` it is a signal to this process that stops it. Both may be
+// null.
+[[nodiscard]] JobRunResult run_job(const Job& job, const JobRunSettings& settings,
+                                   QueueState& queue, ScopedFd& lock, const Poller* poller,
+                                   CancelSlot* slot);
 
 }  // namespace orv
 

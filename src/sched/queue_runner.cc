@@ -1,37 +1,18 @@
 #include "sched/queue_runner.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
-
-#include "common/files.h"
 #include "common/log.h"
-#include "common/version.h"
+#include "sched/process.h"
 #include "sched/queue_file.h"
 
 namespace orv {
 namespace {
 
-constexpr std::size_t kMaxComm = 31;  // bytes read of the process's name
-
-// The name must be the scheduler's exactly: its network process has it as a prefix.
-bool is_scheduler(std::uint32_t pid) {
-  std::array<char, 32> path{};
-  std::snprintf(path.data(), path.size(), "/proc/%u/comm", pid);
-  const ScopedFd fd = open_file(path.data(), O_RDONLY);
-  if (!fd.valid()) return false;
-  std::array<char, kMaxComm> comm{};
-  std::size_t got = 0;
-  if (read_at(fd.get(), 0, comm, got) != ErrorCode::Ok || got == 0) return false;
-  const std::string_view text(comm.data(), got);
-  return text.substr(0, text.find('\n')) == kProgramName;
-}
-
 bool runner_present(const QueueRecord& record) {
   const std::uint32_t pid = queue_get_runner_pid(record);
-  return pid != 0 && pid != static_cast<std::uint32_t>(::getpid()) && is_scheduler(pid);
+  return pid != 0 && pid != static_cast<std::uint32_t>(::getpid()) &&
+         is_scheduler(static_cast<pid_t>(pid));
 }
 
 bool runner_gone(const QueueRecord& record) {

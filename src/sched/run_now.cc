@@ -1,46 +1,36 @@
 #include "sched/run_now.h"
 
-#include <ctime>
+#include <signal.h>
+
+#include <optional>
 #include <string>
-#include <utility>
 
 #include "common/log.h"
-#include "sched/lost_run.h"
+#include "sched/obstacle.h"
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/result_mail.h"
+#include "sched/run_file.h"
+#include "sched/stop_signals.h"
 
 namespace orv {
 namespace {
 
-// Whether a job runs already, beside which `job` must not be started; logged.
-bool refused(const QueueState& queue, const Config& config, const JobRunSettings& settings,
-             const std::string& job) {
-  if (const QueueRecord* const runner = queue_find_live_runner(queue)) {
-    const std::string running(record_name(*runner));
-    const std::uint32_t pid = queue_get_runner_pid(*runner);
-    if (running == job) {
-      log_msg(LogLevel::Error,
-              "orv_sched: job '%s' is already RUNNING (pid %u; use --force to override)",
-              job.c_str(), pid);
-    } else {
-      log_msg(
-          LogLevel::Error,
-          "orv_sched: job '%s' is RUNNING (pid %u) -- jobs run one at a time, try again later (or "
-          "use --force to run '%s' alongside it)",
-          running.c_str(), pid, job.c_str());
-    }
-    return true;
-  }
-  const QueueRecord* const lost =
-      find_lost_run(queue, config, settings.job_log_dir, settings.timeout_s, std::time(nullptr));
-  if (lost == nullptr) return false;
-  log_msg(
-      LogLevel::Error,
-      "orv_sched: job '%s': the tool of a run whose scheduler is gone is still running -- jobs run "
-      "one at a time, try again later (or use --force to run '%s' alongside it)",
-      std::string(record_name(*lost)).c_str(), job.c_str());
-  return true;
+// SIGTERM, SIGHUP and Ctrl-C end the tool, and the run with it; Ctrl-C again does so at once.
+StopRequest requested_stop(void*) {
+  if (!stop_requested()) return StopRequest::None;
+  return stop_is_urgent() ? StopRequest::Kill : StopRequest::Terminate;
+}
+
+// Signals are caught until the outcome is saved; the mail after it may be interrupted.
+JobRunResult run_and_save(const Job& job, const JobRunSettings& settings, QueueState& queue,
+                          ScopedFd& lock) {
+  const StopSignals signals({SIGINT, SIGTERM, SIGHUP}, IfIgnored::StaysIgnored);
+  const Poller poller{requested_stop, nullptr, nullptr};
+  JobRunResult result = run_job(job, settings, queue, lock, &poller, nullptr);
+  queue_log_unsaved(queue, queue_save(queue));
+  lock.reset();
+  return result;
 }
 
 }  // namespace
@@ -61,14 +51,16 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
             queue.path.c_str());
   }
   queue_log_unsaved(queue, queue_sweep_stale_runners(queue));
-  if (!force && refused(queue, config, settings, name)) return ErrorCode::Unavailable;
+  remove_dead_run_files(queue.path);
+  const std::optional<Obstacle> obstacle = force ? std::nullopt : find_obstacle(queue);
+  if (obstacle) {
+    log_msg(LogLevel::Error, "orv_sched: %s", refusal_text(*obstacle, name).c_str());
+    return ErrorCode::Unavailable;
+  }
   settings.timeout_s = time_limit(*job, settings.timeout_s);
-  JobRunResult result;
-  const RunResult outcome = run_job(*job, settings, queue, lock, nullptr, result);
-  queue_log_unsaved(queue, queue_save(queue));
-  lock.reset();
+  const JobRunResult result = run_and_save(*job, settings, queue, lock);
   send_result_mail(config, name, result, nullptr);
-  return outcome == RunResult::Done ? ErrorCode::Ok : ErrorCode::IoError;
+  return result.result == RunResult::Done ? ErrorCode::Ok : ErrorCode::IoError;
 }
 
 }  // namespace orv

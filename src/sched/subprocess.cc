@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,11 +12,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "common/clock.h"
 #include "common/scoped_fd.h"
 
 namespace orv {
@@ -25,12 +26,6 @@ constexpr int kExecFailed = 127;
 // How often the served descriptor may still be readable right after it was served before the next
 // wait leaves it out: whoever floods it, or a descriptor that stays hung up, cannot make us spin.
 constexpr int kMaxHotRounds = 8;
-
-std::int64_t monotonic_ns() {
-  timespec ts{};
-  ::clock_gettime(CLOCK_MONOTONIC, &ts);
-  return ts.tv_sec * std::int64_t{1'000'000'000} + ts.tv_nsec;
-}
 
 std::int64_t whole_seconds_since(std::int64_t start_ns) {
   return (monotonic_ns() - start_ns) / 1'000'000'000;
@@ -45,7 +40,8 @@ struct ChildPlan {
   std::vector<std::string> owned_candidates;
   std::vector<char*> candidates;  // the program's possible paths, in the order of the PATH
   int out_fd = -1;                // becomes standard output and error; -1 leaves them alone
-  int error_fd = -1;              // takes the errno of a failed exec
+  int leash_fd = -1;              // the child's end of its leash
+  int parents_leash_fd = -1;      // the other end, which the child must not keep open
 };
 
 std::string_view variable_name(std::string_view setting) {
@@ -137,10 +133,19 @@ int exec_candidates(ChildPlan& plan) {
   return error;
 }
 
+// Waits until the parent lets the child go. False when the parent is gone: its end is closed then,
+// and nobody has written down what this child would do.
+bool let_go(const ChildPlan& plan) {
+  (void)::close(plan.parents_leash_fd);  // or this process itself would keep the end open
+  char byte = 0;
+  return ::read(plan.leash_fd, &byte, 1) == 1;
+}
+
 // The child, from fork to exec: async-signal-safe calls only. Every signal is blocked on entry, so
 // that none can reach a handler of the scheduler's in here.
 [[noreturn]] void run_child(ChildPlan& plan) {
   (void)::setpgid(0, 0);  // the parent does the same; whoever comes first wins
+  if (!let_go(plan)) ::_exit(kExecFailed);
   if (plan.out_fd >= 0) {
     place_descriptor(plan.out_fd, STDOUT_FILENO);
     place_descriptor(plan.out_fd, STDERR_FILENO);
@@ -156,7 +161,7 @@ int exec_candidates(ChildPlan& plan) {
   ::sigemptyset(&none);
   (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
   const int error = exec_candidates(plan);
-  if (plan.error_fd >= 0) (void)!::write(plan.error_fd, &error, sizeof error);
+  (void)!::write(plan.leash_fd, &error, sizeof error);  // nobody reads it when the parent is gone
   ::_exit(kExecFailed);
 }
 
@@ -186,9 +191,27 @@ pid_t start_child(ChildPlan& plan) {
   return pid;
 }
 
+// The socket between a child and its parent: a byte from the parent lets the child go, the end of
+// file tells it that the parent is gone, and the errno of a failed exec comes back on it.
+struct Leash {
+  ScopedFd parent_end;
+  ScopedFd child_end;
+};
+
+bool make_leash(Leash& leash) {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
+  leash.parent_end.reset(ends[0]);
+  leash.child_end.reset(ends[1]);
+  // It must not lie where the tool's own descriptors are put.
+  leash.child_end.reset(::fcntl(ends[1], F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  return leash.child_end.valid();
+}
+
 // A running child and how it is waited for.
 struct Child {
   pid_t pid = -1;
+  ScopedFd leash;  // the parent's end
   ScopedFd pidfd;  // readable once the child has ended; empty on a kernel without
   int status = 0;  // raw wait status, valid once it has ended
   bool reaped = false;
@@ -217,6 +240,13 @@ bool wait_for_child_or(const Child& child, int fd, int timeout_ms) {
   return ready > 0 && fds[1].revents != 0;
 }
 
+// A stopped child (one that reads from a terminal, say) would never see the signal: it is
+// continued.
+void ask_to_end(const Child& child) {
+  signal_group(child, SIGTERM);
+  signal_group(child, SIGCONT);
+}
+
 // The time limit and the stop of a child: SIGTERM once, SIGKILL when that did not help.
 struct StopWatch {
   std::int64_t started = monotonic_ns();
@@ -224,10 +254,10 @@ struct StopWatch {
 };
 
 // True when the child had to be killed and is gone.
-bool enforce_limits(StopWatch& watch, const CommandOptions& options, bool cancel, Child& child,
-                    RunOutcome& outcome) {
+bool enforce_limits(StopWatch& watch, const CommandOptions& options, StopRequest request,
+                    Child& child, RunOutcome& outcome) {
   if (watch.terminated < 0) {
-    if (cancel) {
+    if (request != StopRequest::None) {
       outcome.cancelled = true;
     } else if (whole_seconds_since(watch.started) >= options.timeout_s) {
       outcome.timed_out = true;
@@ -235,30 +265,35 @@ bool enforce_limits(StopWatch& watch, const CommandOptions& options, bool cancel
       return false;
     }
     watch.terminated = monotonic_ns();
-    signal_group(child, SIGTERM);
+    ask_to_end(child);
     return false;
   }
-  if (whole_seconds_since(watch.terminated) <= options.kill_after_s) return false;
+  if (request != StopRequest::Kill &&
+      whole_seconds_since(watch.terminated) <= options.kill_after_s) {
+    return false;
+  }
   signal_group(child, SIGKILL);
   return reap(child, 0);
 }
 
-void wait_serving(Child& child, const CommandOptions& options, const PollCallback* callback,
+void wait_serving(Child& child, const CommandOptions& options, const Poller* poller,
                   RunOutcome& outcome) {
+  static constexpr Poller kNobody;
+  const Poller& served = poller != nullptr ? *poller : kNobody;
   StopWatch watch;
   int hot_rounds = 0;
-  const auto served_fd = [callback] {
-    const bool known = callback != nullptr && callback->wait_fd != nullptr;
-    return known ? callback->wait_fd(callback->context) : -1;
+  const auto served_fd = [&served] {
+    return served.wait_fd != nullptr ? served.wait_fd(served.context) : -1;
   };
   for (;;) {
-    const bool serve = callback != nullptr && callback->poll != nullptr;
     const int fd = hot_rounds < kMaxHotRounds ? served_fd() : -1;
     if (hot_rounds >= kMaxHotRounds) hot_rounds = 0;
     const bool woken = wait_for_child_or(child, fd, kServeIntervalMs);
-    const bool cancel = serve && callback->poll(callback->context);
+    // Served before the child is reaped: a request that came in during the run belongs to the run.
+    const StopRequest request =
+        served.poll != nullptr ? served.poll(served.context) : StopRequest::None;
     if (reap(child, WNOHANG)) return;
-    if (enforce_limits(watch, options, cancel, child, outcome)) return;
+    if (enforce_limits(watch, options, request, child, outcome)) return;
     if (woken) {
       pollfd again{served_fd(), POLLIN, 0};
       hot_rounds = ::poll(&again, 1, 0) > 0 ? hot_rounds + 1 : 0;
@@ -309,16 +344,29 @@ void wait_capturing(Child& child, const CommandOptions& options, Capture& captur
     const bool readable = wait_for_child_or(child, capture.pipe.get(), kCaptureIntervalMs);
     if (readable) (void)capture_some(capture);
     if (reap(child, WNOHANG)) break;
-    if (enforce_limits(watch, options, false, child, outcome)) break;
+    if (enforce_limits(watch, options, StopRequest::None, child, outcome)) break;
   }
   if (capture.pipe.valid()) capture_rest(capture);
 }
 
-Child adopt(pid_t pid) {
-  Child child;
-  child.pid = pid;
-  child.pidfd.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));  // close-on-exec
-  return child;
+// Starts the child on its leash; false when that failed.
+bool start(ChildPlan& plan, Child& child) {
+  Leash leash;
+  if (!make_leash(leash)) return false;
+  plan.leash_fd = leash.child_end.get();
+  plan.parents_leash_fd = leash.parent_end.get();
+  child.pid = start_child(plan);
+  if (child.pid < 0) return false;
+  child.leash = std::move(leash.parent_end);
+  child.pidfd.reset(static_cast<int>(::syscall(SYS_pidfd_open, child.pid, 0U)));  // close-on-exec
+  return true;
+}
+
+// Lets the started child execute its program.
+void release(const Child& child, const BeforeExec& before) {
+  if (before.call != nullptr) before.call(before.context, child.pid);
+  // It can only fail when the child has been killed, and then its status says so.
+  (void)!::send(child.leash.get(), "", 1, MSG_NOSIGNAL);
 }
 
 struct Pipe {
@@ -334,20 +382,11 @@ bool make_pipe(Pipe& pipe, int flags) {
   return true;
 }
 
-// The pipe on which a failed exec tells its errno; a successful one just closes it. The descriptor
-// must not lie where the tool's own are put.
-Pipe make_error_pipe() {
-  Pipe pipe;
-  if (!make_pipe(pipe, O_NONBLOCK)) return pipe;  // then only the exit status tells
-  pipe.write_end.reset(::fcntl(pipe.write_end.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  return pipe;
-}
-
-void conclude(const Child& child, const Pipe& errors, RunOutcome& outcome) {
+void conclude(const Child& child, RunOutcome& outcome) {
   if (WIFEXITED(child.status)) outcome.exit_code = WEXITSTATUS(child.status);
   int error = 0;
-  if (errors.read_end.valid() &&
-      ::read(errors.read_end.get(), &error, sizeof error) == static_cast<ssize_t>(sizeof error)) {
+  if (::recv(child.leash.get(), &error, sizeof error, MSG_DONTWAIT) ==
+      static_cast<ssize_t>(sizeof error)) {
     outcome.exec_error = error;
   }
 }
@@ -362,33 +401,27 @@ int run_command_captured(const char* const* argv, const CommandOptions& options,
   Pipe pipe;
   if (!make_pipe(pipe, 0)) return -1;
   (void)::fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK);  // the writer's end stays blocking
-  Pipe errors = make_error_pipe();
   plan.out_fd = pipe.write_end.get();
-  plan.error_fd = errors.write_end.get();
-  const pid_t pid = start_child(plan);
-  if (pid < 0) return -1;
+  Child child;
+  if (!start(plan, child)) return -1;
   pipe.write_end.reset();
-  errors.write_end.reset();
-  Child child = adopt(pid);
+  release(child, options.before_exec);
   Capture capture{std::move(pipe.read_end), output};
   wait_capturing(child, options, capture, outcome);
-  conclude(child, errors, outcome);
+  conclude(child, outcome);
   return 0;
 }
 
 int run_command(const char* const* argv, const CommandOptions& options, int out_fd,
-                const PollCallback* callback, RunOutcome& outcome) {
+                const Poller* poller, RunOutcome& outcome) {
   outcome = {};
   ChildPlan plan = make_plan(argv, options);
-  Pipe errors = make_error_pipe();
   plan.out_fd = out_fd;
-  plan.error_fd = errors.write_end.get();
-  const pid_t pid = start_child(plan);
-  if (pid < 0) return -1;
-  errors.write_end.reset();
-  Child child = adopt(pid);
-  wait_serving(child, options, callback, outcome);
-  conclude(child, errors, outcome);
+  Child child;
+  if (!start(plan, child)) return -1;
+  release(child, options.before_exec);
+  wait_serving(child, options, poller, outcome);
+  conclude(child, outcome);
   return 0;
 }
 

@@ -82,8 +82,9 @@ TEST_F(RunStartTest, StartRefusesBesideAToolThatLostItsScheduler) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_TRUE(contains(refused.err,
                        "error: job 'a': the tool of a run whose scheduler is gone is still "
-                       "running -- jobs run one at a time"))
+                       "running (pid "))
       << refused.err;
+  EXPECT_TRUE(contains(refused.err, ".log) -- jobs run one at a time, try again later"));
   home_.write("go", "");
   EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("gone")); }));
 }

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <array>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "plan/forecast.h"
 #include "plan/history.h"
 #include "plan/svg.h"
+#include "sched/process.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
 #include "support/support.h"
@@ -152,8 +154,7 @@ TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
       "after-mode=finished\n[off]\nenabled=no\n");
   const auto why = [&](const char* name) {
     std::string text;
-    for (const std::string& reason :
-         blockers(config_, queue_, dir_.path(), *find_job(config_, name), kMonday)) {
+    for (const std::string& reason : blockers(config_, queue_, *find_job(config_, name), kMonday)) {
       text += reason + "\n";
     }
     return text;
@@ -177,13 +178,11 @@ TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
   queue_find(queue_, "third")->after_stamp = 0;
   EXPECT_EQ(why("third"),
             "it is due, but job 'first' is due too and stands before it in the configuration\n");
-  first.started_at = kMonday - 5;  // failed and never concluded: its tool may live on
-  const std::string log = job_log_path(job_log_directory(dir_.path(), "first"), first.started_at);
-  std::filesystem::create_directories(dir_.file("first"));
-  const ScopedFd tool(::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  EXPECT_FALSE(contains(why("third"), "scheduler is gone"));
-  job_log_mark_used(tool.get());
-  EXPECT_TRUE(contains(why("third"), "a run of job 'first' whose scheduler is gone")) << log;
+  // A run file whose runner is gone; this very process stands for the tool that goes on.
+  queue_.path = dir_.file("queue");
+  std::filesystem::create_symlink(
+      boot_name() + "/1.1/" + std::to_string(::getpid()) + ".0/first//log", queue_.path + ".run.1");
+  EXPECT_TRUE(contains(why("third"), "a run of job 'first' whose scheduler is gone"));
 }
 
 TEST_F(PlanTest, CheckFindsWhatIsLegalButSurprising) {

@@ -10,7 +10,9 @@
 #include <string>
 
 #include "sched/job_log.h"
+#include "sched/process.h"
 #include "sched/queue_file.h"
+#include "sched/run_file.h"
 #include "sched/run_now.h"
 #include "support/support.h"
 
@@ -45,7 +47,7 @@ class DispatchTest : public ::testing::Test {
   // One cycle of passes; what it logged.
   std::string cycle() {
     ::testing::internal::CaptureStderr();
-    dispatch_->guard = 0;
+    dispatch_->passes_since_wait = 0;
     while (dispatch_pass(*dispatch_) == PassEnd::Again) {
     }
     EXPECT_FALSE(dispatch_->lock.valid());
@@ -67,6 +69,7 @@ class DispatchTest : public ::testing::Test {
 
   TempDir dir_;
   ScopedEnv path_{"PATH", dir_.file("bin") + ":/usr/bin:/bin"};
+  test::Program other_{{"sleep", "100"}};  // another process
   DaemonSettings settings_;
   LiveState live_;
   std::unique_ptr<Dispatch> dispatch_;
@@ -136,28 +139,48 @@ TEST_F(DispatchTest, FollowsTheConfigurationFileAndKeepsTheOldOneWhenItIsBroken)
   EXPECT_EQ(runs(), "a\nb\n");
 }
 
-TEST_F(DispatchTest, StartsNothingBesideAToolThatOutlivedItsScheduler) {
+TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
   configure("[a]\nprofile=a\nonce=1\n[b]\nprofile=b\nonce=1\n");
   start();
-  QueueRecord lost = saved("a");
-  record_set_state(lost, JobState::Failed);  // as the sweep leaves it: without a finish time
-  lost.started_at = std::time(nullptr);
-  ASSERT_EQ(queue_upsert(dispatch_->queue, lost), ErrorCode::Ok);
-  const std::string log = job_log_path(settings_.job_log_dir + "/a", lost.started_at);
-  dir_.write(log.substr(dir_.path().size() + 1), "");
-  ScopedFd tool(open_file(log.c_str(), O_WRONLY | O_APPEND));
-  job_log_mark_used(tool.get());
-  EXPECT_TRUE(contains(cycle(),
-                       "WARN  orv_sched: job 'a': the tool of a run whose scheduler is "
-                       "gone is still running -- no job is started before it ends\n"));
-  EXPECT_EQ(cycle(), "");
-  EXPECT_EQ(runs(), "");
-  JobRunSettings settings;
-  settings.job_log_dir = settings_.job_log_dir;
-  EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings, false), ErrorCode::Unavailable);
-  tool.reset();
-  cycle();
-  EXPECT_EQ(runs(), "a\nb\n");
+  const pid_t sleeper = other_.pid();
+  const std::string pid = std::to_string(sleeper);
+  const std::string boot = boot_name();
+  const std::string live = pid + "." + std::to_string(process_id(sleeper).start);
+  struct Case {
+    std::string text;  // of a run file
+    const char* line;  // what the pass logs; null: it runs the jobs
+  };
+  const Case cases[] = {
+      // A renamed job's runner lives; a lost run's tool does; the pid of neither, but that pid
+      // again.
+      {boot + "/" + live + "/0.0/old/",
+       "INFO  orv_sched: job 'old' is running in another process "},
+      {boot + "/" + pid + ".1/" + live + "/a//log",
+       "WARN  orv_sched: job 'a': the tool of a run whose scheduler is gone is still running "},
+      {boot + "/" + pid + ".1/" + live + "//", "WARN  orv_sched: job '?': the tool "},
+      {boot + "/" + pid + ".1/" + pid + ".1/a//log", nullptr},
+      {"00000000/" + live + "/" + live + "/a//log", nullptr},
+      {"nonsense", nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const std::string file = settings_.queue_path + ".run.4194304";
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink(c.text, file);
+    const std::string log = cycle();
+    EXPECT_EQ(runs(), c.line == nullptr ? "a\nb\n" : "");
+    if (c.line == nullptr) continue;
+    EXPECT_TRUE(contains(log, c.line)) << log;
+    EXPECT_TRUE(contains(log, "(pid " + pid)) << log;
+    EXPECT_TRUE(contains(log, " -- no job is started before it ends\n"));
+    EXPECT_EQ(cycle(), "") << "said once";
+    EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", {}, false), ErrorCode::Unavailable);
+    EXPECT_EQ(job_runs_elsewhere(dispatch_->queue, "a"), contains(c.text, "/a/"));
+    remove_dead_run_files(settings_.queue_path);
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+  }
+  remove_dead_run_files(settings_.queue_path);
+  EXPECT_TRUE(std::filesystem::is_symlink(settings_.queue_path + ".run.4194304")) << "not ours";
 }
 
 TEST_F(DispatchTest, RemembersWhatItCannotSave) {

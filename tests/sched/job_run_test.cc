@@ -10,8 +10,8 @@
 
 #include "common/files.h"
 #include "sched/job_log.h"
+#include "sched/obstacle.h"
 #include "sched/queue_file.h"
-#include "sched/run_now.h"
 #include "support/support.h"
 
 namespace orv {
@@ -29,11 +29,11 @@ class JobRunTest : public ::testing::Test {
     EXPECT_EQ(queue_load(queue_, dir_.file("queue").c_str()), ErrorCode::Ok);
   }
   void tool(std::string_view body) { dir_.script("bin/orv_agent", body); }
-  RunResult run(const RunServices* services = nullptr) {
+  RunResult run(const Poller* poller = nullptr, CancelSlot* slot = nullptr) {
     ScopedFd lock = queue_lock(queue_.path.c_str());
-    const RunResult result = run_job(job_, settings_, queue_, lock, services, result_);
+    result_ = run_job(job_, settings_, queue_, lock, poller, slot);
     EXPECT_TRUE(lock.valid());
-    return result;
+    return result_.result;
   }
   [[nodiscard]] const QueueRecord& record() const { return *queue_find(queue_, "nightly"); }
   [[nodiscard]] std::string log() const { return test::read_file(result_.log_path.c_str()); }
@@ -86,11 +86,10 @@ TEST_F(JobRunTest, FailsARunThatTimedOutWhateverItsExitCode) {
 // What others see and do while the job runs.
 struct Onlooker {
   std::string queue_path;
-  std::string log_dir;
   CancelSlot slot;
   JobState seen = JobState::Pending;
   std::uint32_t runner = 0;
-  bool log_in_use = false;
+  std::string run_file;  // its text
   int calls = 0;
 };
 
@@ -98,32 +97,37 @@ TEST_F(JobRunTest, LeavesTheQueueToOthersMeanwhileAndCanBeCancelled) {
   tool("exec sleep 60");
   Onlooker onlooker;
   onlooker.queue_path = queue_.path;
-  onlooker.log_dir = settings_.job_log_dir;
   ASSERT_TRUE(onlooker.slot.cancelled_by.set("stale"));
   onlooker.slot.cancel_requested = true;  // left over from nobody knows when: must not count
-  const RunServices services{
+  const std::string run_file = queue_.path + ".run." + std::to_string(::getpid());
+  const Poller poller{
       [](void* context) {
         auto& self = *static_cast<Onlooker*>(context);
-        if (++self.calls > 1) return;
+        if (++self.calls > 1) return StopRequest::Terminate;
         const ScopedFd lock = queue_lock(self.queue_path.c_str());  // would wait for ever
         QueueState seen;
-        ASSERT_EQ(queue_load(seen, self.queue_path.c_str()), ErrorCode::Ok);
+        EXPECT_EQ(queue_load(seen, self.queue_path.c_str()), ErrorCode::Ok);
         self.seen = record_state(*queue_find(seen, "nightly"));
-        self.log_in_use = job_log_in_use(
-            job_log_path(self.log_dir + "/nightly", queue_find(seen, "nightly")->started_at));
+        self.run_file =
+            std::filesystem::read_symlink(self.queue_path + ".run." + std::to_string(::getpid()));
+        EXPECT_FALSE(find_obstacle(seen)) << "one's own run is not in one's way";
         self.runner = queue_get_runner_pid(*queue_find(seen, "nightly"));
         QueueRecord other;
         record_set_name(other, "other");
-        ASSERT_EQ(queue_upsert(seen, other), ErrorCode::Ok);
+        EXPECT_EQ(queue_upsert(seen, other), ErrorCode::Ok);
         EXPECT_EQ(self.slot.job, "nightly");
-        self.slot.cancel_requested = true;
+        EXPECT_FALSE(self.slot.cancel_requested);
         EXPECT_TRUE(self.slot.cancelled_by.set("ops"));
+        return StopRequest::None;
       },
-      nullptr, &onlooker, &onlooker.slot};
-  EXPECT_EQ(run(&services), RunResult::Failed);
+      nullptr, &onlooker};
+  EXPECT_EQ(run(&poller, &onlooker.slot), RunResult::Failed);
   EXPECT_EQ(onlooker.seen, JobState::Running);
-  EXPECT_TRUE(onlooker.log_in_use);
-  EXPECT_FALSE(job_log_in_use(result_.log_path.c_str()));
+  const std::string self = "/" + std::to_string(::getpid()) + ".";
+  EXPECT_TRUE(test::contains(onlooker.run_file, self)) << onlooker.run_file;
+  EXPECT_FALSE(test::contains(onlooker.run_file, "/0.0/")) << "the tool is known before it starts";
+  EXPECT_TRUE(onlooker.run_file.ends_with("/nightly/" + std::string(result_.log_path.view())));
+  EXPECT_FALSE(std::filesystem::is_symlink(run_file));
   EXPECT_EQ(onlooker.runner, static_cast<std::uint32_t>(::getpid()));
   EXPECT_NE(queue_find(queue_, "other"), nullptr) << "what others saved meanwhile is kept";
   EXPECT_TRUE(onlooker.slot.job.empty());

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,7 +22,7 @@ using namespace std::chrono_literals;
 using test::ScopedEnv;
 using test::TempDir;
 
-CommandOptions options() { return {{}, 60, 0}; }
+CommandOptions options() { return {{}, 60, 0, {}}; }
 
 // What the shell commands wrote, the first 99 bytes of it.
 std::string capture(const char* script, RunOutcome& outcome) {
@@ -92,11 +93,11 @@ struct Canceller {
   ScopedFd readable;  // a descriptor that is never drained
   int calls = 0;
 };
-PollCallback callback_of(Canceller& c) {
+Poller poller_of(Canceller& c) {
   return {[](void* context) {
             auto& self = *static_cast<Canceller*>(context);
             ++self.calls;
-            return test::exists(self.when);
+            return test::exists(self.when) ? StopRequest::Terminate : StopRequest::None;
           },
           [](void* context) { return static_cast<Canceller*>(context)->readable.get(); }, &c};
 }
@@ -116,11 +117,11 @@ TEST(Subprocess, StopsTheWholeGroupWhenAskedTo) {
     SCOPED_TRACE(c.tool);
     const TempDir work;
     Canceller canceller{work.file("up"), ScopedFd(), 0};
-    const PollCallback callback = callback_of(canceller);
+    const Poller poller = poller_of(canceller);
     const std::string tool = dir.file(c.tool);
     const std::array<const char*, 3> argv = {tool.c_str(), work.path().c_str(), nullptr};
     RunOutcome outcome;
-    ASSERT_EQ(run_command(argv.data(), options(), -1, &callback, outcome), 0);
+    ASSERT_EQ(run_command(argv.data(), options(), -1, &poller, outcome), 0);
     EXPECT_TRUE(outcome.cancelled);
     EXPECT_FALSE(outcome.timed_out);
     EXPECT_EQ(outcome.exit_code, c.exit_code);
@@ -130,16 +131,44 @@ TEST(Subprocess, StopsTheWholeGroupWhenAskedTo) {
   }
 }
 
+TEST(Subprocess, DoesNothingWhenItsParentDiesBeforeItIsLetGo) {
+  const TempDir dir;
+  const std::string mark = dir.file("ran");
+  const pid_t parent = ::fork();
+  if (parent == 0) {
+    CommandOptions dying = options();
+    dying.before_exec.call = [](void*, pid_t) { ::_exit(0); };
+    const std::array<const char*, 3> argv = {"touch", mark.c_str(), nullptr};
+    RunOutcome outcome;
+    ::_exit(run_command(argv.data(), dying, -1, nullptr, outcome) + 2);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(parent, &status, 0), parent);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(test::wait_until(300ms, [&] { return test::exists(mark); }));
+}
+
+TEST(Subprocess, ContinuesAStoppedToolThatIsToEnd) {
+  Canceller canceller{"/", ScopedFd(), 0};
+  const Poller poller = poller_of(canceller);
+  const std::array<const char*, 4> argv = {"sh", "-c", "kill -STOP $$", nullptr};
+  CommandOptions patient = options();
+  patient.kill_after_s = 60;
+  RunOutcome outcome;
+  ASSERT_EQ(run_command(argv.data(), patient, -1, &poller, outcome), 0);
+  EXPECT_TRUE(outcome.cancelled);
+}
+
 TEST(Subprocess, DoesNotSpinOnADescriptorThatStaysReadable) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   Canceller canceller{"/nonexistent", ScopedFd(ends[0]), 0};
   ::close(ends[1]);  // hung up for good
-  const PollCallback callback = callback_of(canceller);
+  const Poller poller = poller_of(canceller);
   const std::array<const char*, 3> argv = {"sleep", "0.5", nullptr};
   RunOutcome outcome;
   const auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(run_command(argv.data(), options(), -1, &callback, outcome), 0);
+  ASSERT_EQ(run_command(argv.data(), options(), -1, &poller, outcome), 0);
   const auto rounds = (std::chrono::steady_clock::now() - start) / 50ms + 1;
   EXPECT_LE(canceller.calls, 10 * rounds);
 }
