@@ -1,36 +1,67 @@
-// The commands of orv_plan. Each prints its answer on standard output and returns the exit status.
+// The commands of orv_plan. Each writes its answer to standard output, errors to standard error,
+// and returns the exit status.
 #ifndef ORV_PLAN_COMMANDS_H_
 #define ORV_PLAN_COMMANDS_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
-#include "config/config.h"
-#include "sched/queue_state.h"
+#include "plan/plan.h"
 
 namespace orv {
 
-// What every command works on, loaded once. `seen` is the queue as the daemon left it, `queue` the
-// same as the daemon's next look makes it: in line with the configuration, lost runs marked FAILED.
-struct Plan {
-  std::string config_path;
-  std::string queue_path;
-  std::string job_log_dir;
-  Config config;
-  QueueState seen;
-  QueueState queue;
-  std::int64_t now = 0;  // Unix seconds
-  bool color = false;    // standard output is a terminal and NO_COLOR is not set
-};
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
 
-// The serial plan of the next `days` days; with `svg_path` also as a picture in that file.
-int plan_forecast(const Plan& plan, unsigned days, const char* svg_path);
+// A picture goes to the file `svg`; "-" is standard output, which then holds nothing else.
+struct ForecastOptions {
+  std::uint32_t days = 7;
+  std::uint32_t past = 0;  // days of history in the picture
+  const char* svg = nullptr;
+  bool json = false;
+};
+// The serial plan of the next days.
+int forecast_command(const Plan& plan, const ForecastOptions& options);
+
+struct HistoryOptions {
+  std::uint32_t days = 7;
+  const Job* job = nullptr;  // null: all
+  const char* svg = nullptr;
+  bool json = false;
+};
+// What ran in the last days.
+int history_command(const Plan& plan, const HistoryOptions& options);
+
+enum class HealthFormat { Text, Json, Prometheus, Nagios };
+struct HealthOptions {
+  const char* job = nullptr;  // name; null: all
+  std::optional<std::int64_t> max_age;
+  HealthFormat format = HealthFormat::Text;
+  const char* output = nullptr;  // replaced whole; null: standard output
+};
+// The health of jobs and scheduler. The only command that takes a plan which is not complete.
+int health_command(const Plan& plan, const HealthOptions& options);
+
+struct ReportOptions {
+  std::uint32_t days = 1;
+  bool html = false;
+};
+// The morning's mail.
+int report_command(const Plan& plan, const ReportOptions& options);
+
 // One screen on one job: settings, next runs, last runs, and what keeps it from running now.
-int plan_why(const Plan& plan, const Job& job);
+int why_command(const Plan& plan, const Job& job, bool json);
 // What exactly would be started for a job, and under which limits.
-int plan_show(const Plan& plan, const Job& job);
-// What is legal but surprising. 0 when there is nothing to tell, 1 otherwise.
-int plan_check(const Plan& plan);
+int show_command(const Plan& plan, const Job& job, bool json);
+// What is legal but surprising. 0 when there is nothing to report, 1 otherwise.
+int check_command(const Plan& plan, bool json);
+
+// Writes all of `text` to standard output; a failure shows when that is flushed.
+void print(const std::string& text);
+// Writes a picture to the file `path`, or to standard output for "-".
+int write_picture(const std::string& svg, const char* path);
 
 }  // namespace orv
 

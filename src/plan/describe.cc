@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/times.h"
+#include "common/utf8.h"
 
 namespace orv {
 namespace {
@@ -94,33 +95,15 @@ std::string time_in_words(const CronSpec& cron) {
   return text + " of hour " + list_in_words(hours, plain);
 }
 
-struct Utf8Lead {
-  unsigned char from, to;                // the first byte
-  std::size_t length;                    // of the sequence
-  unsigned char second_from, second_to;  // of its second byte; the others are 80..BF
-};
-// Without overlong forms, surrogates, and the control characters U+0080 to U+009F.
-constexpr Utf8Lead kUtf8Leads[] = {
-    {0x20, 0x7E, 1, 0, 0},       {0xC2, 0xC2, 2, 0xA0, 0xBF}, {0xC3, 0xDF, 2, 0x80, 0xBF},
-    {0xE0, 0xE0, 3, 0xA0, 0xBF}, {0xE1, 0xEC, 3, 0x80, 0xBF}, {0xED, 0xED, 3, 0x80, 0x9F},
-    {0xEE, 0xEE, 3, 0x80, 0xBF}, {0xEF, 0xEF, 3, 0x80, 0xBE}, {0xF0, 0xF0, 4, 0x90, 0xBF},
-    {0xF1, 0xF3, 4, 0x80, 0xBF}, {0xF4, 0xF4, 4, 0x80, 0x8F},
-};
-
-// The length of the character that `text` begins with; 0 when that is none to show.
-std::size_t character_length(std::string_view text) {
-  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-  for (const Utf8Lead& row : kUtf8Leads) {
-    if (byte(0) < row.from || byte(0) > row.to) continue;
-    if (text.size() < row.length) return 0;
-    for (std::size_t i = 1; i < row.length; ++i) {
-      const unsigned char from = i == 1 ? row.second_from : 0x80;
-      const unsigned char to = i == 1 ? row.second_to : 0xBF;
-      if (byte(i) < from || byte(i) > to) return 0;
-    }
-    return row.length;
-  }
-  return 0;
+// The length of the character that `text` begins with; 0 when that is none to show: no UTF-8, a
+// control character (U+0080 to U+009F are such, too), or one that documents of markup refuse.
+std::size_t shown_length(std::string_view text) {
+  const auto byte = static_cast<unsigned char>(text[0]);
+  if (byte < 0x80) return byte >= 0x20 && byte != 0x7F ? 1 : 0;
+  const std::size_t length = utf8_sequence(text);
+  const std::string_view sequence = text.substr(0, length);
+  const bool control = sequence >= "\xC2\x80" && sequence < "\xC2\xA0";
+  return control || sequence == "\uFFFE" || sequence == "\uFFFF" ? 0 : length;
 }
 
 }  // namespace
@@ -128,7 +111,7 @@ std::size_t character_length(std::string_view text) {
 std::string printable(std::string_view text) {
   std::string out;
   while (!text.empty()) {
-    const std::size_t length = character_length(text);
+    const std::size_t length = shown_length(text);
     if (length != 0) {
       out += text.substr(0, length);
     } else {

@@ -1,45 +1,56 @@
-// What the job logs tell of earlier runs. Read-only; what cannot be read counts as not there.
+// What ran in the last days, over all jobs, and what it adds up to for each.
 #ifndef ORV_PLAN_HISTORY_H_
 #define ORV_PLAN_HISTORY_H_
 
-#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "config/config.h"
-#include "sched/job_log.h"
+#include "plan/past_runs.h"
+#include "plan/plan.h"
 
 namespace orv {
 
-inline constexpr std::int64_t kLongestRun = std::int64_t{366} * 86400;  // seconds, to be believed
+struct HistoryRun {
+  const Job* job = nullptr;  // borrowed from the plan's configuration
+  PastRun run;
+  std::string log;  // path; empty: it has none
+};
 
-struct PastRun {
-  std::int64_t start = 0;  // Unix seconds
-  JobLogTrailer trailer;   // `finished` is false for a run that has not ended, or was lost
-  // -1 when the trailer names no believable end: a tool may have written its own.
-  [[nodiscard]] std::int64_t duration_s() const {
-    const bool believable =
-        trailer.finish_unix >= start && trailer.finish_unix <= start + kLongestRun;
-    return believable ? trailer.finish_unix - start : -1;
+// The runs of one job in the time of a history.
+struct JobTotals {
+  const Job* job = nullptr;
+  std::uint32_t runs = 0;
+  std::uint32_t busy = 0;
+  std::uint32_t done = 0;
+  std::uint32_t failures = 0;
+  std::optional<std::int64_t> median_s;   // of the runs done
+  std::optional<std::int64_t> longest_s;  // of the runs done
+  // By how many percent the median of the last five runs done lies above that of those before.
+  std::optional<std::int64_t> trend_percent;
+
+  // Runs done of a thousand that were not busy and have ended; none when there are none.
+  [[nodiscard]] std::optional<std::int64_t> success_permille() const {
+    const std::uint32_t ended = done + failures;
+    if (ended == 0) return std::nullopt;
+    return 1000 * std::int64_t{done} / ended;
   }
 };
 
-// The last runs of a job, newest first, at most `most` of them.
-[[nodiscard]] std::vector<PastRun> past_runs(std::string_view job_log_dir, std::string_view job,
-                                             std::size_t most);
+struct History {
+  std::int64_t from = 0;         // Unix seconds
+  std::vector<HistoryRun> runs;  // by their start, the newest last
+  std::vector<JobTotals> jobs;   // in the order of the file; jobs without a run are left out
+  std::vector<LogNote> notes;    // faults of logs
+};
 
-// How long a job's newest run took that did its work (a tool that was busy did none). Nothing when
-// no log tells.
-[[nodiscard]] std::optional<std::int64_t> last_duration(std::string_view job_log_dir,
-                                                        std::string_view job);
+// The runs of `only`, or of all jobs when it is null, that began at or after `from`. `plan`
+// outlives the history.
+[[nodiscard]] History collect_history(const Plan& plan, std::int64_t from, const Job* only);
 
-// last_duration() of every job that has one, by name.
-using Durations = std::map<std::string, std::int64_t, std::less<>>;
-[[nodiscard]] Durations last_durations(std::string_view job_log_dir, const Config& config);
+[[nodiscard]] std::string history_text(const Plan& plan, const History& history);
+[[nodiscard]] std::string history_json(const Plan& plan, const History& history);
 
 }  // namespace orv
 

@@ -1,44 +1,30 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
-#include <string>
 #include <vector>
 
 #include "common/times.h"
-#include "config/config.h"
+#include "plan/check.h"
+#include "plan/clock_changes.h"
+#include "plan/command_table.h"
+#include "plan/daemon_process.h"
 #include "plan/describe.h"
-#include "plan/findings.h"
 #include "plan/forecast.h"
-#include "plan/history.h"
-#include "plan/svg.h"
+#include "plan/local_clock.h"
+#include "plan/picture.h"
+#include "plan/plan_fixture.h"
+#include "plan/why_not.h"
 #include "sched/process.h"
-#include "sched/queue_runner.h"
-#include "sched/queue_schedule.h"
-#include "support/support.h"
 
 namespace orv {
 namespace {
 
 using test::contains;
+using test::cron;
+using test::kDay;
+using test::kHour;
+using test::kMonday;
 using test::ScopedTimeZone;
-using test::TempDir;
-
-constexpr std::int64_t kMonday = 1796601600;  // 2026-12-07 00:00:00 UTC
-
-void load(Config& config, std::string_view text) {
-  std::array<char, kConfigMessageSize> err{};
-  ASSERT_EQ(config_parse(text, "test.cfg", config, err), 0) << err.data();
-}
-
-CronSpec cron(const char* text) {
-  CronSpec fields;
-  std::array<char, 128> err{};
-  EXPECT_EQ(cron_parse(text, fields, err), 0) << err.data();
-  return fields;
-}
 
 TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
   struct Case {
@@ -59,21 +45,11 @@ TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
   for (const Case& c : kCases) EXPECT_EQ(schedule_in_words(cron(c.schedule)), c.words);
 }
 
-class PlanTest : public ::testing::Test {
+class ForecastTest : public test::PlanTest {
  protected:
-  ScopedTimeZone zone_{"UTC"};
-  TempDir dir_;
-  Config config_;
-  QueueState queue_;
-  Durations durations_;
-
-  // The configuration, and the queue as a daemon would have it at kMonday.
-  void start(std::string_view text) {
-    load(config_, text);
-    queue_view_with_config(queue_, config_, kMonday);
-  }
-  Forecast forecast(std::int64_t hours) {
-    return make_forecast(config_, queue_, durations_, kMonday, kMonday + hours * 3600);
+  Forecast forecast(std::int64_t hours, std::vector<const Job*> by_hand = {}) {
+    return make_forecast(plan_.config, plan_.queue, durations_,
+                         {plan_.now, plan_.now + hours * kHour, std::move(by_hand)});
   }
   static std::vector<std::string> lines(const Forecast& forecast) {
     std::vector<std::string> out;
@@ -84,52 +60,81 @@ class PlanTest : public ::testing::Test {
     }
     return out;
   }
+  using Lines = std::vector<std::string>;
+
+  Durations durations_;
 };
 
-TEST_F(PlanTest, RunsAreSerialAndChainsFollow) {
+TEST_F(ForecastTest, RunsAreSerialAndChainsFollow) {
   start(
       "[backup]\nschedule=0 1 * * *\n[other]\nschedule=10 1 * * *\n"
       "[verify]\ncommand=verify\nafter=backup,other\n[off]\nenabled=no\nschedule=* * * * *\n");
   durations_ = {{"backup", 3600}, {"other", 1800}, {"verify", 60}};
   // backup takes an hour, so other is 50 minutes late, and verify needs both.
-  EXPECT_EQ(lines(forecast(24)), (std::vector<std::string>{"backup 01:00 0s", "other 02:00 50m 00s",
-                                                           "verify 02:30 0s"}));
+  EXPECT_EQ(lines(forecast(24)),
+            (Lines{"backup 01:00 0s", "other 02:00 50m 00s", "verify 02:30 0s"}));
 }
 
-TEST_F(PlanTest, AnUnknownDurationIsMarkedAsAGuess) {
+TEST_F(ForecastTest, ToolsThatTakeNoTimeEndInTheirSecond) {
+  start("[a]\nschedule=*/30 * * * *\n[b]\nafter=a\n");
+  durations_ = {{"a", 0}, {"b", 0}};
+  EXPECT_EQ(lines(forecast(1)), (Lines{"a 00:30 0s", "b 00:30 0s", "a 01:00 0s", "b 01:00 0s"}));
+}
+
+TEST_F(ForecastTest, AnUnknownDurationIsMarkedAsAGuess) {
   start("[a]\nonce=" + std::to_string(kMonday + 60) + "\n");
-  EXPECT_EQ(lines(forecast(1)), std::vector<std::string>{"a 00:01 0s ~"});
+  EXPECT_EQ(lines(forecast(1)), Lines{"a 00:01 0s ~"});
 }
 
-TEST_F(PlanTest, ARunByHandLeavesTheTimeThatIsSet) {
+TEST_F(ForecastTest, ARunByHandLeavesTheTimeThatIsSet) {
   start("[hand]\nschedule=0 1 * * *\n[due]\nschedule=0 1 * * *\n");
   durations_ = {{"hand", 7200}, {"due", 7200}};
-  for (QueueRecord& record : queue_.records()) {
-    record_set_state(record, JobState::Running);
-    record.started_at = kMonday - 600;
+  for (const char* name : {"hand", "due"}) {
+    QueueRecord& running = *queue_find(plan_.queue, name);
+    record_set_state(running, JobState::Running);
+    running.started_at = kMonday - 600;
   }
-  queue_find(queue_, "due")->next_run = kMonday - 600;
+  QueueRecord& due = *queue_find(plan_.queue, "due");
+  due.next_run = kMonday - 600;
   // Both run now, one of them before its time: that time comes when the other has ended.
-  EXPECT_EQ(lines(forecast(24)),
-            (std::vector<std::string>{"hand 23:50 0s", "due 23:50 0s", "hand 01:50 50m 00s"}));
+  EXPECT_EQ(lines(forecast(24)), (Lines{"hand 23:50 0s", "due 23:50 0s", "hand 01:50 50m 00s"}));
+  // Overdue and run by hand while no daemon was there: the daemon runs it once more.
+  EXPECT_EQ(lines(forecast(24, {&job("due")})),
+            (Lines{"hand 23:50 0s", "due 23:50 0s", "hand 01:50 50m 00s", "due 03:50 4h 00m"}));
 }
 
-TEST_F(PlanTest, ALostRunIsFailedAndDueAgain) {
+TEST_F(ForecastTest, ALostRunIsFailedAndDueAgain) {
   start("[a]\nschedule=0 1 * * *\n");
-  QueueRecord& record = *queue_find(queue_, "a");
-  record_set_state(record, JobState::Running);
-  queue_set_runner_pid(record, kMaxRunnerPid);  // no such process
-  record.started_at = record.next_run = kMonday - 3600;
-  queue_view_without_stale_runners(queue_);
-  EXPECT_EQ(lines(forecast(2)), (std::vector<std::string>{"a 00:00 1h 00m ~", "a 01:00 0s ~"}));
+  record_set_state(record("a"), JobState::Running);
+  queue_set_runner_pid(record("a"), kMaxRunnerPid);  // no such process
+  record("a").started_at = record("a").next_run = kMonday - 3600;
+  settle();
+  EXPECT_EQ(lines(forecast(2)), (Lines{"a 00:00 1h 00m ~", "a 01:00 0s ~"}));
 }
 
-TEST_F(PlanTest, ThePictureHoldsWellFormedTextOnly) {
-  start("[<a&b>\x1b\xff\xc3\xa9]\nschedule=0 1 * * *\n");
-  const std::string svg = forecast_svg(config_, forecast(24), kMonday, kMonday + 86400);
-  EXPECT_TRUE(contains(svg, ">&lt;a&amp;b&gt;\\x1b\\xff\xc3\xa9</text>")) << svg;
-  EXPECT_FALSE(contains(svg, "<a&b>"));
-  EXPECT_TRUE(contains(svg, "<rect x="));
+TEST_F(ForecastTest, DurationsAreTheMedianOfTheNewestSuccesses) {
+  start("[a]\nschedule=0 1 * * *\n[b]\nschedule=0 1 * * *\n");
+  const int seconds[] = {9000, 100, 300, 200, 500, 400};  // the oldest is too old to count
+  for (int i = 0; i < 6; ++i) log("a", kMonday - (6 - i) * kDay, seconds[i]);
+  log("a", kMonday - kHour, 7, 75);
+  log("a", kMonday - kHour / 2, 7000, 1);
+  dir_.write("logs/b/20261206T000000Z.log",
+             "job: b\n\n--- end ---\nfinish_unix: -9223372036854775808\nexit_code: 0\n");
+  EXPECT_EQ(usual_durations(plan_), (Durations{{"a", 300}}));
+}
+
+TEST(LocalClock, AgreesWithTheSlowWayAroundChanges) {
+  for (const char* zone : {"Europe/Berlin", "Australia/Lord_Howe", "UTC", "America/St_Johns"}) {
+    const ScopedTimeZone scope(zone);
+    LocalClock clock;
+    for (std::int64_t at = 1792800000; at < 1793500000; at += 1711) {
+      ASSERT_EQ(clock.text(at), clock_text(at)) << zone << " " << at;
+    }
+  }
+  const ScopedTimeZone zone("Europe/Berlin");
+  EXPECT_EQ(clock_text(1793147400), "2026-10-28 01:30:00");
+  EXPECT_EQ(clock_text(1792888200), "2026-10-25 02:30:00 CEST");  // and an hour later once more
+  EXPECT_EQ(clock_text(1792888200 + 3600), "2026-10-25 02:30:00 CET");
 }
 
 TEST(Printable, LeavesNothingThatATerminalObeys) {
@@ -143,100 +148,165 @@ TEST(Printable, LeavesNothingThatATerminalObeys) {
       {"\u00e9\u20ac\U0001f600", "\u00e9\u20ac\U0001f600"},
       {"\xc2\x9b", "\\xc2\\x9b"},
       {"\xe2\x82", "\\xe2\\x82"},
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+      {"\uFFFF", "\\xef\\xbf\\xbf"},  // which documents of markup refuse
   };
   for (const Case& c : kCases) EXPECT_EQ(printable(c.text), c.shown);
 }
 
-TEST_F(PlanTest, WhyNamesEachThingThatBlocks) {
+TEST_F(ForecastTest, ThePictureIsWellFormedWithItsRowsInChains) {
   start(
-      "[first]\nschedule=0 1 * * *\n[second]\nafter=first\n[third]\nafter=first\n"
-      "after-mode=finished\n[off]\nenabled=no\n");
-  const auto why = [&](const char* name) {
+      "[<a&b>\x1b\xff\xc3\xa9]\nschedule=0 1 * * *\n[z]\nschedule=* * * * *\n"
+      "[below]\nafter=<a&b>\x1b\xff\xc3\xa9\n");
+  durations_ = {{"z", 5}};
+  Picture picture;
+  picture.from = picture.now = kMonday;
+  picture.to = kMonday + kDay;
+  add_forecast(picture, forecast(24));
+  const std::string svg = picture_svg(plan_.config, picture);
+  EXPECT_TRUE(contains(svg, ">&lt;a&amp;b&gt;\\x1b\\xff\xc3\xa9</text>")) << svg;
+  EXPECT_FALSE(contains(svg, "<a&b>"));
+  EXPECT_TRUE(contains(svg, "viewBox=\"0 0 "));
+  EXPECT_TRUE(contains(svg, "fill:url(#orv-time)"));  // a guess
+  EXPECT_LT(svg.find(">below</text>"), svg.find(">z</text>"));
+  EXPECT_TRUE(contains(svg, " runs, 2026-12-07 "));  // bars that touch are one
+  EXPECT_LT(svg.size(), 120000U);
+}
+
+class WhyTest : public ForecastTest {
+ protected:
+  std::string why(const char* name) {
+    settle();
+    DaemonProcess daemon;
+    daemon.running = true;
     std::string text;
-    for (const std::string& reason : blockers(config_, queue_, *find_job(config_, name), kMonday)) {
+    for (const std::string& reason : reasons_not_now(plan_, job(name), daemon)) {
       text += reason + "\n";
     }
     return text;
-  };
+  }
+};
+
+TEST_F(WhyTest, NamesEachThingThatBlocks) {
+  start(
+      "[first]\nschedule=0 1 * * *\n[second]\nafter=first\n[third]\nafter=first\n"
+      "after-mode=finished\n[off]\nenabled=no\n");
   EXPECT_EQ(why("off"), "it is disabled (enabled=no)\n");
   EXPECT_EQ(why("first"), "its time is 2026-12-07 01:00:00, in 1h 00m\n");
   EXPECT_TRUE(contains(why("second"), "waits for job 'first'"));
 
-  QueueRecord& first = *queue_find(queue_, "first");
+  QueueRecord& first = record("first");
   record_set_state(first, JobState::Failed);
-  first.finished_at = kMonday - 10;
+  first.started_at = first.finished_at = kMonday - 10;
   EXPECT_TRUE(contains(why("second"), "failed"));
-  EXPECT_EQ(why("third"), "");  // it starts at the next look
+  EXPECT_EQ(why("third"), "");  // it starts at the next check
 
-  queue_find(queue_, "third")->after_stamp = kMonday - 10;
-  EXPECT_TRUE(contains(why("third"), "has run for the last end"));
+  record("third").after_stamp = kMonday - 10;
+  EXPECT_TRUE(contains(why("third"), "has already run for its dependencies' last finish"));
   first.next_run = kNever;
   EXPECT_TRUE(contains(why("first"), "never runs"));
 
   first.next_run = kMonday;
-  queue_find(queue_, "third")->after_stamp = 0;
+  record("third").after_stamp = 0;
   EXPECT_EQ(why("third"),
             "it is due, but job 'first' is due too and stands before it in the configuration\n");
   // A run file whose runner is gone; this very process stands for the tool that goes on.
-  queue_.path = dir_.file("queue");
   std::filesystem::create_symlink(
-      boot_name() + "/1.1/" + std::to_string(::getpid()) + ".0/first//log", queue_.path + ".run.1");
+      boot_name() + "/1.1/" + std::to_string(::getpid()) + ".0/first//log",
+      plan_.queue_path + ".run.1");
   EXPECT_TRUE(contains(why("third"), "a run of job 'first' whose scheduler is gone"));
-}
-
-TEST_F(PlanTest, CheckFindsWhatIsLegalButSurprising) {
-  start(
-      "[never]\nschedule=0 0 30 2 *\n[slow]\nschedule=0 * * * *\n[fine]\nschedule=0 4 * * *\n"
-      "[stuck]\nschedule=0 5 * * *\n[close]\nschedule=0 4,5 * * *\n[past]\nonce=2020-01-01 "
-      "10:00\n");
-  durations_ = {{"slow", 7200}, {"fine", 7200}, {"close", 7200}};
-  queue_find(queue_, "stuck")->next_run = kNever;
-  const std::vector<std::string> found = check_jobs(config_, queue_, durations_, kMonday);
-  ASSERT_EQ(found.size(), 5U);
-  EXPECT_TRUE(contains(found[0], "[never]: the schedule never fires"));
-  EXPECT_TRUE(contains(found[1], "[slow]: its last run took 2h 00m"));
-  EXPECT_TRUE(contains(found[2], "[stuck]: its record"));
-  EXPECT_TRUE(contains(found[3], "[close]: its last run took 2h 00m, longer than the 1h 00m"));
-  EXPECT_TRUE(contains(found[4], "[past]: its once time, 2020-01-01 10:00:00, is past"));
+  DaemonProcess none;
+  none.running = false;
+  EXPECT_TRUE(contains(reasons_not_now(plan_, job("first"), none).back(), "no daemon is running"));
 }
 
 TEST(ClockChanges, SkippedTimesAreFound) {
   const ScopedTimeZone zone("Europe/Berlin");
-  const std::vector<ClockGap> gaps = clock_gaps(kMonday, kMonday + std::int64_t{366} * 86400);
-  ASSERT_EQ(gaps.size(), 1U);
-  EXPECT_EQ(skipped_times(cron("30 2 * * *"), gaps[0]),
+  const std::vector<ClockChange> changes = clock_changes(kMonday, kMonday + 366 * kDay);
+  ASSERT_EQ(changes.size(), 2U);
+  ASSERT_TRUE(changes[0].forward());
+  EXPECT_FALSE(changes[1].forward());
+  EXPECT_EQ(skipped_times(cron("30 2 * * *"), changes[0]),
             std::vector<std::string>{"2027-03-28 02:30"});
-  EXPECT_TRUE(skipped_times(cron("30 3 * * *"), gaps[0]).empty());
-  EXPECT_EQ(clock_text(1793147400), "2026-10-28 01:30:00");
-  EXPECT_EQ(clock_text(1792888200), "2026-10-25 02:30:00 CEST");  // and an hour later once more
-  EXPECT_EQ(clock_text(1792888200 + 3600), "2026-10-25 02:30:00 CET");
-  Config config;
-  load(config, "[lost]\nschedule=30 2 * * *\n[hourly]\nschedule=0 * * * *\n");
-  QueueState queue;
-  queue_view_with_config(queue, config, kMonday);
-  const std::vector<std::string> found = check_jobs(config, queue, {}, kMonday);
-  ASSERT_FALSE(found.empty());
-  for (const std::string& finding : found) EXPECT_TRUE(contains(finding, "[lost]")) << finding;
+  EXPECT_TRUE(skipped_times(cron("30 3 * * *"), changes[0]).empty());
 }
 
-TEST(History, TheNewestRunThatDidWorkCounts) {
-  const ScopedTimeZone zone("UTC");
-  const TempDir dir;
-  const auto log = [&](const char* id, int seconds, int exit_code) {
-    const std::string end = std::to_string(kMonday + seconds);
-    dir.write("a/" + std::string(id) + ".log", "job: a\n\n--- end ---\nfinish_unix: " + end +
-                                                   "\nexit_code: " + std::to_string(exit_code) +
-                                                   "\ntimed_out: 0\n");
+TEST_F(ForecastTest, CheckFindsWhatIsLegalButSurprising) {
+  const ScopedTimeZone zone("Europe/Berlin");
+  struct Case {
+    const char* kind;
+    const char* config;
+    Durations durations;
   };
-  log("20261207T000000Z", 120, 0);
-  log("20261207T000300Z", 181, 75);
-  dir.write("a/20261207T000400Z.log", "job: a\n");
-  dir.write("b/20261207T000400Z.log", "\n--- end ---\nfinish_unix: -9223372036854775808\n");
-  dir.write("a/notes.log", "no run");
-  EXPECT_EQ(last_duration(dir.path(), "a"), 120);
-  EXPECT_EQ(past_runs(dir.path(), "a", 9).size(), 3U);
-  EXPECT_EQ(last_duration(dir.path(), "b"), std::nullopt);
+  const Case cases[] = {
+      {"", "[a]\nschedule=0 4 * * *\n[b]\nafter=a\n", {{"a", 60}}},
+      {"never-fires", "[a]\nschedule=0 0 30 2 *\n", {}},
+      {"skipped-time", "[a]\nschedule=30 2 * * *\n", {}},
+      {"", "[a]\nschedule=0 * * * *\n", {}},
+      {"stands-still", "[a]\nschedule=*/15 * * * *\n", {}},
+      {"longer-than-interval", "[a]\nschedule=0 4,5 * * *\n", {{"a", 7200}}},
+      {"once-in-gap", "[a]\nonce=2027-03-28T02:30\n", {}},
+      {"can-never-run", "[a]\nafter=off\n[off]\nenabled=no\n", {}},
+      {"can-never-run", "[a]\nafter=b\n[b]\nafter=off\n[off]\nenabled=no\n", {}},
+      {"runs-several-times",
+       "[a]\nschedule=0 4 * * *\n[b]\nschedule=0 8 * * *\n[c]\nafter=a,b\n",
+       {}},
+      {"overbooked", "[a]\nschedule=0 4 * * *\n[b]\nafter=a\n", {{"a", 50000}, {"b", 50000}}},
+      {"tool-missing", "[a]\ncommand=verify\nschedule=0 4 * * *\n", {}},
+      {"shell-characters", "[a]\nschedule=0 4 * * *\nargs=--out x > /dev/null\n", {}},
+      {"port-in-host",
+       "[mail]\nsmtp-host=mail:25\nfrom=a@b\nto=a@b\n[a]\nschedule=0 4 * * *\n",
+       {}},
+  };
+  dir_.script("orv_agent", "exit 0");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.config);
+    config_release(plan_.config);
+    plan_.seen = {};
+    start(c.config);
+    std::string kinds;
+    for (const Finding& finding : check_plan(plan_, c.durations, dir_.path())) {
+      if (!contains(kinds, finding.kind)) kinds += finding.kind;
+    }
+    if (*c.kind == '\0')
+      EXPECT_EQ(kinds, "");
+    else
+      EXPECT_TRUE(contains(kinds, c.kind)) << kinds;
+  }
+}
+
+TEST_F(ForecastTest, CheckReadsQueueLogsAndModes) {
+  start("[stuck]\nschedule=0 5 * * *\n[past]\nonce=2020-01-01 10:00\n[cut]\nschedule=0 6 * * *\n");
+  record("stuck").next_run = kNever;
+  settle();
+  dir_.write("cfg", "x", 0666);
+  std::filesystem::permissions(dir_.file("cfg"), std::filesystem::perms(0666));
+  dir_.write("logs/cut/20261206T060000Z.log",
+             "job: cut\n\n--- end ---\nfinish_unix: 1796541000\nexit_code: -1\ntimed_out: 1\n");
+  std::string kinds;
+  for (const Finding& finding : check_plan(plan_, {}, "/bin"))
+    kinds += finding.kind + std::string();
+  for (const char* kind :
+       {"stuck-at-never", "once-overdue", "cut-by-limit", "configuration-writable"}) {
+    EXPECT_TRUE(contains(kinds, kind)) << kinds;
+  }
+}
+
+TEST(PlanDocuments, KnowEveryCommandAndOption) {
+  testing::internal::CaptureStdout();
+  print_plan_usage();
+  const std::string usage = testing::internal::GetCapturedStdout();
+  const auto everywhere = [&](std::string_view word) {
+    const std::string name(word);
+    const std::string source = ORV_SOURCE_DIR;
+    EXPECT_TRUE(contains(usage, name)) << "usage text: " << name;
+    EXPECT_TRUE(contains(test::read_file(source + "/docs/orv_plan.8"), name)) << name;
+    EXPECT_TRUE(contains(test::read_file(source + "/packaging/completion/orv_plan"), name)) << name;
+  };
+  for (const PlanCommand& command : plan_commands()) {
+    everywhere(command.name);
+    for (const OptionRow& option : command.options) everywhere(option.name);
+  }
+  for (const OptionRow& option : kCommonOptions) everywhere(option.name);
 }
 
 }  // namespace
