@@ -4,10 +4,11 @@
 
 namespace orv {
 
-// No new privileges, no core dumps, no debugger of the same account, and a filter that leaves only
-// the system calls of a network client and server: no new programs, processes, listeners or files.
-// Each layer that the kernel lacks is left out with one warning; nothing here fails. Threads
-// started later are bound by it too. Call it once, single-threaded.
+// No new privileges, no core dumps, no debugger of the same account; the kernel's file rules
+// (Landlock) against writing, executing and signals to others; and a filter that leaves only the
+// system calls of a network client and server: no new programs, processes, listeners, files or
+// executable memory. Each layer that the kernel lacks is left out with one line in the log; nothing
+// here fails. Threads started later are bound by it too. Call it once, single-threaded.
 void sandbox_enter();
 
 }  // namespace orv
