@@ -70,8 +70,7 @@ function App() {
   const trouble = [...store.servers.values()].filter((s) => !["ok", "running", "asking"].includes(summary(s, Date.now() / 1000).state)).length;
   const where = [...route].reverse().filter((part) => part !== "job").map(clean);
   document.title = [trouble ? `(${trouble})` : "", ...where, "orv console"].filter(Boolean).join(" · ").replace(") ·", ")");
-  return html`<a class="skip" href="#main" onClick=${(e) => { e.preventDefault(); document.querySelector("main").focus(); }}>Skip to the content</a>
-    <header><${Path} route=${route} /><span class="grow"></span><${Link} state=${store.link} /></header>
+  return html`<header><${Path} route=${route} /><span class="grow"></span><${Link} state=${store.link} /></header>
     ${store.link === "signed out" ? html`<p class="banner bad" role="alert">This page is no longer signed in: the console was started anew. Open the URL that it printed.</p>` : null}
     <main tabindex="-1" key=${route.join("/")}><${View} route=${route} store=${store} /></main><${Notes} />`;
 }

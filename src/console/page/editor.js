@@ -33,7 +33,8 @@ const Lines = ({ of }) => html`<ul class="diff">${of.map(([sign, text]) => html`
 
 function Field({ f, value, set, hint, locked, fault }) {
   const id = "f-" + f.key;
-  const common = { id, name: f.key, disabled: locked, "aria-describedby": id + "-help", onInput: (e) => set(f.key, e.target.value) };
+  const take = (e) => set(f.key, e.target.value);
+  const common = { id, name: f.key, disabled: locked, "aria-describedby": id + "-help", onInput: take, onChange: take };
   const input = f.choices
     ? html`<select ...${common} value=${value}>${f.choices.map(([v, text, off]) => html`<option key=${v} value=${v} disabled=${off && v !== value} selected=${v === value}>${text ?? v}</option>`)}</select>`
     : html`<input ...${common} value=${value} type=${f.kind === "secret" ? "password" : "text"} inputmode=${f.kind === "number" ? "numeric" : null} autocomplete=${f.kind === "secret" ? "new-password" : "off"} spellcheck="false" placeholder=${f.placeholder} aria-invalid=${fault ? "true" : null} />`;
@@ -44,10 +45,11 @@ function Field({ f, value, set, hint, locked, fault }) {
 export function Editor({ fields, load, save, check, version, locked, why, hints, always = [], saved, children }) {
   const [state, setState] = useState(null); // {base, etag}
   const [form, setForm] = useState(null);
-  const [verdict, setVerdict] = useState({ text: "", good: false });
+  const [verdict, setVerdict] = useState({ text: "" });
   const [theirs, setTheirs] = useState(null);
   const [busy, setBusy] = useState(false);
   const latest = useRef({});
+  const saving = useRef(false);
   latest.current = { form, state };
   const changes = state && form ? lines(fields, state.base, form) : [];
   const dirty = changes.length > 0;
@@ -56,11 +58,13 @@ export function Editor({ fields, load, save, check, version, locked, why, hints,
     try {
       const { etag, value } = await load();
       const base = toForm(fields, value);
+      const { form: typed, state: known } = latest.current;
+      if (typed && !saving.current && changedFields(fields, known.base, typed).length) return; // typed meanwhile
       setState({ base, etag });
       setForm(base);
-      setVerdict({ text: "", good: false });
+      setVerdict({ text: "" });
     } catch (error) {
-      setVerdict({ text: error.message, good: false });
+      setVerdict({ text: error.message });
     }
   };
   // The server's definition changed while nothing was typed: show the new one.
@@ -87,28 +91,33 @@ export function Editor({ fields, load, save, check, version, locked, why, hints,
     const fresh = await load();
     const now = toForm(fields, fresh.value);
     const { form: typed, state: known } = latest.current;
+    const other = lines(fields, known.base, now);
+    // Something else of the file was changed: the change is as good as before.
+    if (!other.length && fresh.etag !== known.etag) return save(body(known.base, typed), fresh.etag);
     const merged = { ...now };
-    for (const f of fields) if (typed[f.key] !== known.base[f.key]) merged[f.key] = typed[f.key];
-    setTheirs(lines(fields, known.base, now));
+    for (const f of changedFields(fields, known.base, typed)) merged[f.key] = typed[f.key];
+    setTheirs(other);
     setState({ base: now, etag: fresh.etag });
     setForm(merged);
-    setVerdict({ text: words, good: false });
+    throw new Error(words);
   };
   const submit = async (event) => {
     event.preventDefault();
     if (locked || busy || !dirty) return;
-    setBusy(true);
+    setBusy((saving.current = true));
     ++checked.current;
     try {
-      await save(body(state.base, form), state.etag);
+      await save(body(state.base, form), state.etag).catch((error) => {
+        if (error.status !== 412) throw error;
+        return conflict(error.message);
+      });
       setTheirs(null);
-      note(saved ?? "Saved.");
+      note(saved);
       await take();
     } catch (error) {
-      if (error.status === 412) await conflict(error.message).catch((e) => setVerdict({ text: e.message }));
-      else setVerdict({ text: error.message, good: false });
+      setVerdict({ text: error.message });
     }
-    setBusy(false);
+    setBusy((saving.current = false));
   };
   if (!form) return html`<p class=${verdict.text ? "banner bad" : "empty"} role="status">${verdict.text || "Loading …"}</p>`;
   const set = (key, value) => setForm((known) => ({ ...known, [key]: value }));
@@ -116,7 +125,7 @@ export function Editor({ fields, load, save, check, version, locked, why, hints,
     ${children}
     ${why ? html`<p class="banner">${why}</p>` : null}
     <div class="fields">${fields.map((f) => (f.hide?.(form) ? null : html`<${Field} key=${f.key} f=${f} value=${form[f.key]} set=${set} hint=${hints?.(f.key, form)} locked=${locked || f.locked} fault=${verdict.text && !verdict.good && verdict.text.includes(f.key)} />`))}</div>
-    ${theirs ? html`<div class="banner" role="alert"><b>The configuration was changed meanwhile${theirs.length ? ":" : ", but nothing of this."}</b> ${theirs.length ? html`<${Lines} of=${theirs} />` : null} What you typed is kept. Press Save to make your change on top of it.</div>` : null}
+    ${theirs ? html`<div class="banner" role="alert"><b>The configuration was changed meanwhile:</b><${Lines} of=${theirs} /> What you typed is kept. Press Save to make your change on top of it.</div>` : null}
     ${dirty ? html`<div class="changes" role="group" aria-label="What will change"><h3>What will change</h3><${Lines} of=${changes} /></div>` : null}
     <p class=${"verdict " + (verdict.good ? "good-text" : "bad-text")} role="status">${clean(verdict.text)}</p>
     ${locked ? null : html`<div class="row"><button class="primary" disabled=${!dirty || busy}>Save</button>
