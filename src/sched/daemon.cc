@@ -86,6 +86,7 @@ void wait_for_next_cycle(const DaemonSettings& settings, LiveState& live) {
 void dispatch_until_stopped(Dispatch& d) {
   while (!stop_requested()) {
     d.passes_since_wait = 0;
+    d.starts_by_dependency = 0;
     while (dispatch_pass(d) == PassEnd::Again && !stop_requested()) {
     }
     wait_for_next_cycle(d.settings, d.live);

@@ -14,6 +14,7 @@
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
+#include "sched/queue_warnings.h"
 #include "sched/result_mail.h"
 
 namespace orv {
@@ -74,23 +75,6 @@ void reconcile(Dispatch& d) {
   note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, std::time(nullptr)));
 }
 
-void warn_of_never(const Dispatch& d, std::int64_t now) {
-  for (const Job& job : d.live.config->jobs) {
-    if (!has_time_ahead(job, now)) continue;
-    const QueueRecord* const record = queue_find(d.queue, job.name.view());
-    if (record == nullptr || record->next_run != kNever ||
-        record_state(*record) == JobState::Running) {
-      continue;
-    }
-    log_msg(
-        LogLevel::Warn,
-        "orv_sched: job '%s' has a %s, but its next run in the queue is \"never\" -- disable and "
-        "enable the job, or edit its %s, to have it set",
-        job.name.c_str(), job.has_schedule ? "schedule" : "once time",
-        job.has_schedule ? "schedule" : "once time");
-  }
-}
-
 void reload_config(Dispatch& d) {
   auto fresh = std::make_unique<Config>();
   std::array<char, kConfigMessageSize> reason{};
@@ -131,11 +115,18 @@ bool busy_elsewhere(Dispatch& d) {
   return d.reported_obstacle.has_value();
 }
 
+// Whether it is time to wait although there may be more to do. Jobs that are due again by the clock
+// as soon as they have run may well keep each other going; so many starts by dependencies alone
+// mean that one job was started twice with nothing new in between, which only a cycle can do.
 bool guard_trips(Dispatch& d) {
-  if (++d.passes_since_wait <= d.live.config->jobs.size() + 1) return false;
-  log_msg(LogLevel::Error,
-          "orv_sched: safety guard tripped in the dispatch loop (should be impossible, cycles are "
-          "rejected at load time)");
+  const std::size_t most = d.live.config->jobs.size() + 1;
+  if (++d.passes_since_wait <= most) return false;
+  if (d.starts_by_dependency >= most) {
+    log_msg(
+        LogLevel::Error,
+        "orv_sched: safety guard tripped in the dispatch loop (should be impossible, cycles are "
+        "rejected at load time)");
+  }
   return true;
 }
 
@@ -182,6 +173,7 @@ void run_requested(Dispatch& d) {
     finish_run(d, *job, run(d, *job));
   }
   d.passes_since_wait = 0;
+  d.starts_by_dependency = 0;
 }
 
 // Sets when the job runs next, and what it need not run for again.
@@ -207,6 +199,9 @@ bool run_due(Dispatch& d) {
   for (const Job& job : d.live.config->jobs) {
     std::int64_t dependency_finish = 0;
     if (!queue_job_due(d.queue, job, std::time(nullptr), dependency_finish)) continue;
+    const QueueRecord& record = *queue_find(d.queue, job.name.view());
+    const bool by_clock = has_time(job) || waits_for_retry(record);
+    d.starts_by_dependency = by_clock ? 0 : d.starts_by_dependency + 1;
     const JobRunResult result = run(d, job);
     plan_next_run(d, job, result.result, dependency_finish, std::time(nullptr));
     finish_run(d, job, result);
@@ -238,7 +233,7 @@ void dispatch_adopt_config(Dispatch& d) {
   reconcile(d);
   const std::int64_t now = std::time(nullptr);
   note_own_save(d, queue_refresh_schedules_and_save(d.queue, *d.live.config, now));
-  warn_of_never(d, now);
+  queue_warn_of_times(d.queue, *d.live.config, now);
 }
 
 void dispatch_sweep(Dispatch& d) { note_own_save(d, queue_sweep_stale_runners(d.queue)); }

@@ -35,7 +35,9 @@ struct Dispatch {
   ScopedFd lock;          // held during a pass
   bool unsaved = false;   // the records hold changes that could not be written yet
   FileIdentity identity;  // of the configuration file when it was last loaded, well or not
-  std::uint32_t passes_since_wait = 0;        // or since an API run, which starts the count anew
+  // Both are counted since the last wait or API run.
+  std::size_t passes_since_wait = 0;
+  std::size_t starts_by_dependency = 0;  // in a row, without one by the clock
   std::optional<Obstacle> reported_obstacle;  // the foreign run last reported
 };
 
@@ -46,8 +48,7 @@ enum class PassEnd { Again, Wait };
 [[nodiscard]] PassEnd dispatch_pass(Dispatch& dispatch);
 
 // After a load of the configuration: reconciles the queue, recomputes the next runs of edited
-// schedules, and warns of every enabled job that has a time to run at while its record says
-// "never". Needs the lock.
+// schedules, and warns of times with which jobs would not run. Needs the lock.
 void dispatch_adopt_config(Dispatch& dispatch);
 
 // Marks the runs FAILED whose scheduler is gone. Needs the lock.

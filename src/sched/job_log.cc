@@ -127,9 +127,11 @@ void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer
   trailer.cancelled = number_after(text, "cancelled: ") != 0;
 }
 
-void rotate_job_logs(const std::string& directory, std::uint32_t keep) {
+void rotate_job_logs(const std::string& directory, std::uint32_t keep, std::string_view newest) {
   if (keep == 0) return;
   std::vector<std::string> names = directory_names(directory, kLogSuffix);
+  // After the clock was put back, the log just written sorts among the old ones.
+  if (std::erase(names, newest.substr(newest.rfind('/') + 1)) != 0) --keep;
   for (std::string& name : names) name.resize(std::min(name.size(), kMaxLogName));
   prune_oldest(directory, std::move(names), keep);  // start times: the oldest come first
 }

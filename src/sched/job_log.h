@@ -61,8 +61,9 @@ struct JobLogFile {
 // Reads the trailer of an open log from its last 512 bytes; the last marker wins.
 void read_job_log_trailer(int fd, std::int64_t file_size, JobLogTrailer& trailer);
 
-// Deletes the oldest logs of the directory until `keep` remain; 0 keeps all. Errors are ignored.
-void rotate_job_logs(const std::string& directory, std::uint32_t keep);
+// Deletes the oldest logs of the directory until `keep` remain; 0 keeps all. `newest` is the path
+// of the log just written, which counts but always stays. Errors are ignored.
+void rotate_job_logs(const std::string& directory, std::uint32_t keep, std::string_view newest);
 
 }  // namespace orv
 

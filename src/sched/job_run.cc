@@ -178,7 +178,7 @@ void conclude_log(JobLog& log, std::uint32_t keep, const ToolRun& run, const Job
   write_to_log(log,
                job_log_trailer(result.finished, result.exit_code, result.timed_out, canceller));
   log.fd.reset();
-  rotate_job_logs(log.directory, keep);
+  rotate_job_logs(log.directory, keep, log.path);
 }
 
 void reload_queue(QueueState& queue) {

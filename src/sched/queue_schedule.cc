@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "common/log.h"
+#include "common/times.h"
 #include "sched/queue_file.h"
 
 namespace orv {
@@ -48,6 +49,20 @@ bool follow_enabled(QueueRecord& record, const Job& job, std::int64_t now) {
     record.next_run = first_next_run(job, now);
     record.schedule_fingerprint = schedule_fingerprint(job);
   }
+  return true;
+}
+
+// A job that was run by hand before any daemon saw it has a record without a time to run at. It
+// gets its first one: a job that silently never runs is the worst that can happen.
+bool give_first_run(QueueRecord& record, const Job& job, std::int64_t now) {
+  if (record.schedule_fingerprint != 0 || record.next_run != kNever || !has_time_ahead(job, now)) {
+    return false;
+  }
+  record.next_run = first_next_run(job, now);
+  if (record.next_run == kNever) return false;
+  record.schedule_fingerprint = schedule_fingerprint(job);
+  log_msg(LogLevel::Info, "orv_sched: job '%s' was first run by hand: its next run is at %s",
+          job.name.c_str(), local_time_cell(record.next_run).c_str());
   return true;
 }
 
@@ -113,6 +128,8 @@ bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, 
   for (const Job& job : config.jobs) {
     if (QueueRecord* const record = queue_find(state, job.name.view())) {
       changed = follow_enabled(*record, job, now) || changed;
+      // The daemon's to give: a view shows what there is.
+      if (!quiet) changed = give_first_run(*record, job, now) || changed;
       continue;
     }
     added.push_back(new_record(job, now));

@@ -23,7 +23,8 @@ namespace orv {
 [[nodiscard]] bool dependency_met(const QueueRecord& record, AfterMode mode);
 
 // Brings the records in line with the configured jobs: new jobs get a record, removed ones lose
-// theirs, disabling and enabling is carried over. True when anything changed. `quiet` logs nothing.
+// theirs, disabling and enabling is carried over, and a job that was first run by hand gets its
+// first next run. True when anything changed. `quiet` logs nothing.
 [[nodiscard]] bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now,
                                    bool quiet);
 // Reconciles, logging, and saves when anything changed.

@@ -1,6 +1,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "daemon_fixture.h"
 
 namespace orv::test {
@@ -87,6 +89,29 @@ TEST_F(RunStartTest, StartRefusesBesideAToolThatLostItsScheduler) {
   EXPECT_TRUE(contains(refused.err, ".log) -- jobs run one at a time, try again later"));
   home_.write("go", "");
   EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("gone")); }));
+}
+
+TEST_F(RunStartTest, ASignalEndsTheToolAndTheRunHasFailed) {
+  tool("orv_agent",
+       "trap 'exit 0' TERM; echo $$ >" + home_.file("pid") + "; while :; do sleep 0.05; done");
+  configure("[a]\nonce=1\n");
+  for (const auto& [number, name] : {std::pair(SIGINT, "SIGINT"), std::pair(SIGHUP, "SIGHUP")}) {
+    home_.write("pid", "");
+    std::filesystem::remove_all(home_.file("job-logs"));
+    Program run(command_line("run", {"a"}), env());
+    ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return !file("pid").empty(); }));
+    run.signal(number);
+    EXPECT_EQ(run.wait(), 1);
+    EXPECT_EQ(record_state(record("a")), JobState::Failed);
+    const auto logs = std::filesystem::directory_iterator(home_.file("job-logs/a"));
+    EXPECT_TRUE(read_file(logs->path())
+                    .ends_with(std::string("\ncancelled: 1\ncancelled_by: ") + name + "\n"));
+  }
+  home_.write("pid", "");
+  ASSERT_EQ(sched("start", {"a"}).status, 0);
+  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return !file("pid").empty(); }));
+  ::kill(static_cast<pid_t>(queue_get_runner_pid(record("a"))), SIGTERM);
+  EXPECT_TRUE(reaches("a", JobState::Failed));
 }
 
 TEST_F(RunStartTest, StartDetachesAndRefusesWhileAJobRuns) {

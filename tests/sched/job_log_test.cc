@@ -54,10 +54,10 @@ TEST(JobLogRotation, DeletesTheOldestLogsAndNothingElse) {
   for (const std::string& name : logs) dir.write(name, "x");
   for (const char* name : {".log", "notes.txt", "a.log.gz", "log"}) dir.write(name, "x");
   std::filesystem::create_directory(dir.file("0.log"));
-  rotate_job_logs(dir.path(), 0);
-  rotate_job_logs(dir.path(), 6);
+  rotate_job_logs(dir.path(), 0, "");
+  rotate_job_logs(dir.path(), 6, dir.file("a.log"));
   for (const std::string& name : logs) EXPECT_TRUE(test::exists(dir.file(name))) << name;
-  rotate_job_logs(dir.path(), 3);
+  rotate_job_logs(dir.path(), 3, dir.file("a.log"));
   EXPECT_FALSE(test::exists(dir.file("-.log")));
   EXPECT_TRUE(test::exists(dir.file("0.log")));
   EXPECT_FALSE(test::exists(dir.file("20250101T000000Z.log")));
@@ -65,7 +65,10 @@ TEST(JobLogRotation, DeletesTheOldestLogsAndNothingElse) {
        {"20250102T000000Z.log", "a.log", "\xc3\xa4.log", ".log", "notes.txt", "a.log.gz", "log"}) {
     EXPECT_TRUE(test::exists(dir.file(name))) << name;
   }
-  rotate_job_logs(dir.file("nowhere"), 1);  // nothing to do, nothing to say
+  rotate_job_logs(dir.path(), 1, dir.file("20250102T000000Z.log"));
+  EXPECT_TRUE(test::exists(dir.file("20250102T000000Z.log"))) << "just written, clock put back";
+  EXPECT_FALSE(test::exists(dir.file("a.log")));
+  rotate_job_logs(dir.file("nowhere"), 1, "");  // nothing to do, nothing to say
 }
 
 }  // namespace

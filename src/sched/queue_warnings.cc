@@ -1,0 +1,71 @@
+#include "sched/queue_warnings.h"
+
+#include <algorithm>
+#include <string>
+
+#include "common/log.h"
+#include "common/times.h"
+#include "sched/queue_schedule.h"
+
+namespace orv {
+namespace {
+
+constexpr const char* kSetAnew =
+    "disable and enable the job, or edit its schedule, to have it set anew";
+
+// The next run says "never" although there is a time to run at. Empty when it does not.
+std::string never_text(const Job& job, const QueueRecord& record, std::int64_t now) {
+  if (!has_time_ahead(job, now) || record.next_run != kNever ||
+      record_state(record) == JobState::Running) {
+    return {};
+  }
+  if (job.has_schedule && first_next_run(job, now) == kNever) {
+    return "has a schedule that matches no date: it never starts by itself";
+  }
+  const std::string what = job.has_schedule ? "schedule" : "once time";
+  return "has a " + what +
+         ", but its next run in the queue is \"never\" -- disable and enable the job, or edit "
+         "its " +
+         what + ", to have it set";
+}
+
+// The marks of a clock that was ahead; empty when there are none.
+std::string clock_text(const Job& job, const QueueRecord& record, std::int64_t now) {
+  if (!job.after.empty() && record.after_stamp > now) {
+    return "has run for a dependency that finished in the future (" +
+           local_time_cell(record.after_stamp) +
+           "): the clock was wrong -- it starts after none before that time, unless it is taken "
+           "out "
+           "of the configuration for one poll interval";
+  }
+  // A retry has a time of its own, whatever the schedule says.
+  if (job.enabled && job.has_schedule && !waits_for_retry(record) && record.next_run != kNever) {
+    const std::int64_t match = first_next_run(job, now);
+    if (record.next_run > match) {
+      return "is to run at " + local_time_cell(record.next_run) +
+             ", beyond its schedule's next match at " + local_time_cell(match) +
+             ": the clock or the time zone was another -- " + kSetAnew;
+    }
+  }
+  const std::int64_t last = std::max<std::int64_t>(record.started_at, record.finished_at);
+  if (last > now) {
+    return "ran last in the future (" + local_time_cell(last) +
+           "): the clock was wrong -- run it once to put that right";
+  }
+  return {};
+}
+
+}  // namespace
+
+void queue_warn_of_times(const QueueState& queue, const Config& config, std::int64_t now) {
+  for (const Job& job : config.jobs) {
+    const QueueRecord* const record = queue_find(queue, job.name.view());
+    if (record == nullptr) continue;
+    std::string text = never_text(job, *record, now);
+    if (text.empty()) text = clock_text(job, *record, now);
+    if (text.empty()) continue;
+    log_msg(LogLevel::Warn, "orv_sched: job '%s' %s", job.name.c_str(), text.c_str());
+  }
+}
+
+}  // namespace orv
