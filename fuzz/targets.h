@@ -13,10 +13,16 @@
 namespace orv::fuzz {
 
 void auth(std::string_view input);
+void certificate(std::string_view input);
 void config(std::string_view input);
 void config_text(std::string_view input);
 void ipc(std::string_view input);
 void json(std::string_view input);
+
+// Of the network process; not there when its libraries are missing.
+void http(std::string_view input);
+void mail(std::string_view input);
+void smtp(std::string_view input);
 
 // A promise of the code under test.
 inline void require(bool holds) {

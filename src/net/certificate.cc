@@ -210,6 +210,16 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   return replaced ? ErrorCode::Ok : ErrorCode::IoError;
 }
 
+PairFault cert_check_pair(std::string_view cert_pem, std::string_view key_pem) {
+  const ErrorQueue errors;
+  const Certificate cert = parse_certificate(cert_pem);
+  if (!cert) return PairFault::NoCertificate;
+  const Key key = parse_key(key_pem);
+  if (!key) return PairFault::NoKey;
+  return ::X509_check_private_key(cert.get(), key.get()) == 1 ? PairFault::None
+                                                              : PairFault::NotItsKey;
+}
+
 CertPair cert_load_pair(const char* cert_path, const char* key_path, SecretString& cert_pem,
                         SecretString& key_pem, std::span<char> err) {
   SecretString cert_text;
@@ -218,21 +228,21 @@ CertPair cert_load_pair(const char* cert_path, const char* key_path, SecretStrin
       read_pem_file(key_path, key_text, err) != 0) {
     return CertPair::Unreadable;
   }
-  const ErrorQueue errors;
-  const Certificate cert = parse_certificate(cert_text);
-  const Key key = parse_key(key_text);
-  if (!cert) {
-    (void)fail(err, "%s holds no certificate", cert_path);
-  } else if (!key) {
-    (void)fail(err, "%s holds no private key without a password", key_path);
-  } else if (::X509_check_private_key(cert.get(), key.get()) != 1) {
-    (void)fail(err, "%s is not the key of %s", key_path, cert_path);
-  } else {
-    cert_pem = std::move(cert_text);
-    key_pem = std::move(key_text);
-    return CertPair::Usable;
+  switch (cert_check_pair(cert_text, key_text)) {
+    case PairFault::NoCertificate:
+      (void)fail(err, "%s holds no certificate", cert_path);
+      return CertPair::Unusable;
+    case PairFault::NoKey:
+      (void)fail(err, "%s holds no private key without a password", key_path);
+      return CertPair::Unusable;
+    case PairFault::NotItsKey:
+      (void)fail(err, "%s is not the key of %s", key_path, cert_path);
+      return CertPair::Unusable;
+    case PairFault::None: break;
   }
-  return CertPair::Unusable;
+  cert_pem = std::move(cert_text);
+  key_pem = std::move(key_text);
+  return CertPair::Usable;
 }
 
 ErrorCode cert_fingerprint(const char* cert_path, std::span<char> out) {

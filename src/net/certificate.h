@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <span>
+#include <string_view>
 
 #include "common/secret.h"
 #include "common/status.h"
@@ -28,6 +29,10 @@ enum class CertPair {
   Unreadable,  // one of them is missing, cannot be read or is no PEM text
   Unusable,    // no certificate, no unencrypted private key, or not the key of this certificate
 };
+
+// What is wrong with a pair of PEM texts.
+enum class PairFault { None, NoCertificate, NoKey, NotItsKey };
+[[nodiscard]] PairFault cert_check_pair(std::string_view cert_pem, std::string_view key_pem);
 
 // Reads a certificate and its private key and checks that they belong together. Usable: `cert_pem`
 // and `key_pem` hold the texts. Else they are as they were and `err` names the file and the reason.

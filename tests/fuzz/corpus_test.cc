@@ -17,8 +17,13 @@ TEST(FuzzCorpus, GoesThroughWithoutAFault) {
     const char* name;
     void (*run)(std::string_view input);
   } targets[] = {
-      {"auth", fuzz::auth}, {"config", fuzz::config}, {"config_text", fuzz::config_text},
-      {"ipc", fuzz::ipc},   {"json", fuzz::json},
+      {"auth", fuzz::auth},     {"certificate", fuzz::certificate},
+      {"config", fuzz::config}, {"config_text", fuzz::config_text},
+      {"ipc", fuzz::ipc},       {"json", fuzz::json},
+#ifdef ORV_HAVE_NETPROC
+      {"http", fuzz::http},     {"mail", fuzz::mail},
+      {"smtp", fuzz::smtp},
+#endif
   };
   for (const auto& target : targets) {
     int inputs = 0;
