@@ -87,9 +87,17 @@ void append_value(SecretString& out, std::string_view value) {
 void append_setting(SecretString& out, const KeyEdit& edit, std::string_view tail) {
   out.append(edit.key).append("=");
   append_value(out, *edit.value);
+  const bool quoted = needs_quotes(*edit.value);
   // A comment may follow a closing quote directly, but not a bare value.
-  if ((tail.starts_with('#') || tail.starts_with(';')) && !needs_quotes(*edit.value)) out += ' ';
-  out.append(tail);
+  if ((tail.starts_with('#') || tail.starts_with(';')) && !quoted) out += ' ';
+  // After a bare value the loader skips white space of any kind, after a closing quote only blanks
+  // and the line's end.
+  const std::size_t line_end = tail.find_last_not_of("\r\n") + 1;  // 0 when there is nothing else
+  std::size_t taken = 0;
+  for (; quoted && taken < line_end && is_space(tail[taken]); ++taken) {
+    out += tail[taken] == '\t' ? '\t' : ' ';
+  }
+  out.append(tail.substr(taken));
 }
 
 bool writable_key(std::string_view key) {
@@ -195,6 +203,10 @@ std::optional<SecretString> set_keys(std::string_view text, std::string_view sec
   out.append("[").append(section).append("]\n");
   PendingEdits(edits).append_rest(out, "\n");
   return out;
+}
+
+bool has_section(std::string_view text, std::string_view section) {
+  return find_section(split_lines(text), section).has_value();
 }
 
 std::optional<SecretString> remove_section(std::string_view text, std::string_view section) {

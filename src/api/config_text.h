@@ -30,6 +30,8 @@ struct KeyEdit {
 [[nodiscard]] std::optional<SecretString> set_keys(std::string_view text, std::string_view section,
                                                    std::span<const KeyEdit> edits);
 
+[[nodiscard]] bool has_section(std::string_view text, std::string_view section);
+
 // The text without the section's header and every line up to the next header. Nothing when there is
 // no such section.
 [[nodiscard]] std::optional<SecretString> remove_section(std::string_view text,

@@ -42,6 +42,9 @@ TEST(ConfigText, ChangesTheLinesOfTheKeysAndNothingElse) {
       {"[a]\nk=x\n", {{"k", R"(it's "a\b")"}}, "[a]\nk=it's \"a\\b\"\n"},
       {"[a]\nk=x\n", {{"k", R"('"a\b")"}}, "[a]\nk=\"'\\\"a\\\\b\\\"\"\n"},
       {"[a]\nk=x\n", {{"k", "a ;b"}}, "[a]\nk='a ;b'\n"},
+      {"[a]\nk=x\f\t\v\r # c\r\n", {{"k", "#"}}, "[a]\nk='#' \t   # c\r\n"},
+      {"[a]\nk=x\v\r\n", {{"k", "y"}, {"l", "#"}}, "[a]\nk=y\v\r\nl='#'\r\n"},
+      {"[a]\nk=x\f", {{"k", "#"}}, "[a]\nk='#' "},
       {"[a]\nk=x\n", {{"k", "a;b#"}}, "[a]\nk=a;b#\n"},
   };
   for (const Case& c : cases) EXPECT_EQ(edited(c.text, c.edits), c.expected) << c.text;
