@@ -72,7 +72,7 @@ void try_tokens_file(std::string_view content) {
   static ScratchFile file;
   TokenStore store;
   char err[1024] = "";
-  if (read_tokens(file.hold(content), store, err) != 0) {
+  if (read_tokens(file.hold(content), store, err) != TokensRead::Ok) {
     require(store.tokens.empty() && err[0] != '\0');
     return;
   }

@@ -2,6 +2,7 @@
 
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include "api/router.h"
 #include "common/log.h"
@@ -26,17 +27,23 @@ bool tokens_current(ApiContext& context) {
       identity == context.tokens_identity)
     return context.tokens_state == TokenFileState::Loaded;
 
-  // Should memory run out half-way, the next request tries again.
+  // Unless the reading comes to an end, by memory running out half-way too, the next request tries
+  // again.
   context.tokens_state = TokenFileState::NotLoaded;
   context.tokens_path = path.view();
   context.tokens_identity = identity;
   char err[kMessageSize];
-  if (read_tokens(path.c_str(), context.tokens, err) != 0) {
-    context.tokens_state = TokenFileState::Failed;
-    log_msg(LogLevel::Error,
-            "orv_sched API: %s -- every API request is refused until this is fixed", err);
+  const TokensRead result = read_tokens(path.c_str(), context.tokens, err);
+  if (result == TokensRead::Faulty) context.tokens_state = TokenFileState::Failed;
+  if (result != TokensRead::Ok) {
+    // A fault that lasts over many tries is one line.
+    const bool is_new = std::exchange(context.tokens_complaint, err) != err;
+    if (is_new || result == TokensRead::Faulty)
+      log_msg(LogLevel::Error,
+              "orv_sched API: %s -- every API request is refused until this is fixed", err);
     return false;
   }
+  context.tokens_complaint.clear();
   log_msg(LogLevel::Info, "orv_sched API: %zu token(s) loaded from %s",
           context.tokens.tokens.size(), path.c_str());
   context.tokens_state = TokenFileState::Loaded;

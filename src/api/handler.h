@@ -24,6 +24,7 @@ struct ApiContext {
   std::string tokens_path;       // last loaded
   FileIdentity tokens_identity;  // at that load
   TokenFileState tokens_state = TokenFileState::NotLoaded;
+  std::string tokens_complaint;  // last logged, empty: none since they could be read
   NonceCache nonces;
   ApiReply reply;
 };

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/rand.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,16 +86,31 @@ int read_token_lines(const char* path, std::string_view text, TokenStore& out,
   return 0;
 }
 
-int read_open_file(int fd, const char* path, TokenStore& out, std::span<char> err) {
+// A fault of the moment, by errno, and not of the file.
+bool is_passing(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
+}
+
+TokensRead cannot_read(const char* path, std::span<char> err) {
+  const int cause = errno;
+  (void)fail(err, "cannot read %s: %s", path, std::strerror(cause));
+  return is_passing(cause) ? TokensRead::Passing : TokensRead::Faulty;
+}
+
+TokensRead read_open_file(int fd, const char* path, TokenStore& out, std::span<char> err) {
   struct stat st {};
-  if (::fstat(fd, &st) != 0) return fail(err, "cannot read %s: %s", path, std::strerror(errno));
-  if (!S_ISREG(st.st_mode)) return fail(err, "%s is not a regular file", path);
-  if ((st.st_mode & 077) != 0)
-    return fail(err, "%s must not be accessible by group/others (chmod 600)", path);
+  if (::fstat(fd, &st) != 0) return cannot_read(path, err);
+  if (!S_ISREG(st.st_mode)) {
+    (void)fail(err, "%s is not a regular file", path);
+    return TokensRead::Faulty;
+  }
+  if ((st.st_mode & 077) != 0) {
+    (void)fail(err, "%s must not be accessible by group/others (chmod 600)", path);
+    return TokensRead::Faulty;
+  }
   SecretString text;
-  if (read_whole(fd, kMaxTokensFile, text) != ErrorCode::Ok)
-    return fail(err, "cannot read %s: %s", path, std::strerror(errno));
-  return read_token_lines(path, text, out, err);
+  if (read_whole(fd, kMaxTokensFile, text) != ErrorCode::Ok) return cannot_read(path, err);
+  return read_token_lines(path, text, out, err) == 0 ? TokensRead::Ok : TokensRead::Faulty;
 }
 
 // The whole text of the file.
@@ -124,28 +140,38 @@ const ApiToken* find_token(const TokenStore& store, std::string_view name) {
   return nullptr;
 }
 
-int read_tokens(const char* path, TokenStore& out, std::span<char> err) {
+ScopedFd lock_tokens(const char* path, std::span<char> err) {
+  const std::string name = std::string(path) + ".lock";
+  ScopedFd lock = open_file(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+  int rc = lock.valid() ? 0 : -1;
+  while (rc == 0 && (rc = ::flock(lock.get(), LOCK_EX)) != 0 && errno == EINTR) rc = 0;
+  if (rc == 0) return lock;
+  (void)fail(err, "cannot lock %s: %s", name.c_str(), std::strerror(errno));
+  return ScopedFd();
+}
+
+TokensRead read_tokens(const char* path, TokenStore& out, std::span<char> err) {
   out.tokens.clear();
   // Not blocking: a FIFO in the file's place must not hold the daemon up.
   const ScopedFd file = open_file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
-  if (!file.valid()) {
-    if (errno == ENOENT) return 0;
-    return fail(err, "cannot read %s: %s", path, std::strerror(errno));
-  }
-  if (read_open_file(file.get(), path, out, err) == 0) return 0;
-  out.tokens.clear();
-  return -1;
+  if (!file.valid()) return errno == ENOENT ? TokensRead::Ok : cannot_read(path, err);
+  const TokensRead result = read_open_file(file.get(), path, out, err);
+  if (result != TokensRead::Ok) out.tokens.clear();
+  return result;
 }
 
 int write_tokens(const char* path, const TokenStore& store, std::span<char> err) {
-  ReplacementFile file(std::string(path) + ".tmp." + std::to_string(::getpid()));
+  ReplacementFile file(tokens_temporary_prefix(path) + std::to_string(::getpid()));
   if (file.create(0600) != ErrorCode::Ok)
     return fail(err, "cannot write %s: %s", file.path().c_str(), std::strerror(errno));
+  // The directory is flushed as well: a token that was removed must not be back after a power loss.
   if (file.write(format_tokens(store)) != ErrorCode::Ok || file.finish() != ErrorCode::Ok ||
-      file.move_to(path, DirectoryFlush::No) != ErrorCode::Ok)
+      file.move_to(path, DirectoryFlush::Yes) != ErrorCode::Ok)
     return fail(err, "cannot write %s: %s", path, std::strerror(errno));
   return 0;
 }
+
+std::string tokens_temporary_prefix(const std::string& path) { return path + ".tmp."; }
 
 int new_token_secret(FixedSecret<kTokenSecretLength>& out) {
   unsigned char random[kSecretBytes + 1] = {};  // one zero byte makes whole groups of three

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/fixed_text.h"
+#include "common/scoped_fd.h"
 #include "common/token_text.h"
 
 namespace orv {
@@ -35,12 +37,26 @@ struct TokenStore {
 // Exact, case-sensitive; null when there is none.
 [[nodiscard]] const ApiToken* find_token(const TokenStore& store, std::string_view name);
 
-// Reads the file into `out`. 0, with no tokens when the file does not exist; -1 with a message and
-// an empty store. The file must be a regular file, not a symlink, without group or other
+// Takes the exclusive lock ("<path>.lock") that whoever changes the tokens holds from reading them
+// to writing them, waiting while another process has it. It ends with the descriptor. Empty with a
+// message when there is none to be had.
+[[nodiscard]] ScopedFd lock_tokens(const char* path, std::span<char> err);
+
+// Reads the file into `out`. Ok, with no tokens when the file does not exist; otherwise a message
+// and an empty store. The file must be a regular file, not a symlink, without group or other
 // permissions.
-[[nodiscard]] int read_tokens(const char* path, TokenStore& out, std::span<char> err);
+enum class TokensRead : int {
+  Ok = 0,
+  Faulty = -1,   // it will not become better before it is changed
+  Passing = -2,  // for want of descriptors or memory, or after an I/O error: try again
+};
+[[nodiscard]] TokensRead read_tokens(const char* path, TokenStore& out, std::span<char> err);
+
 // Replaces the file. 0; -1 with a message, the old file in place.
 [[nodiscard]] int write_tokens(const char* path, const TokenStore& store, std::span<char> err);
+
+// What the new file is called while it is written, followed by the writer's pid.
+[[nodiscard]] std::string tokens_temporary_prefix(const std::string& path);
 
 // A fresh secret. 0; -1 when there are no random numbers.
 [[nodiscard]] int new_token_secret(FixedSecret<kTokenSecretLength>& out);

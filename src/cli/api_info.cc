@@ -27,7 +27,7 @@ void print_tokens(const ApiSection& api) {
   char err[kConfigMessageSize] = "out of memory";
   try {
     TokenStore store;
-    if (read_tokens(api.tokens_file.c_str(), store, err) == 0) {
+    if (read_tokens(api.tokens_file.c_str(), store, err) == TokensRead::Ok) {
       std::printf("tokens:             %zu\n", store.tokens.size());
       return;
     }

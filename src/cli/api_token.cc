@@ -24,6 +24,7 @@ constexpr std::size_t kMessageSize = 2048;
 
 struct TokenFile {
   std::string path;
+  ScopedFd lock;  // held by a command that changes the file
   TokenStore store;
 };
 
@@ -83,12 +84,16 @@ int add_token(TokenFile& file, const char* name, const char* role, std::int64_t 
   return kExitOk;
 }
 
-int load_tokens(const CommandContext& context, TokenFile& out) {
+int load_tokens(const CommandContext& context, bool changes, TokenFile& out) {
   const std::unique_ptr<Config> config = load_config(context);
   if (!config) return kExitFailed;
   out.path = config->api.tokens_file.view();
   char err[kMessageSize];
-  if (read_tokens(out.path.c_str(), out.store, err) != 0) return complain("%s", err);
+  if (changes) {
+    out.lock = lock_tokens(out.path.c_str(), err);
+    if (!out.lock.valid()) return complain("%s", err);
+  }
+  if (read_tokens(out.path.c_str(), out.store, err) != TokensRead::Ok) return complain("%s", err);
   return kExitOk;
 }
 
@@ -99,11 +104,12 @@ std::string_view word_at(const CommandContext& context, std::size_t index) {
 }
 
 int run_token_command(const CommandContext& context) {
-  TokenFile file;
-  if (const int status = load_tokens(context, file); status != kExitOk) return status;
   const std::string_view action = word_at(context, 2);
+  const bool changes = action == "add" || action == "remove";
+  TokenFile file;
+  if (const int status = load_tokens(context, changes, file); status != kExitOk) return status;
   if (action == "list") return list_tokens(file);
-  if (action != "add" && action != "remove") {
+  if (!changes) {
     print_usage();
     return kExitUsage;
   }

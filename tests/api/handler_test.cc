@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -133,6 +134,23 @@ TEST_F(Handler, TokensAreLoadedWhenTheirFileChangesOnly) {
   ASSERT_EQ(::rename(dir_.file("other").c_str(), path_.c_str()), 0);
   EXPECT_THAT(answer(), HasSubstr("1 token(s) loaded"));
   expect_reply(404, kUnknownPath);
+
+  // A fault that passes is logged once and tried again with every request.
+  dir_.write("tokens", "watch read 8 " + std::string(kSecret) + "\n\n", 0600);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  rlimit none{0, limit.rlim_max};
+  const auto answer_without_descriptors = [&] {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    api_handle_request_at(context_, kNow, request_, response_);
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    return testing::internal::GetCapturedStderr();
+  };
+  EXPECT_THAT(answer_without_descriptors(), HasSubstr("Too many open files -- every API request"));
+  expect_reply(503, error("unavailable", kTokenFault));
+  EXPECT_EQ(answer_without_descriptors(), "");
+  EXPECT_THAT(answer(), HasSubstr("1 token(s) loaded"));
 
   live_.config->api.enabled = false;
   EXPECT_EQ(answer(), "");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -17,7 +18,7 @@ class TokensFile : public testing::Test {
  protected:
   int read() {
     char err[1024] = "";
-    const int rc = read_tokens(path_.c_str(), store_, err);
+    const int rc = static_cast<int>(read_tokens(path_.c_str(), store_, err));
     message_ = err;
     return rc;
   }
@@ -103,6 +104,27 @@ TEST_F(TokensFile, WhatIsWrittenReadsBackInOrder) {
   dir_.write("tokens", test::read_file(path_) + "surplus read 1 " + kSecret + "\n", 0600);
   EXPECT_EQ(read(), -1);
   EXPECT_EQ(message_, path_ + ": too many tokens");
+}
+
+TEST_F(TokensFile, ChangesOfManyProcessesAreAllKept) {
+  constexpr int kProcesses = 8;
+  for (int i = 0; i < kProcesses; ++i) {
+    if (::fork() != 0) continue;
+    char err[1024] = "";
+    const ScopedFd lock = lock_tokens(path_.c_str(), err);
+    if (!lock.valid() || read() != 0) ::_exit(1);
+    auto token = std::make_unique<ApiToken>();
+    if (!token->name.set("n" + std::to_string(i)) || !token->secret.set(kSecret)) ::_exit(1);
+    store_.tokens.push_back(std::move(token));
+    ::_exit(write_tokens(path_.c_str(), store_, err) == 0 ? 0 : 1);
+  }
+  for (int i = 0; i < kProcesses; ++i) {
+    int status = 0;
+    ASSERT_GT(::wait(&status), 0);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(read(), 0) << message_;
+  EXPECT_EQ(store_.tokens.size(), std::size_t{kProcesses});
 }
 
 TEST_F(TokensFile, AFailedWriteSaysWhyAndLeavesNothing) {
