@@ -6,6 +6,7 @@
 
 #include "api/config_history.h"
 #include "api/config_replace.h"
+#include "api/leftovers.h"
 #include "api/line_diff.h"
 #include "common/files.h"
 #include "common/log.h"
@@ -16,9 +17,14 @@ namespace {
 
 constexpr std::size_t kMaxChangeMail = 49152;  // bytes of the body
 
+void reply_changed_meanwhile(ApiCall& call) {
+  reply_error(call.reply, 412, "precondition_failed",
+              "the configuration was changed in the meantime: reload it and retry");
+}
+
 // Replaces the file, or proves the text only; null after an error reply.
-std::shared_ptr<const Config> replace_or_reply(ApiCall& call, std::string_view text,
-                                               bool validate_only) {
+std::shared_ptr<const Config> replace_or_reply(ApiCall& call, const ConfigSnapshot& before,
+                                               std::string_view text, bool validate_only) {
   const LiveState& live = call.live;
   if (text.size() > kMaxConfigFile) {  // it would load, but the API could not read it again
     reply_error(call.reply, 400, "config_invalid", "%s would be larger than %zu bytes",
@@ -28,6 +34,7 @@ std::shared_ptr<const Config> replace_or_reply(ApiCall& call, std::string_view t
   std::shared_ptr<const Config> proved;
   char err[kConfigMessageSize];
   switch (replace_config({.path = live.config_path,
+                          .before = before.text,
                           .text = text,
                           .history_keep = live.config->api.history_keep,
                           .validate_only = validate_only,
@@ -37,6 +44,7 @@ std::shared_ptr<const Config> replace_or_reply(ApiCall& call, std::string_view t
     case ReplaceResult::InvalidConfig:
       reply_error(call.reply, 400, "config_invalid", "%s", err);
       return nullptr;
+    case ReplaceResult::ChangedMeanwhile: reply_changed_meanwhile(call); return nullptr;
     case ReplaceResult::IoFailure: break;
   }
   log_msg(LogLevel::Error, "orv_sched API: %s", err);
@@ -52,14 +60,12 @@ void send_change_mail(ApiCall& call, std::string_view description, std::string_v
   const std::string host(host_name(buffer));
   std::string subject = "[tarnwell] " + host + ": orv_sched configuration changed via API (";
   subject.append(description).append(")");
-  const bool history_kept = live.config->api.history_keep > 0;
   std::string body = "The orv_sched configuration on " + host + " was changed through the API.\n";
   body.append("\nChange:  ").append(description);
   body.append("\nToken:   ").append(call.request.token_name);
   body.append("\nClient:  ").append(call.request.http.client.view());
   body.append("\nFile:    ").append(live.config_path);
-  body.append("\nHistory: ");
-  body.append(history_kept ? history_directory(live.config_path) : "(none: history-keep=0)");
+  body.append("\nHistory: ").append(history_directory(live.config_path));
   body.append("\n\n--- changed lines ---\n").append(diff);
   if (body.size() > kMaxChangeMail) body.resize(kMaxChangeMail);
   (void)net_queue_mail(live.net, subject, body);  // the change stands even if it cannot be sent
@@ -73,9 +79,9 @@ bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot) {
     return refuse(call, 428, "precondition_required",
                   "If-Match with the current config_etag is required for changes");
   }
-  return http.if_match.view() == snapshot.etag.view() ||
-         refuse(call, 412, "precondition_failed",
-                "the configuration was changed in the meantime: reload it and retry");
+  if (http.if_match.view() == snapshot.etag.view()) return true;
+  reply_changed_meanwhile(call);
+  return false;
 }
 
 SnapshotPtr begin_change(ApiCall& call) {
@@ -83,15 +89,17 @@ SnapshotPtr begin_change(ApiCall& call) {
   return snapshot && check_if_match(call, *snapshot) ? snapshot : nullptr;
 }
 
-bool validate_change(ApiCall& call, std::string_view text) {
-  return replace_or_reply(call, text, true) != nullptr;
+bool validate_change(ApiCall& call, const ConfigSnapshot& before, std::string_view text) {
+  return replace_or_reply(call, before, text, true) != nullptr;
 }
 
-SnapshotPtr commit_change(ApiCall& call, const ConfigSnapshot& before, SecretString text,
+SnapshotPtr commit_change(ApiCall& call, const SnapshotPtr& before, SecretString text,
                           std::string_view description) {
+  if (text == before->text) return before;
+  remove_config_leftovers(call.live.config_path);
   auto after = std::make_shared<ConfigSnapshot>();  // first: nothing may fail after the rename
   after->etag = entity_tag(text);
-  after->config = replace_or_reply(call, text, false);
+  after->config = replace_or_reply(call, *before, text, false);
   if (!after->config) return nullptr;
   after->text = std::move(text);
   LiveState& live = call.live;
@@ -102,7 +110,7 @@ SnapshotPtr commit_change(ApiCall& call, const ConfigSnapshot& before, SecretStr
           static_cast<int>(description.size()), description.data());
   const Config& policy = *live.config;
   if (policy.api.notify_changes && policy.mail.present && !policy.mail.to.empty()) {
-    send_change_mail(call, description, line_diff(before.text, after->text));
+    send_change_mail(call, description, line_diff(before->text, after->text));
   }
   return after;
 }

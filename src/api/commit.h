@@ -20,12 +20,14 @@ namespace orv {
 
 // Proves that the text loads, writing nothing. False after the error reply that a commit would
 // make.
-[[nodiscard]] bool validate_change(ApiCall& call, std::string_view text);
+[[nodiscard]] bool validate_change(ApiCall& call, const ConfigSnapshot& before,
+                                   std::string_view text);
 
 // Replaces the file by `text`, tells the daemon to load it, logs the change and sends the change
-// mail. Returns the new configuration; null after an error reply, nothing changed.
-[[nodiscard]] SnapshotPtr commit_change(ApiCall& call, const ConfigSnapshot& before,
-                                        SecretString text, std::string_view description);
+// mail. Returns the new configuration; null after an error reply, nothing changed. A text that is
+// the old one is no change: nothing is written, and `before` comes back.
+[[nodiscard]] SnapshotPtr commit_change(ApiCall& call, const SnapshotPtr& before, SecretString text,
+                                        std::string_view description);
 
 // The reply of a change that reports nothing but the new tag.
 void reply_changed(ApiCall& call, const EntityTag& etag);

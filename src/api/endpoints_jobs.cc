@@ -129,7 +129,7 @@ void put_job(ApiCall& call) {
   if (!text) return;
   std::string description = existing == nullptr ? "created job '" : "updated job '";
   description.append(call.name()).append("'");
-  const SnapshotPtr after = commit_change(call, *before, std::move(*text), description);
+  const SnapshotPtr after = commit_change(call, before, std::move(*text), description);
   if (!after) return;
   const Job* const job = find_job(*after->config, call.name());
   if (job != nullptr) reply_job(call, *after, *job, existing == nullptr ? 201 : 200);
@@ -148,7 +148,7 @@ void delete_job(ApiCall& call) {
   }
   std::string description = "deleted job '";
   description.append(call.name()).append("'");
-  const SnapshotPtr after = commit_change(call, *before, std::move(*text), description);
+  const SnapshotPtr after = commit_change(call, before, std::move(*text), description);
   if (after) reply_changed(call, after->etag);
 }
 
@@ -168,7 +168,7 @@ void validate_job(ApiCall& call) {
     const Job* const existing = find_job(*snapshot->config, *name);
     text = changed_job_text(call, *snapshot, *name, existing, *body);
   }
-  reply_verdict(call, text && validate_change(call, *text));
+  reply_verdict(call, text && validate_change(call, *snapshot, *text));
 }
 
 }  // namespace orv

@@ -109,7 +109,7 @@ bool has_value(const std::vector<KeyEdit>& edits, std::string_view key) {
       edits, [key](const KeyEdit& edit) { return edit.key == key && edit.value.has_value(); });
 }
 
-void commit_settings(ApiCall& call, const ConfigSnapshot& before, SecretString text,
+void commit_settings(ApiCall& call, const SnapshotPtr& before, SecretString text,
                      std::string_view description) {
   const SnapshotPtr after = commit_change(call, before, std::move(text), description);
   if (after) reply_changed(call, after->etag);
@@ -123,7 +123,7 @@ void remove_mail(ApiCall& call) {
     (void)refuse(call, 404, "not_found", "there is no [mail] section");
     return;
   }
-  commit_settings(call, *before, std::move(*text), "removed [mail]");
+  commit_settings(call, before, std::move(*text), "removed [mail]");
 }
 
 void set_mail(ApiCall& call, const JsonValue& mail) {
@@ -141,7 +141,7 @@ void set_mail(ApiCall& call, const JsonValue& mail) {
     (void)refuse(call, 400, "invalid_value", "a value cannot be written to the configuration file");
     return;
   }
-  commit_settings(call, *before, std::move(*text), "updated [mail]");
+  commit_settings(call, before, std::move(*text), "updated [mail]");
 }
 
 }  // namespace
@@ -182,12 +182,16 @@ void put_sched_settings(ApiCall& call) {
   if (!before) return;
   std::vector<KeyEdit> edits;
   if (!read_body_fields(call.reply, *sched, kSchedFields, edits)) return;
-  std::optional<SecretString> text = set_keys(before->text, "sched", edits);
+  // An empty section would say nothing: none is added when there is nothing to put in it.
+  const bool sets_any = std::ranges::any_of(edits, [](const KeyEdit& e) { return !!e.value; });
+  std::optional<SecretString> text = sets_any || has_section(before->text, "sched")
+                                         ? set_keys(before->text, "sched", edits)
+                                         : before->text;
   if (!text) {
     (void)refuse(call, 400, "invalid_value", "cannot write the values");
     return;
   }
-  commit_settings(call, *before, std::move(*text), "updated [sched]");
+  commit_settings(call, before, std::move(*text), "updated [sched]");
 }
 
 void get_mail_settings(ApiCall& call) {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "api/leftovers.h"
 #include "api/tokens.h"
 #include "cli/commands.h"
 #include "cli/console.h"
@@ -90,6 +91,7 @@ int load_tokens(const CommandContext& context, bool changes, TokenFile& out) {
   out.path = config->api.tokens_file.view();
   char err[kMessageSize];
   if (changes) {
+    remove_tokens_leftovers(out.path);
     out.lock = lock_tokens(out.path.c_str(), err);
     if (!out.lock.valid()) return complain("%s", err);
   }

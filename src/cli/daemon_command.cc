@@ -1,6 +1,7 @@
 #include <memory>
 
 #include "api/handler.h"
+#include "api/leftovers.h"
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "cli/settings.h"
@@ -16,6 +17,9 @@ namespace {
 int settle(const CommandContext& context, DaemonSettings& settings) {
   const std::unique_ptr<Config> config = load_config(context);
   if (config == nullptr) return kExitUsage;
+  // What a daemon that was killed while it wrote has left, full of secrets.
+  remove_config_leftovers(context.config_path);
+  remove_tokens_leftovers(config->api.tokens_file.c_str());
   const RunSettings run = settle_run_settings(context.args, config->sched);
   const LoopSettings loop = settle_loop_settings(context.args, config->sched);
   settings.config_path = context.config_path;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "api/config_history.h"
@@ -57,6 +59,7 @@ ORV_FAULTY(int, chmod, (const char* path, mode_t mode), path, mode)
 ORV_FAULTY(int, mkdir, (const char* path, mode_t mode), path, mode)
 ORV_FAULTY(int, fsync, (int fd), fd)
 ORV_FAULTY(int, rename, (const char* from, const char* to), from, to)
+ORV_FAULTY(int, link, (const char* from, const char* to), from, to)
 ORV_FAULTY(int, unlink, (const char* path), path)
 
 extern "C" DIR* __real_opendir(const char* path);
@@ -97,7 +100,8 @@ class ConfigReplace : public ::testing::Test {
   ConfigReplace() : path_(dir_.write("cfg", kOld, 0640)) {}
   ReplaceResult replace(std::string_view text, std::uint32_t keep, bool validate_only = false) {
     err_.fill('\0');
-    return replace_config({path_, text, keep, validate_only, kNow}, proved_, err_);
+    const std::string before = read_file(path_);
+    return replace_config({path_, before, text, keep, validate_only, kNow}, proved_, err_);
   }
   // The names below the directory, apart from the configuration's own.
   [[nodiscard]] std::string others() const {
@@ -123,20 +127,19 @@ class ConfigReplace : public ::testing::Test {
 };
 
 TEST_F(ConfigReplace, KeepsTheNewestCopiesAndTheFilesAttributes) {
-  for (const char* name :
-       {"20260101T000000Z-000.cfg", "20260101T000000Z-001.cfg", "x.txt", ".cfg"}) {
+  for (const char* name : {"20260101T000000Z-000.cfg", "20260101T000000Z-001.cfg", "mine.cfg"}) {
     dir_.write(std::string("cfg-history/") + name, "");
   }
   ASSERT_EQ(replace(kNew, 3), ReplaceResult::Ok) << err_.data();
   ASSERT_EQ(replace(kOld, 3), ReplaceResult::Ok) << err_.data();
   EXPECT_EQ(others(),
-            ".cfg 20260101T000000Z-001.cfg 20270115T080000Z-000.cfg "
-            "20270115T080000Z-001.cfg x.txt ");
+            "20260101T000000Z-001.cfg 20270115T080000Z-000.cfg 20270115T080000Z-001.cfg "
+            "mine.cfg ");
   EXPECT_EQ(read_file(dir_.file("cfg-history/20270115T080000Z-000.cfg")), kOld);
   EXPECT_EQ(read_file(dir_.file("cfg-history/20270115T080000Z-001.cfg")), kNew);
   ASSERT_EQ(replace(kNew, 1), ReplaceResult::Ok) << err_.data();
   ASSERT_EQ(replace(kOld, 1), ReplaceResult::Ok) << err_.data();
-  EXPECT_EQ(others(), ".cfg 20270115T080000Z-003.cfg x.txt ") << "the newest is never pruned";
+  EXPECT_EQ(others(), "20270115T080000Z-003.cfg mine.cfg ") << "the newest is never pruned";
   struct stat st {};
   EXPECT_EQ(::stat(path_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0640U);
@@ -150,6 +153,49 @@ TEST_F(ConfigReplace, KeepsTheNewestCopiesAndTheFilesAttributes) {
   EXPECT_EQ(::stat(path_.c_str(), &st), 0);
   EXPECT_EQ(st.st_uid, 12U);
   EXPECT_EQ(st.st_gid, 34U);
+}
+
+TEST_F(ConfigReplace, ReplacesWhatALinkPointsTo) {
+  dir_.write("real/cfg", kOld);
+  std::filesystem::remove(path_);
+  std::filesystem::create_symlink("real/cfg", path_);
+  ASSERT_EQ(replace(kNew, 1), ReplaceResult::Ok) << err_.data();
+  EXPECT_TRUE(std::filesystem::is_symlink(path_));
+  EXPECT_EQ(read_file(dir_.file("real/cfg")), kNew);
+  EXPECT_TRUE(test::exists(dir_.file("cfg-history/20270115T080000Z-000.cfg")));
+  EXPECT_EQ(others(), "20270115T080000Z-000.cfg ");
+}
+
+// An ACL as the kernel stores it: owner rw-, user 12 r--, group ---, mask r--, others ---.
+TEST_F(ConfigReplace, KeepsTheAccessListAndAddsNone) {
+  constexpr char kAcl[] =
+      "\x02\0\0\0\x01\0\x06\0\xff\xff\xff\xff\x02\0\x04\0\x0c\0\0\0"
+      "\x04\0\0\0\xff\xff\xff\xff\x10\0\x04\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff";
+  constexpr const char* kAccess = "system.posix_acl_access";
+  const auto acl = [this] {
+    std::array<char, 256> bytes{};
+    const ssize_t size = ::getxattr(path_.c_str(), kAccess, bytes.data(), bytes.size());
+    return size < 0 ? std::string("none") : std::string(bytes.data(), static_cast<size_t>(size));
+  };
+  if (::setxattr(path_.c_str(), kAccess, kAcl, sizeof kAcl - 1, 0) != 0) {
+    GTEST_SKIP() << "no access lists here";
+  }
+  const std::string before = acl();
+  ASSERT_EQ(replace(kNew, 0), ReplaceResult::Ok) << err_.data();
+  EXPECT_EQ(acl(), before);
+  ASSERT_EQ(::removexattr(path_.c_str(), kAccess), 0);
+  ASSERT_EQ(::setxattr(dir_.path().c_str(), "system.posix_acl_default", kAcl, sizeof kAcl - 1, 0),
+            0);
+  ASSERT_EQ(replace(kOld, 0), ReplaceResult::Ok) << err_.data();
+  EXPECT_EQ(acl(), "none") << "the directory's default list gives nobody access";
+}
+
+TEST_F(ConfigReplace, LeavesAnEditByHandAlone) {
+  dir_.write("cfg", "[a]\nonce=3\n");
+  EXPECT_EQ(replace_config({path_, kOld, kNew, 2, false, kNow}, proved_, err_),
+            ReplaceResult::ChangedMeanwhile);
+  EXPECT_EQ(read_file(path_), "[a]\nonce=3\n");
+  EXPECT_EQ(others(), "") << "nor is there a copy of what never was";
 }
 
 TEST_F(ConfigReplace, LeavesEverythingAloneWhenItOnlyValidatesOrRefuses) {
@@ -197,7 +243,7 @@ TEST_F(ConfigReplace, IsWholeWhicheverSystemCallFails) {
     if (!reached) break;
     ++(result == ReplaceResult::Ok ? passed_over : refused)[g_failed];
   }
-  EXPECT_EQ(passed_over["fsync"], 1) << "only the directory's";
+  EXPECT_EQ(passed_over["fsync"], 2) << "only the directories'";
   EXPECT_EQ(refused["fsync"], 2);
   EXPECT_EQ(half_copies, 3) << "write, fsync and close";
   for (const char* name : {"write", "fchmod", "chmod", "rename"}) {
@@ -209,6 +255,7 @@ TEST_F(ConfigReplace, IsWholeWhicheverSystemCallFails) {
 TEST_F(ConfigReplace, IsWholeWheneverTheProcessIsKilled) {
   bool old_kept = false;
   bool killed = true;
+  std::error_code ignored;  // of a history that is not there yet
   for (int call = 0; killed; ++call) {
     SCOPED_TRACE(call);
     dir_.write("cfg", kOld);
@@ -222,6 +269,10 @@ TEST_F(ConfigReplace, IsWholeWheneverTheProcessIsKilled) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     killed = WEXITSTATUS(status) == 9;
     EXPECT_TRUE(loads());
+    for (const auto& copy :
+         std::filesystem::directory_iterator(dir_.file("cfg-history"), ignored)) {
+      EXPECT_TRUE(copy.path().extension() != ".cfg" || read_file(copy.path()) == kOld) << "cut";
+    }
     old_kept = old_kept || read_file(path_) == kOld;
     EXPECT_TRUE(read_file(path_) == kOld || read_file(path_) == kNew) << read_file(path_);
   }

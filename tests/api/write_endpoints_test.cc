@@ -207,6 +207,18 @@ TEST_F(WriteEndpoints, ChangesTheSchedulerSettings) {
             "400 invalid_value: 'job_log_keep' must be an integer 0..100000000 or null");
 }
 
+TEST_F(WriteEndpoints, ATextThatStaysAsItIsIsNoChange) {
+  load(std::string(kConfig) + "\n[mail]\nsmtp-host=mx\nfrom=a@b\nto=c@d\n");
+  connect_network_process();
+  const std::string before = config_text();
+  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{}})").text("config_etag"), tag());
+  EXPECT_EQ(put_job("base", R"({"schedule":"0 1 * * *"})").text("job/schedule"), "0 1 * * *");
+  EXPECT_EQ(config_text(), before);
+  EXPECT_FALSE(live.config_changed);
+  EXPECT_FALSE(exists(dir.file("cfg-history")));
+  EXPECT_EQ(next_mail(), "");
+}
+
 TEST_F(WriteEndpoints, ChangesAndRemovesTheMailSettings) {
   load(kConfig);
   const auto put = [this](std::string_view fields) {
