@@ -1,6 +1,7 @@
 // orv_console: one page for all servers, on the administrator's own machine.
 #include <signal.h>
 #include <stdio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,6 +14,7 @@
 #include "client/server_list.h"
 #include "common/log.h"
 #include "common/options.h"
+#include "common/sandbox.h"
 #include "common/version.h"
 #include "console/console.h"
 #include "console/options.h"
@@ -33,6 +35,7 @@ int complain(int status, const char* message) {
 // the console; what it prints is not for this terminal.
 void open_browser(const std::string& url) {
   const pid_t child = ::fork();
+  if (child > 0) (void)::waitpid(child, nullptr, 0);  // it ends at once
   if (child != 0) return;
   if (::fork() != 0) ::_exit(0);
   if (::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
@@ -68,6 +71,7 @@ int serve(const ConsoleOptions& options) {
     console.stop();
     loop.stop();
   });
+  sandbox_enter();
   console.start();
   loop.run();
   return 0;
@@ -79,7 +83,7 @@ int run(const ArgList& args) {
   std::array<char, kClientMessageSize> err{};
   ConsoleOptions options;
   if (console_options_parse(args, options, err) != 0) return complain(kExitUsage, err.data());
-  log_init(kProgram, LogLevel::Info);
+  log_init(kProgram, LogLevel::Warn);
   (void)::signal(SIGPIPE, SIG_IGN);  // a browser that goes away is an error of one write
   return serve(options);
 }

@@ -13,7 +13,7 @@
 #include "common/text.h"
 #include "common/version.h"
 #include "netproc/net_process.h"
-#include "netproc/sandbox.h"
+#include "common/sandbox.h"
 #include "netproc/smtp.h"
 
 namespace orv {

@@ -454,7 +454,7 @@ def write_servers(home, daemon):
     rows += [(name, port, print_, token) for name, (port, print_) in stand_ins(home).items()]
     rows.append(("open-token", daemon.port, daemon.fingerprint, too_open))
     path = home / "servers"
-    path.write_text("".join(f"[{name}]\nserver = 127.0.0.1:{port}\nfingerprint = {print_}\ntoken-file = {file}\n\n"
+    path.write_text("".join(f"[{name}]\nserver = {'localhost' if name == 'alpha' else '127.0.0.1'}:{port}\nfingerprint = {print_}\ntoken-file = {file}\n\n"
                             for name, port, print_, file in rows), encoding="utf-8")
     path.chmod(0o600)
     return path

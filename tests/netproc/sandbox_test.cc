@@ -1,4 +1,4 @@
-#include "netproc/sandbox.h"
+#include "common/sandbox.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
-// What the network process gives up before it listens to anybody.
-#ifndef ORV_NETPROC_SANDBOX_H_
-#define ORV_NETPROC_SANDBOX_H_
+// What a program that speaks to the network gives up before it listens to anybody. A library of its
+// own, orv_sandbox: the scheduler has no use for it.
+#ifndef ORV_COMMON_SANDBOX_H_
+#define ORV_COMMON_SANDBOX_H_
 
 namespace orv {
 
@@ -13,4 +14,4 @@ void sandbox_enter();
 
 }  // namespace orv
 
-#endif  // ORV_NETPROC_SANDBOX_H_
+#endif  // ORV_COMMON_SANDBOX_H_
