@@ -32,6 +32,8 @@ else()
   target_include_directories(orv_asio SYSTEM INTERFACE ${ORV_BEAST_HEADERS})
   target_compile_definitions(orv_asio INTERFACE BOOST_ERROR_CODE_HEADER_ONLY
                              BOOST_ASIO_NO_DEPRECATED)
+  # The coroutines of Boost 1.74 use std::exchange without including its header.
+  target_compile_options(orv_asio INTERFACE "SHELL:-include utility")
   target_link_libraries(orv_asio INTERFACE OpenSSL::SSL Threads::Threads)
   if(NOT SECCOMP_FOUND)
     message(NOTICE "no system call filter: libseccomp not found (libseccomp-dev)")

@@ -5,6 +5,7 @@
 #define ORV_CLIENT_CONNECTION_H_
 
 #include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +13,6 @@
 #include <string>
 #include <string_view>
 
-#include "client/awaitable.h"
 #include "client/server_list.h"
 #include "client/token.h"
 #include "common/digest.h"

@@ -2,12 +2,12 @@
 #ifndef ORV_CLIENT_RESOLVE_H_
 #define ORV_CLIENT_RESOLVE_H_
 
+#include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <string>
 #include <vector>
 
-#include "client/awaitable.h"
 #include "client/server_list.h"
 
 namespace orv {
