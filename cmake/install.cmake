@@ -8,6 +8,14 @@ foreach(program orv_sched orv_sched_net orv_plan)
   endif()
 endforeach()
 
+# For the administrator's machine.
+if(TARGET orv_api_program)
+  install(TARGETS orv_api_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES docs/orv_api.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES packaging/completion/orv_api
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endif()
+
 install(FILES docs/orv_sched.8 docs/orv_sched_net.8 docs/orv_plan.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES docs/orv_sched.cfg.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)

@@ -89,6 +89,24 @@ TEST(Arguments, RepeatNoSecret) {
   EXPECT_EQ(parse({"mail", "set", "smtp_password="}, removing).message, "");
 }
 
+TEST(Documents, KnowEveryCommandAndOptionOfOrvApi) {
+  const std::string top = ORV_SOURCE_DIR;
+  const std::string page = test::read_file(top + "/docs/orv_api.1");
+  const std::string completion = test::read_file(top + "/packaging/completion/orv_api");
+  const std::string usage = usage_text();
+  const auto everywhere = [&](std::string_view word) {
+    for (const std::string* text : {&page, &completion, &usage}) {
+      EXPECT_THAT(*text, HasSubstr(word)) << text->substr(0, 40);
+    }
+  };
+  for (const OptionRow& option : common_api_options()) everywhere(option.name);
+  for (const ApiCommand& command : api_commands()) {
+    everywhere(command.name);
+    for (const OptionRow& option : command.options) everywhere(option.name);
+    for (const std::string_view action : command.actions) everywhere(action);
+  }
+}
+
 TEST(Members, AreThoseOfTheFileUnderThoseOfTheWords) {
   const test::TempDir dir;
   const std::string file = dir.write(

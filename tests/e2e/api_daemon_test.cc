@@ -1,17 +1,27 @@
-// The API from end to end: the client of examples/, the network process and the daemon.
+// The API from end to end: orv_api, the network process and the daemon.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "client/connection.h"
+#include "client/token.h"
 #include "e2e/network_fixture.h"
+#include "json/json.h"
 
 namespace orv::test {
 namespace {
 
+namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using ::testing::AllOf;
 using ::testing::EndsWith;
@@ -103,7 +113,7 @@ TEST_F(ApiDaemon, RunsFollowsAndCancels) {
   EXPECT_THAT(done({"run", "a"}), StartsWith("the run of job 'a' is queued, number 1"));
   ASSERT_TRUE(up());
   const Program follower(client_line({"log", "a", "--follow"}), client_env());
-  EXPECT_THAT(done({"run", "b"}), EndsWith("number 1, behind the running job 'a'\n"));
+  EXPECT_THAT(done({"run", "b"}), EndsWith("number 1, after the running job 'a'\n"));
   Program waiting(client_line({"log", "b", "--follow"}), client_env());
   EXPECT_THAT(done({"run", "b"}), HasSubstr("queued already"));
   expect(1, {"run", "a"}, "409 job_running: ");
@@ -111,8 +121,8 @@ TEST_F(ApiDaemon, RunsFollowsAndCancels) {
   EXPECT_THAT(curl_info(file("read")),
               AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("\"running_job\":\"a\"")));
   EXPECT_EQ(done({"cancel", "b"}), "the run of job 'b' is taken out of the queue\n");
-  EXPECT_EQ(waiting.wait(), 1);
-  EXPECT_THAT(waiting.err(), HasSubstr("job 'b' has no runs"));
+  EXPECT_EQ(waiting.wait(), 7);
+  EXPECT_THAT(waiting.err(), HasSubstr("the run of job 'b' was taken out of the queue"));
   ASSERT_TRUE(
       wait_until(std::chrono::seconds(30), [&] { return contains(follower.out(), "begin\n"); }));
   EXPECT_FALSE(contains(follower.out(), "end\n"));
@@ -156,7 +166,7 @@ TEST_F(ApiDaemon, TellsByItsExitStatusWhatIsWrong) {
       {1,
        {"info"},
        "401 unauthorized: wrong secret or signature (reply not signed)",
-       {{"ORV_API_TOKEN_FILE", home_.write("wrong", "read." + secret)}}},
+       {{"ORV_API_TOKEN_FILE", home_.write("wrong", "read." + secret, 0600)}}},
       {1,
        {"job", "put", "a", "enabled=no"},
        "403 forbidden: this needs an admin token",
@@ -169,7 +179,7 @@ TEST_F(ApiDaemon, TellsByItsExitStatusWhatIsWrong) {
       {2, {"job", "get", "a", "enabled=yes"}, "'job get' takes no fields"},
       {2, {"mail", "set", "smtp_password=x"}, "a command line is for everybody's eyes"},
       {2, {"job", "put", "a", "\xff=1"}, "the arguments are not UTF-8"},
-      {2, {"job", "erase", "a"}, "invalid choice"},
+      {2, {"job", "erase", "a"}, "unknown action 'erase'"},
       {1, {"job", "get", "../a b?%"}, "404 not_found: malformed path"},
       {1, {"job", "put", "a", "enabled=no", "--if-match", "\"0\""}, "412 precondition_failed: "},
   };
@@ -180,106 +190,54 @@ TEST_F(ApiDaemon, TellsByItsExitStatusWhatIsWrong) {
   EXPECT_EQ(stop_daemon(), 0);
 }
 
-// The client, with the file touched behind its back each time it has read the tag, so many times.
-constexpr const char* kRacingClient = R"(
-import sys
-client, path, times = sys.argv[1], sys.argv[2], [0] * int(sys.argv[3])
-module = {"__name__": "client"}
-exec(open(client).read(), module)
-get = module["Api"].get
-def racing_get(self, what, **parameters):
-    value = get(self, what, **parameters)
-    if what == "info" and times:
-        times.pop()
-        with open(path, "a") as config:
-            config.write("# touched\n")
-    return value
-module["Api"].get = racing_get
-sys.argv[1:] = sys.argv[4:]
-sys.exit(module["main"]())
-)";
-
-TEST_F(ApiDaemon, ClientTriesAgainWhenTheFileWasChangedInBetween) {
-  configure_api("[a]\nschedule = 0 0 1 1 *\n" + std::string(kPatient));
+// The program for authors of other clients.
+TEST_F(ApiDaemon, AnswersTheExampleClient) {
+  configure_api("[a]\nschedule = 0 0 1 1 *\n");
   start_api_daemon();
-  const auto put = [&](const char* times, const char* field) {
-    return run_program({kPython, "-c", kRacingClient, ORV_API_CLIENT, home_.file("sched.cfg"),
-                        times, "job", "put", "a", field},
-                       client_env());
-  };
-  EXPECT_EQ(put("2", "profile=second").status, 0);
-  EXPECT_THAT(file("sched.cfg"),
-              AllOf(HasSubstr("\nprofile=second\n"), HasSubstr("# touched\n# touched\n")));
-  const ProgramResult lost = put("3", "profile=third");
-  EXPECT_EQ(lost.status, 1);
-  EXPECT_THAT(lost.err, HasSubstr("412 precondition_failed"));
-  EXPECT_THAT(file("sched.cfg"), Not(HasSubstr("third")));
+  const ProgramResult got =
+      run_program({kPython, ORV_SOURCE_DIR "/examples/orv_api", "GET", "/api/v1/jobs", "offset=0"},
+                  client_env());
+  EXPECT_THAT(got.out, StartsWith("200 {\"config_etag\":")) << got.err;
 }
 
-// A server with the right certificate that answers each connection with the next of its arguments.
-constexpr const char* kForger = R"(
-import socket, ssl, sys
-context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-context.load_cert_chain(sys.argv[1], sys.argv[2])
-listener = socket.create_server(("127.0.0.1", 0))
-print(listener.getsockname()[1], "listens", flush=True)
-for head in sys.argv[3:]:
-    with context.wrap_socket(listener.accept()[0], server_side=True) as client:
-        client.recv(65536)
-        client.sendall(("HTTP/1.1 " + head + "Content-Length: 2\r\n\r\n{}").encode("latin-1"))
-)";
-
-TEST_F(ApiDaemon, ClientBelievesNoReplyThatIsNotSigned) {
-  configure_api("");
-  const std::string sig = "ORV-Signature: " + std::string(64, '0') + "\r\n";
-  const std::pair<std::string, std::string> replies[] = {
-      {"200 OK\r\n", "the reply (status 200) carries no signature"},
-      {"200 OK\r\n" + sig, "the reply's signature is wrong"},
-      {"200 OK\r\nORV-Signature: \xc3\xa4\r\n", "the reply's signature is wrong"},
-      {"302 Found\r\nLocation: https://localhost/\r\n", "carries no signature"},
-      {"404 Not Found\r\n", "carries no signature"},
-      {"503 Service Unavailable\r\n" + sig, "the reply's signature is wrong"},
-  };
-  Words argv = {kPython, "-c", kForger, home_.file("api.crt"), home_.file("api.key")};
-  for (const auto& reply : replies) argv.push_back(reply.first);
-  const Program forger(argv);
-  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return contains(forger.out(), "\n"); }));
-  server_ = "127.0.0.1:" + std::to_string(std::stoi(forger.out()));
-  for (const auto& reply : replies) expect(4, {"info"}, reply.second);
+// Changes one job as fast as it can until nobody answers; counts what is known to be written.
+asio::awaitable<void> change_for_ever(ApiConnection& api, std::atomic<int>& written) {
+  const auto deadline = [] { return std::chrono::steady_clock::now() + std::chrono::seconds(30); };
+  ClientRequest request;
+  request.path = "/api/v1/info";
+  ClientReply reply = co_await api.exchange(request, deadline());
+  request.method = "PUT";
+  request.path = "/api/v1/jobs/j1000";
+  while (reply.kind == ReplyKind::Signed && reply.status == 200) {
+    std::unique_ptr<JsonValue> root;
+    if (json_parse(reply.body, JsonLimits(), root, {}) != 0) break;
+    request.if_match = json_string(json_member(root.get(), "config_etag")).value_or("");
+    request.body = ("{\"profile\":\"" + std::to_string(written + 1) + "\"}").c_str();
+    reply = co_await api.exchange(request, deadline());
+    if (reply.kind == ReplyKind::Signed && reply.status == 200) ++written;
+  }
 }
-
-// Changes one job as fast as it can, and says the number that is known to have been written.
-constexpr const char* kStream = R"(
-import sys
-module = {"__name__": "client"}
-exec(open(sys.argv[1]).read(), module)
-sys.argv[1:] = ["info"]
-api = module["open_api"](module["parse"](sys.argv[1:]))
-tag = api.get("info")["config_etag"]
-for number in range(int(api.get("jobs/j1000")["job"]["profile"]) + 1, 1 << 30):
-    tag = api.request("PUT", "jobs/j1000", "", {"profile": str(number)}, tag)["config_etag"]
-    print(number, flush=True)
-)";
 
 TEST_F(ApiDaemon, KillingItUnderChangesLosesNoConfiguration) {
   std::string jobs;
   for (int i = 1000; i < 1100; ++i)
     jobs += "[j" + std::to_string(i) + "]\nprofile=0\nschedule = 0 0 1 1 *\n";
   configure_api(jobs + "# the end\n");
-  int written = 0;
+  Sha256Digest pin{};
+  ServerAddress address;
+  ASSERT_TRUE(parse_fingerprint(fingerprint_, pin) && parse_server_address(server_, address));
+  std::atomic<int> written = 0;
   for (int round = 0; round < 6; ++round) {
     start_api_daemon();
-    Program stream({kPython, "-c", kStream, ORV_API_CLIENT}, client_env());
-    const auto lines = [&] {
-      const std::string out = stream.out();
-      return std::count(out.begin(), out.end(), '\n');
-    };
-    ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return lines() > round; }))
-        << stream.err();
+    asio::io_context io;
+    ApiConnection api(io.get_executor(), address, pin, parse_token(file("admin")));
+    asio::co_spawn(io, change_for_ever(api, written), asio::detached);
+    const int before = written;
+    std::thread stream([&] { io.run(); });
+    EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return written > before + round; }));
     daemon_->signal(SIGKILL);
     daemon_->wait();
-    EXPECT_NE(stream.wait(), 0) << "the stream ends when nobody answers";
-    written += static_cast<int>(lines());
+    stream.join();
 
     const ProgramResult valid = sched_as_user("validate");
     EXPECT_EQ(valid.out, "OK: 100 job(s)\n") << valid.err;

@@ -60,10 +60,11 @@ class Network : public DaemonFixture {
   [[nodiscard]] Env client_env() const {
     return {{"ORV_API_SERVER", server_},
             {"ORV_API_FINGERPRINT", fingerprint_},
-            {"ORV_API_TOKEN_FILE", home_.file("admin")}};
+            {"ORV_API_TOKEN_FILE", home_.file("admin")},
+            {"XDG_CONFIG_HOME", home_.path()}};
   }
   static std::vector<std::string> client_line(const std::vector<std::string>& words) {
-    std::vector<std::string> argv = {kPython, ORV_API_CLIENT};
+    std::vector<std::string> argv = {ORV_API_PROGRAM};
     argv.insert(argv.end(), words.begin(), words.end());
     return argv;
   }
