@@ -26,8 +26,8 @@ Connection::Connection(ConnectionHost& host, TcpSocket socket,
     : host_(host),
       client_(client),
       tls_(std::move(tls)),
-      stream_(TcpStream(std::move(socket)), *tls_),
-      answer_timer_(tcp().get_executor()),
+      stream_(std::move(socket), *tls_),
+      timer_(tcp().get_executor()),
       buffer_(kMaxHttpBuffered) {}
 
 // A completion handler that keeps the connection alive and does nothing once it is closed.
@@ -38,12 +38,36 @@ auto Connection::then(Next next) {
   };
 }
 
+// Sets the deadline of the stage. A stage is entered several times per request and hardly ever
+// overrun, so the timer is left as it is unless it would fire too late: when it fires early, it
+// goes on to the deadline of then.
+void Connection::limit(std::chrono::milliseconds time) {
+  deadline_ = Clock::now() + time;
+  if (!timer_runs_ || deadline_ < timer_.expiry()) arm_timer();
+}
+
+void Connection::arm_timer() {
+  timer_runs_ = true;
+  timer_.expires_at(deadline_);  // ends a wait under way, whose handler then finds an error
+  timer_.async_wait(then([](Connection& c, const error_code& ec, std::size_t) {
+    if (ec) return;
+    Clock::now() < c.deadline_ ? c.arm_timer() : c.on_deadline();
+  }));
+}
+
+void Connection::on_deadline() {
+  timer_runs_ = false;
+  if (stage_ != Stage::Answer) return close();
+  host_.abandon(std::exchange(request_id_, 0));
+  refuse(kHttpTimeout);
+}
+
 void Connection::start() {
-  tcp().expires_after(host_.limits.handshake);
+  limit(host_.limits.handshake);
   stream_.async_handshake(asio::ssl::stream_base::server,
                           then([](Connection& c, const error_code& ec, std::size_t) {
                             if (ec) return c.close();
-                            c.tcp().expires_after(c.host_.limits.request);
+                            c.limit(c.host_.limits.request);
                             c.await_request(true);
                           }));
 }
@@ -55,14 +79,14 @@ void Connection::await_request(bool first) {
   // Nothing of the last request stays in a buffer that waits for the next one.
   if (buffer_.size() == 0) buffer_.shrink_to_fit();
   if (buffer_.size() > 0) {  // the next request came along with the last one
-    tcp().expires_after(host_.limits.request);
+    limit(host_.limits.request);
     return read_head();
   }
   // The first request is still within the deadline that start() has set.
   if (!first) {
     stage_ = Stage::Idle;
     waiting_since_ = Clock::now();
-    tcp().expires_after(host_.limits.idle);
+    limit(host_.limits.idle);
   }
   read_more();
 }
@@ -74,7 +98,7 @@ void Connection::read_more() {
                             c.buffer_.commit(n);
                             if (c.stage_ == Stage::Idle) {
                               c.stage_ = Stage::Request;
-                              c.tcp().expires_after(c.host_.limits.request);
+                              c.limit(c.host_.limits.request);
                             }
                             c.skip_blank_lines();
                             c.buffer_.size() > 0 ? c.read_head() : c.read_more();
@@ -103,7 +127,6 @@ void Connection::read_head() {
 const HttpError* Connection::check_head(std::int64_t& retry_after_s) {
   retry_after_s = host_.clients.blocked_for(client_.key, steady_seconds());
   if (retry_after_s > 0) return &kHttpTooManyFailures;
-  request_ = ApiRequest{};
   return http_check_head(*parser_, request_);
 }
 
@@ -142,26 +165,13 @@ void Connection::submit() {
   request_.authorization.wipe();
   request_.body = {};
   if (request_id_ == 0) return refuse(kHttpUnavailable);
-  await_answer();
-}
-
-void Connection::await_answer() {
   stage_ = Stage::Answer;
-  answer_timer_.expires_after(host_.limits.answer);
-  answer_timer_.async_wait(
-      then([id = request_id_](Connection& c, const error_code& ec, std::size_t) {
-        // An expiry that was under way when the answer came belongs to a request of the past.
-        if (ec || c.request_id_ != id) return;
-        c.request_id_ = 0;
-        c.host_.abandon(id);
-        c.refuse(kHttpTimeout);
-      }));
+  limit(host_.limits.answer);
 }
 
 void Connection::answer(const ApiResponse& response) {
   if (stage_ != Stage::Answer) return;
   request_id_ = 0;
-  answer_timer_.cancel();
   if (response.auth_failed) count_failed_authentication();
   send({.status = response.status,
         .body = response.body,
@@ -194,7 +204,7 @@ void Connection::send(const HttpReply& reply) {
   out_ = http_reply_text(reply);
   // The reply to HEAD has the length of a body and none.
   if (parser_->get().method() == http::verb::head) out_.resize(out_.size() - reply.body.size());
-  tcp().expires_after(host_.limits.reply);
+  limit(host_.limits.reply);
   asio::async_write(stream_, asio::buffer(out_),
                     then([](Connection& c, const error_code& ec, std::size_t) {
                       if (ec) return c.close();
@@ -207,10 +217,10 @@ void Connection::send(const HttpReply& reply) {
 // has not read yet, so the rest is read and dropped for a moment.
 void Connection::farewell() {
   stage_ = Stage::Farewell;
-  tcp().expires_after(host_.limits.farewell);
+  limit(host_.limits.farewell);
   stream_.async_shutdown(then([](Connection& c, const error_code&, std::size_t) {
     error_code ignored;  // the client may be gone, which ends the draining at once
-    (void)c.tcp().socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    (void)c.tcp().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     c.drain(0);
   }));
 }
@@ -227,9 +237,10 @@ void Connection::close() {
   if (stage_ == Stage::Closed) return;
   stage_ = Stage::Closed;
   request_.authorization.wipe();
-  answer_timer_.cancel();
+  timer_.cancel();
   if (request_id_ != 0) host_.abandon(request_id_);
-  tcp().close();
+  error_code ignored;  // closing is all that is left to do
+  (void)tcp().close(ignored);
   host_.closed(shared_from_this());
 }
 

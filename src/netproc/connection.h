@@ -15,7 +15,8 @@
 //   Farewell   the client to close                  farewell   Closed
 //   Closed     nothing: what still completes finds the stage and does nothing
 //
-// Every stage goes to Closed when its deadline passes or the connection breaks, but for Answer.
+// Every stage goes to Closed when its deadline passes, but Answer, which replies 504; and when the
+// connection breaks.
 #ifndef ORV_NETPROC_CONNECTION_H_
 #define ORV_NETPROC_CONNECTION_H_
 
@@ -25,7 +26,6 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <chrono>
 #include <functional>
@@ -94,11 +94,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   enum class Stage { Handshake, Idle, Request, Answer, Reply, Farewell, Closed };
 
   using Executor = boost::asio::io_context::executor_type;
-  using TcpStream = boost::beast::basic_stream<boost::asio::ip::tcp, Executor>;
   using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, Executor>;
 
-  // The stream beneath TLS, which also keeps the deadline of the stage.
-  TcpStream& tcp() { return stream_.next_layer(); }
+  TcpSocket& tcp() { return stream_.next_layer(); }  // beneath TLS
+  void limit(std::chrono::milliseconds time);
+  void arm_timer();
+  void on_deadline();
   template <typename Next>
   auto then(Next next);
 
@@ -111,7 +112,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void read_body();
   void on_parse_error(const boost::system::error_code& ec);
   void submit();
-  void await_answer();
   void count_failed_authentication();
   void refuse(const HttpError& error, std::int64_t retry_after_s = 0);
   void send(const HttpReply& reply);
@@ -121,8 +121,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ConnectionHost& host_;
   const ClientAddress client_;
   const std::shared_ptr<boost::asio::ssl::context> tls_;  // outlives a change of the certificate
-  boost::asio::ssl::stream<TcpStream> stream_;
-  Timer answer_timer_;
+  boost::asio::ssl::stream<TcpSocket> stream_;
+  Timer timer_;
+  Clock::time_point deadline_;  // of the stage
+  bool timer_runs_ = false;
   boost::beast::basic_flat_buffer<WipingAllocator<char>> buffer_;  // received, not yet parsed
   std::optional<HttpParser> parser_;
   ApiRequest request_;

@@ -75,13 +75,20 @@ void append_header(std::string& out, std::string_view name, std::string_view val
   if (!value.empty()) out.append(name).append(": ").append(value).append("\r\n");
 }
 
+// The text of the last second is kept: many replies share it, and making it costs as much as the
+// rest of a head.
 void append_date(std::string& out, std::int64_t now) {
-  const time_t when = now;
-  struct tm utc {};
-  char text[64];
-  if (::gmtime_r(&when, &utc) == nullptr) return;
-  append_header(out, "Date",
-                {text, ::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &utc)});
+  thread_local std::int64_t cached = -1;
+  thread_local std::string text;
+  if (now != cached || text.empty()) {
+    const time_t when = now;
+    struct tm utc {};
+    char buffer[64];
+    if (::gmtime_r(&when, &utc) == nullptr) return;
+    text.assign(buffer, ::strftime(buffer, sizeof buffer, "%a, %d %b %Y %H:%M:%S GMT", &utc));
+    cached = now;
+  }
+  append_header(out, "Date", text);
 }
 
 }  // namespace
