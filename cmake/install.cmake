@@ -25,5 +25,8 @@ install(FILES examples/orv_sched.cfg DESTINATION ${CMAKE_INSTALL_DOCDIR}/example
 install(PROGRAMS examples/orv_api DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY examples/tools DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         USE_SOURCE_PERMISSIONS)
+install(FILES packaging/monitoring/orv_sched.rules.yml packaging/monitoring/orv_sched.rules.test.yml
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/monitoring)
+install(DIRECTORY examples/ansible DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES packaging/completion/orv_sched packaging/completion/orv_plan
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
