@@ -49,8 +49,8 @@ void run_cycle(benchmark::State& state, const char* parent) {
     DaemonSettings settings;
     settings.config_path = home->path + "/cfg";
     settings.queue_path = home->path + "/queue";
-    settings.job_log_dir = home->path + "/logs";
-    settings.job_log_keep = 20;
+    settings.run.job_log_dir = home->path + "/logs";
+    settings.run.job_log_keep = 20;
     LiveState live;
     live.config = std::make_unique<Config>();
     std::array<char, kConfigMessageSize> err{};

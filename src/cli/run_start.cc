@@ -123,20 +123,15 @@ int run_start_command(const CommandContext& context, bool detached) {
     std::fprintf(stderr, "error: cannot open queue %s\n", context.queue_path);
     return kExitFailed;
   }
-  RunSettings common = settle_run_settings(args, config->sched);
+  JobRunSettings settings = settle(context, config->sched).run;
   const Job* const job = find_job(*config, args[2]);
   if (job == nullptr && detached) {
     std::fprintf(stderr, "error: unknown job '%s'\n", args[2]);
     return kExitFailed;
   }
-  const bool background = job != nullptr && decide_background(args, *job, detached);
+  settings.background = job != nullptr && decide_background(args, *job, detached);
   const Request request{
-      context,
-      *config,
-      queue,
-      args[2],
-      {background, common.job_timeout_s, std::move(common.job_log_dir), common.job_log_keep},
-      option_present(args, "--force")};
+      context, *config, queue, args[2], std::move(settings), option_present(args, "--force")};
   return detached ? start_detached(request) : run_and_report(request);
 }
 

@@ -3,10 +3,8 @@
 #include <cstdio>
 
 #include "common/version.h"
-#include "sched/daemon.h"
-#include "sched/job_log.h"
-#include "sched/job_run.h"
 #include "sched/queue_file.h"
+#include "sched/settings.h"
 
 namespace orv {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "common/version.h"
 #include "config/config.h"
-#include "sched/job_log.h"
+#include "sched/settings.h"
 #include "sched/queue_file.h"
 
 namespace orv {

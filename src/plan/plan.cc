@@ -10,6 +10,7 @@
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
+#include "sched/settings.h"
 
 namespace orv {
 namespace {

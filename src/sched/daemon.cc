@@ -48,7 +48,7 @@ void fill_live_state(Dispatch& d) {
   LiveState& live = d.live;
   live.config_path = d.settings.config_path;
   live.queue_path = d.settings.queue_path;
-  live.job_log_dir = d.settings.job_log_dir;
+  live.job_log_dir = d.settings.run.job_log_dir;
   live.daemon_started = std::time(nullptr);
   live.net.on_mail_result = [](void* context, std::uint32_t id, std::uint32_t status,
                                std::string_view error) {

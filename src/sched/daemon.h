@@ -2,26 +2,12 @@
 #ifndef ORV_SCHED_DAEMON_H_
 #define ORV_SCHED_DAEMON_H_
 
-#include <cstdint>
-#include <string>
-
 #include "common/status.h"
 #include "net/supervisor.h"
 #include "sched/live_state.h"
+#include "sched/settings.h"
 
 namespace orv {
-
-inline constexpr std::uint32_t kDefaultPollInterval = 30;  // seconds
-
-struct DaemonSettings {
-  std::string config_path;
-  std::string queue_path;
-  std::uint32_t poll_interval_s = kDefaultPollInterval;  // 0 waits as long as the default
-  std::uint32_t busy_retry_s = kDefaultPollInterval;
-  std::uint32_t job_timeout_s = 0;
-  std::string job_log_dir;
-  std::uint32_t job_log_keep = 0;
-};
 
 // Runs jobs until SIGTERM or SIGINT: those that API clients queued, then those that are due by
 // schedule, once time or dependency, strictly one at a time. Reloads the configuration when its

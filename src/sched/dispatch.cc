@@ -133,12 +133,8 @@ bool guard_trips(Dispatch& d) {
 // A run reads the queue again at its end. What could not be saved before it is carried over it; of
 // the job itself the run knows better.
 JobRunResult run(Dispatch& d, const Job& job) {
-  JobRunSettings settings;
-  settings.timeout_s = time_limit(job, d.settings.job_timeout_s);
-  settings.job_log_dir = d.settings.job_log_dir;
-  settings.job_log_keep = d.settings.job_log_keep;
   const auto run_it = [&] {
-    return run_job(job, settings, d.queue, d.lock, &d.poller, &d.live.running);
+    return run_job(job, d.settings.run, d.queue, d.lock, &d.poller, &d.live.running);
   };
   if (!d.unsaved) return run_it();
   QueueState before = d.queue;

@@ -37,7 +37,7 @@ struct Dispatch {
   FileIdentity identity;  // of the configuration file when it was last loaded, well or not
   // Both are counted since the last wait or API run.
   std::size_t passes_since_wait = 0;
-  std::size_t starts_by_dependency = 0;  // in a row, without one by the clock
+  std::size_t starts_by_dependency = 0;       // in a row, without one by the clock
   std::optional<Obstacle> reported_obstacle;  // the foreign run last reported
 };
 

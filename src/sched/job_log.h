@@ -17,8 +17,6 @@
 
 namespace orv {
 
-inline constexpr const char* kDefaultJobLogDir = "/var/log/orv/orv_sched-jobs";
-inline constexpr std::uint32_t kDefaultJobLogKeep = 20;
 inline constexpr std::size_t kRunIdLength = 16;  // bytes
 
 struct JobLogTrailer {

@@ -149,7 +149,7 @@ ToolRun run_tool(const Job& job, const std::vector<const char*>& argv, std::uint
                  int out_fd, RunFile& run_file, const Poller* poller, CancelSlot* slot) {
   ToolRun run;
   CommandOptions options;
-  options.timeout_s = timeout_s != 0 ? timeout_s : kDefaultJobTimeout;
+  options.timeout_s = time_limit(job, timeout_s);
   options.before_exec.context = &run_file;
   options.before_exec.call = [](void* context, pid_t tool) {
     static_cast<RunFile*>(context)->add_tool(tool);

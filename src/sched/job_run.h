@@ -10,23 +10,17 @@
 #include "common/scoped_fd.h"
 #include "config/config.h"
 #include "sched/queue_state.h"
+#include "sched/settings.h"
 #include "sched/subprocess.h"
 
 namespace orv {
 
 enum class RunResult : std::uint32_t { Done = 0, Failed = 1, Busy = 2 };
 
-inline constexpr std::size_t kMaxCommandText = 1023;        // bytes
-inline constexpr std::size_t kMaxLogPath = 1399;            // bytes
-inline constexpr std::uint32_t kDefaultJobTimeout = 86400;  // seconds
-inline constexpr std::int32_t kExitBusy =
-    75;  // a tool's "temporarily unavailable": tried again later
-
-// The time limit of the job's runs in seconds: its own, else the configured one, else the default.
-[[nodiscard]] inline std::uint32_t time_limit(const Job& job, std::uint32_t configured_s) {
-  if (job.timeout_s != 0) return job.timeout_s;
-  return configured_s != 0 ? configured_s : kDefaultJobTimeout;
-}
+inline constexpr std::size_t kMaxCommandText = 1023;  // bytes
+inline constexpr std::size_t kMaxLogPath = 1399;      // bytes
+// A tool's exit code for "temporarily unavailable": it is tried again later.
+inline constexpr std::int32_t kExitBusy = 75;
 
 struct JobRunResult {
   RunResult result = RunResult::Done;
@@ -43,13 +37,6 @@ struct CancelSlot {
   JobName job;  // empty when none
   bool cancel_requested = false;
   FixedText<64> cancelled_by;  // name of the API token
-};
-
-struct JobRunSettings {
-  bool background = false;      // --background for the tool, when its command takes it
-  std::uint32_t timeout_s = 0;  // 0: kDefaultJobTimeout
-  std::string job_log_dir;
-  std::uint32_t job_log_keep = 0;  // logs kept for each job; 0 keeps all
 };
 
 // Runs `job`. Needs the queue lock in `lock`; it is given up while the tool runs and taken again

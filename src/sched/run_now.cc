@@ -36,7 +36,7 @@ JobRunResult run_and_save(const Job& job, const JobRunSettings& settings, QueueS
 }  // namespace
 
 ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
-                  JobRunSettings settings, bool force) {
+                  const JobRunSettings& settings, bool force) {
   const std::string name(job_name);
   const Job* const job = find_job(config, name);
   if (job == nullptr) {
@@ -57,7 +57,6 @@ ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_
     log_msg(LogLevel::Error, "orv_sched: %s", refusal_text(*obstacle, name).c_str());
     return ErrorCode::Unavailable;
   }
-  settings.timeout_s = time_limit(*job, settings.timeout_s);
   const JobRunResult result = run_and_save(*job, settings, queue, lock);
   send_result_mail(config, name, result, nullptr);
   return result.result == RunResult::Done ? ErrorCode::Ok : ErrorCode::IoError;

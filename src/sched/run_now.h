@@ -20,7 +20,7 @@ namespace orv {
 // the queue could not be locked; NotFound for an unknown job; Unavailable when refused. All but the
 // first are logged.
 [[nodiscard]] ErrorCode run_now(const Config& config, QueueState& queue, std::string_view job_name,
-                                JobRunSettings settings, bool force);
+                                const JobRunSettings& settings, bool force);
 
 }  // namespace orv
 

@@ -56,25 +56,26 @@ TEST(Scanner, WarnsOfWhatTheCommandDoesNotTake) {
 
 TEST(Settings, FlagThenFileThenDefault) {
   SchedSection sched;
+  const auto settled = [&](const Words& words) { return settle({"cfg", "queue", words}, sched); };
   const Words none = {"p", "daemon"};
-  EXPECT_EQ(settle_loop_settings(none, sched).poll_interval_s, 30U);
-  EXPECT_EQ(settle_loop_settings(none, sched).busy_retry_s, 30U);
-  EXPECT_EQ(settle_run_settings(none, sched).job_timeout_s, 86400U);
-  EXPECT_EQ(settle_run_settings(none, sched).job_log_dir, "/var/log/orv/orv_sched-jobs");
-  EXPECT_EQ(settle_run_settings(none, sched).job_log_keep, 20U);
+  EXPECT_EQ(settled(none).poll_interval_s, 30U);
+  EXPECT_EQ(settled(none).busy_retry_s, 30U);
+  EXPECT_EQ(settled(none).run.timeout_s, 86400U);
+  EXPECT_EQ(settled(none).run.job_log_dir, "/var/log/orv/orv_sched-jobs");
+  EXPECT_EQ(settled(none).run.job_log_keep, 20U);
 
   const Words flags = {"p", "daemon",        "--poll-interval", "7", "--job-log-keep",
                        "0", "--job-log-dir="};
-  EXPECT_EQ(settle_loop_settings(flags, sched).busy_retry_s, 7U);  // the settled poll interval
+  EXPECT_EQ(settled(flags).busy_retry_s, 7U);  // the settled poll interval
   sched.busy_retry_s = 9;
   sched.job_log_keep = 3;
   sched.job_timeout_s = 5;
   EXPECT_TRUE(sched.job_log_dir.set("/logs"));
-  EXPECT_EQ(settle_loop_settings(flags, sched).busy_retry_s, 9U);
-  EXPECT_EQ(settle_run_settings(flags, sched).job_log_keep, 0U);  // a flag's 0 counts
-  EXPECT_EQ(settle_run_settings(flags, sched).job_timeout_s, 5U);
-  EXPECT_EQ(settle_run_settings(flags, sched).job_log_dir, "");
-  EXPECT_EQ(settle_run_settings(none, sched).job_log_dir, "/logs");
+  EXPECT_EQ(settled(flags).busy_retry_s, 9U);
+  EXPECT_EQ(settled(flags).run.job_log_keep, 0U);  // a flag's 0 counts
+  EXPECT_EQ(settled(flags).run.timeout_s, 5U);
+  EXPECT_EQ(settled(flags).run.job_log_dir, "");
+  EXPECT_EQ(settled(none).run.job_log_dir, "/logs");
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ class DispatchTest : public ::testing::Test {
                                      dir_.file("exit-$2") + " && exit $code; exit 0");
     settings_.config_path = dir_.file("cfg");
     settings_.queue_path = dir_.file("queue");
-    settings_.job_log_dir = dir_.file("logs");
+    settings_.run.job_log_dir = dir_.file("logs");
   }
   void configure(std::string_view text) { dir_.write("cfg", text); }
   void start() {
@@ -177,7 +177,7 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
     EXPECT_TRUE(contains(log, "(pid " + pid)) << log;
     EXPECT_TRUE(contains(log, " -- no job is started before it ends\n"));
     EXPECT_EQ(cycle(), "") << "said once";
-    EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", {}, false), ErrorCode::Unavailable);
+    EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings_.run, false), ErrorCode::Unavailable);
     EXPECT_EQ(job_runs_elsewhere(dispatch_->queue, "a"), contains(c.text, "/a/"));
     remove_dead_run_files(settings_.queue_path);
     EXPECT_TRUE(std::filesystem::is_symlink(file));
