@@ -37,14 +37,15 @@ class Server {
     live_.config_path = directory_ + "/sched.cfg";
     live_.queue_path = directory_ + "/queue.state";
     live_.job_log_dir = directory_;
-    live_.config = std::make_unique<Config>();
+    const auto config = std::make_shared<Config>();
+    live_.config = config;
     const std::string text = config_of(kMaxJobs);
     std::FILE* const file = std::fopen(live_.config_path.c_str(), "w");
     (void)std::fwrite(text.data(), 1, text.size(), file);  // a short file shows as an error below
     (void)std::fclose(file);
     char err[kConfigMessageSize];
     QueueState queue;
-    if (config_load(live_.config_path.c_str(), *live_.config, err) != 0 ||
+    if (config_load(live_.config_path.c_str(), *config, err) != 0 ||
         queue_load(queue, live_.queue_path.c_str()) != ErrorCode::Ok ||
         queue_sync_with_config(queue, *live_.config, kNow) != ErrorCode::Ok)
       std::abort();

@@ -52,11 +52,10 @@ void run_cycle(benchmark::State& state, const char* parent) {
     settings.run.job_log_dir = home->path + "/logs";
     settings.run.job_log_keep = 20;
     LiveState live;
-    live.config = std::make_unique<Config>();
     std::array<char, kConfigMessageSize> err{};
     Dispatch dispatch(settings, live, nullptr, nullptr);
     if (queue_load(dispatch.queue, settings.queue_path.c_str()) != ErrorCode::Ok ||
-        config_load(settings.config_path.c_str(), *live.config, err) != 0) {
+        dispatch_load_config(dispatch, err) != 0) {
       state.SkipWithError(err.data());
       return;
     }
@@ -90,16 +89,17 @@ void IdlePass(benchmark::State& state) {
   settings.config_path = home.path + "/cfg";
   settings.queue_path = home.path + "/queue";
   LiveState live;
-  live.config = std::make_unique<Config>();
+  const auto config = std::make_shared<Config>();
+  live.config = config;
   std::array<char, kConfigMessageSize> err{};
   Dispatch dispatch(settings, live, nullptr, nullptr);
   if (queue_load(dispatch.queue, settings.queue_path.c_str()) != ErrorCode::Ok ||
-      config_load(settings.config_path.c_str(), *live.config, err) != 0) {
+      config_load(settings.config_path.c_str(), *config, err) != 0) {
     state.SkipWithError(err.data());
     return;
   }
   dispatch.identity = file_identity(settings.config_path.c_str());
-  for (Job& job : live.config->jobs) job.once = kNever - 1;
+  for (Job& job : config->jobs) job.once = kNever - 1;
   dispatch_adopt_config(dispatch);
   for (auto _ : state) {
     dispatch.passes_since_wait = 0;

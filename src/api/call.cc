@@ -11,7 +11,7 @@ bool refuse(ApiCall& call, std::uint32_t status, const char* code, const char* m
 
 SnapshotPtr snapshot_of(ApiCall& call) {
   char err[kConfigMessageSize];
-  SnapshotPtr snapshot = take_snapshot(call.live.config_path, err);
+  SnapshotPtr snapshot = current_snapshot(call.live.config_path, call.live.snapshot, err);
   if (!snapshot) reply_error(call.reply, 500, "config_unreadable", "%s", err);
   return snapshot;
 }

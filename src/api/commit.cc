@@ -104,6 +104,7 @@ SnapshotPtr commit_change(ApiCall& call, const SnapshotPtr& before, SecretString
   after->text = std::move(text);
   LiveState& live = call.live;
   live.config_changed = true;
+  live.snapshot = after;  // the daemon's reload finds it parsed
   log_msg(LogLevel::Info, "orv_sched API: token '%.*s' from %s changed %s: %.*s",
           static_cast<int>(call.request.token_name.size()), call.request.token_name.data(),
           call.request.http.client.c_str(), live.config_path.c_str(),

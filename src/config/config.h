@@ -83,6 +83,7 @@ struct MailSection {
   bool smtp_password_set = false;  // the key was written
   SecretKind smtp_password_kind = SecretKind::Literal;
   FixedSecret<kMaxSecret> smtp_password;  // the secret itself, resolved
+  std::string smtp_password_file;         // where it was read, for SecretKind::File
   FixedText<kMaxMailAddress> from;
   std::vector<FixedText<kMaxMailAddress>> to;  // at most kMaxRecipients
   FixedText<kMaxPath> ca_file;

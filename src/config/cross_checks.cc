@@ -34,6 +34,7 @@ int resolve_password(MailSection& mail, std::string_view written, std::span<char
     return fail(err, "[mail]: 'smtp-password': %s", reason.data());
   }
   mail.smtp_password_kind = reference.kind;
+  if (reference.kind == SecretKind::File) mail.smtp_password_file = reference.text;
   if (reference.kind == SecretKind::Kms) {
     return fail(err, "[mail]: 'smtp-password': kms: is not supported yet");
   }

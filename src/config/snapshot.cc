@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "common/digest.h"
@@ -27,6 +29,54 @@ bool read_config_text(const std::string& path, SecretString& out) {
   if (text.find('\0') != SecretString::npos) return false;
   out = std::move(text);
   return true;
+}
+
+namespace {
+
+bool file_holds(const std::string& path, std::string_view text) {
+  const ScopedFd file = open_file(path.c_str(), O_RDONLY | O_NONBLOCK);
+  struct stat st {};
+  if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  if (st.st_size != static_cast<off_t>(text.size())) return false;
+  std::array<char, 16384> part;  // compared piece by piece: a copy of the whole is not needed
+  const ScopedWipe wipe(part.data(), part.size());
+  for (;;) {
+    std::size_t got = 0;
+    if (read_up_to(file.get(), part, got) != ErrorCode::Ok) return false;
+    if (!text.starts_with(std::string_view(part.data(), got))) return false;
+    text.remove_prefix(got);
+    if (got < part.size()) return text.empty();
+  }
+}
+
+bool password_is_current(const MailSection& mail) {
+  if (!mail.smtp_password_set || mail.smtp_password_kind != SecretKind::File) return true;
+  FixedSecret<kMaxSecret> now;
+  return read_secret({SecretKind::File, mail.smtp_password_file}, now) &&
+         equal_constant_time(now.view(), mail.smtp_password.view());
+}
+
+// Local times mean another moment after the server's zone was changed.
+bool times_are_current(const Config& config) {
+  return std::ranges::all_of(config.jobs, [](const Job& job) {
+    std::int64_t once = 0;
+    return !job.has_once || (parse_once(job.once_text.view(), once) && once == job.once);
+  });
+}
+
+}  // namespace
+
+bool snapshot_is_current(const std::string& path, const ConfigSnapshot& snapshot) {
+  return file_holds(path, snapshot.text) && password_is_current(snapshot.config->mail) &&
+         times_are_current(*snapshot.config);
+}
+
+SnapshotPtr current_snapshot(const std::string& path, SnapshotPtr& kept, std::span<char> err) {
+  // One reading that agrees with an earlier one is as good as two in a row.
+  if (kept && snapshot_is_current(path, *kept)) return kept;
+  SnapshotPtr fresh = take_snapshot(path, err);
+  if (fresh) kept = fresh;
+  return fresh;
 }
 
 SnapshotPtr take_snapshot(const std::string& path, std::span<char> err, ConfigReader read) {

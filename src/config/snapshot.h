@@ -34,12 +34,21 @@ using SnapshotPtr = std::shared_ptr<const ConfigSnapshot>;
 // when it cannot be read or is anything else. Never blocks.
 [[nodiscard]] bool read_config_text(const std::string& path, SecretString& out);
 
+// Whether the file at `path` still has the snapshot's bytes, and what a load reads beside them (the
+// file of the SMTP password, the time zone of once times) still gives the same records.
+[[nodiscard]] bool snapshot_is_current(const std::string& path, const ConfigSnapshot& snapshot);
+
 // Takes a snapshot: reads, parses, and reads again until two readings in a row agree, in at most
 // kSnapshotAttempts attempts. Null with one message. `read` is read_config_text() or, in tests,
 // another source.
 using ConfigReader = bool (*)(const std::string& path, SecretString& out);
 [[nodiscard]] SnapshotPtr take_snapshot(const std::string& path, std::span<char> err,
                                         ConfigReader read = read_config_text);
+
+// The snapshot in `kept` when it is current, else a new one, which is kept: a text is parsed once.
+// Null with one message, `kept` then as it was.
+[[nodiscard]] SnapshotPtr current_snapshot(const std::string& path, SnapshotPtr& kept,
+                                           std::span<char> err);
 
 }  // namespace orv
 

@@ -32,9 +32,8 @@ ErrorCode start_up(Dispatch& d) {
   dispatch_sweep(d);
   remove_dead_run_files(d.queue.path);
   d.identity = file_identity(d.settings.config_path.c_str());
-  d.live.config = std::make_unique<Config>();
   std::array<char, kConfigMessageSize> reason{};
-  if (config_load(d.settings.config_path.c_str(), *d.live.config, reason) != 0) {
+  if (dispatch_load_config(d, reason) != 0) {
     log_msg(LogLevel::Error, "orv_sched: cannot load %s: %s", d.settings.config_path.c_str(),
             reason.data());
     return ErrorCode::Invalid;

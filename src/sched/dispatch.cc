@@ -76,15 +76,13 @@ void reconcile(Dispatch& d) {
 }
 
 void reload_config(Dispatch& d) {
-  auto fresh = std::make_unique<Config>();
   std::array<char, kConfigMessageSize> reason{};
-  if (config_load(d.settings.config_path.c_str(), *fresh, reason) != 0) {
+  if (dispatch_load_config(d, reason) != 0) {
     log_msg(LogLevel::Error, "orv_sched: config reload failed, keeping previous config: %s",
             reason.data());
     reconcile(d);
     return;
   }
-  d.live.config = std::move(fresh);
   log_msg(LogLevel::Info, "orv_sched: reloaded %s", d.settings.config_path.c_str());
   dispatch_adopt_config(d);
   dispatch_apply_network(d);
@@ -223,6 +221,21 @@ Dispatch::Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHan
   poller.wait_fd = [](void* context) {
     return net_wait_fd(static_cast<Dispatch*>(context)->live.net);
   };
+}
+
+int dispatch_load_config(Dispatch& d, std::span<char> reason) {
+  LiveState& live = d.live;
+  const std::string& path = d.settings.config_path;
+  if (const SnapshotPtr snapshot = current_snapshot(path, live.snapshot, reason)) {
+    live.config = snapshot->config;
+  } else {
+    // The loader takes files that are too large for a snapshot, and has its own words for faults.
+    const auto config = std::make_shared<Config>();
+    if (config_load(path.c_str(), *config, reason) != 0) return -1;
+    live.config = config;
+  }
+  if (!live.config->api.enabled) live.snapshot.reset();  // nobody will ask for it
+  return 0;
 }
 
 void dispatch_adopt_config(Dispatch& d) {

@@ -47,6 +47,10 @@ enum class PassEnd { Again, Wait };
 // One pass. The lock is free again afterwards.
 [[nodiscard]] PassEnd dispatch_pass(Dispatch& dispatch);
 
+// Loads the configuration file into live.config, without a parse when the API has met this very
+// text already. 0; -1 with the reason, live.config as it was.
+[[nodiscard]] int dispatch_load_config(Dispatch& dispatch, std::span<char> reason);
+
 // After a load of the configuration: reconciles the queue, recomputes the next runs of edited
 // schedules, and warns of times with which jobs would not run. Needs the lock.
 void dispatch_adopt_config(Dispatch& dispatch);

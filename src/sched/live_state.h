@@ -14,6 +14,7 @@
 #include "common/fixed_text.h"
 #include "common/token_text.h"
 #include "config/config.h"
+#include "config/snapshot.h"
 #include "net/supervisor.h"
 #include "sched/job_run.h"
 
@@ -49,8 +50,12 @@ void test_mail_result(TestMailRing& ring, std::uint32_t id, std::uint32_t status
 struct LiveState {
   std::string config_path;
   std::string queue_path;
-  std::string job_log_dir;            // the one the daemon runs with
-  std::unique_ptr<Config> config;     // as the daemon has loaded it; never null once it runs
+  std::string job_log_dir;  // the one the daemon runs with
+  // As the daemon has loaded it; never null once it runs.
+  std::shared_ptr<const Config> config;
+  // As the file was read or written last, kept while the API is on so that each text is parsed
+  // once, by whoever meets it first. Null: nothing is kept.
+  SnapshotPtr snapshot;
   std::int64_t daemon_started = 0;    // Unix seconds
   CancelSlot running;                 // the job that runs now
   std::vector<RunRequest> run_queue;  // at most kMaxQueuedRuns

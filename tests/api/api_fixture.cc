@@ -45,9 +45,10 @@ ApiFixture::ApiFixture() {
 
 void ApiFixture::load(std::string_view config) {
   dir.write("sched.cfg", config);
-  live.config = std::make_unique<Config>();
+  const auto loaded = std::make_shared<Config>();
   char err[kConfigMessageSize] = "";
-  ASSERT_EQ(config_load(live.config_path.c_str(), *live.config, err), 0) << err;
+  ASSERT_EQ(config_load(live.config_path.c_str(), *loaded, err), 0) << err;
+  live.config = loaded;
 }
 
 std::string ApiFixture::tag() { return std::string(entity_tag(config_text()).view()); }

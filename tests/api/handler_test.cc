@@ -28,9 +28,9 @@ const std::string kUnknownPath = error("not_found", "unknown path");
 class Handler : public testing::Test {
  protected:
   void SetUp() override {
-    live_.config = std::make_unique<Config>();
-    live_.config->api.enabled = true;
-    EXPECT_TRUE(live_.config->api.tokens_file.set(path_));
+    config_->api.enabled = true;
+    EXPECT_TRUE(config_->api.tokens_file.set(path_));
+    live_.config = config_;
     write_tokens_file(0600);
     // Routed, and answered without a configuration file.
     EXPECT_TRUE(request_.method.set("GET") && request_.path.set("/elsewhere") &&
@@ -61,6 +61,7 @@ class Handler : public testing::Test {
   }
   test::TempDir dir_;
   std::string path_ = dir_.file("tokens");
+  std::shared_ptr<Config> config_ = std::make_shared<Config>();
   LiveState live_;
   ApiContext context_{live_};
   ApiRequest request_;
@@ -152,7 +153,7 @@ TEST_F(Handler, TokensAreLoadedWhenTheirFileChangesOnly) {
   EXPECT_EQ(answer_without_descriptors(), "");
   EXPECT_THAT(answer(), HasSubstr("1 token(s) loaded"));
 
-  live_.config->api.enabled = false;
+  config_->api.enabled = false;
   EXPECT_EQ(answer(), "");
   expect_reply(503, error("unavailable", "the API is disabled"));
 }

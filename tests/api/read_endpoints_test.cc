@@ -153,6 +153,32 @@ TEST(Snapshot, GivesUpOnAFileThatKeepsChanging) {
   EXPECT_EQ(reads, 6);
 }
 
+// Nor is a kept snapshot used when only something that is read beside the file has changed.
+TEST_F(ReadEndpoints, ATextIsParsedOnceUnlessWhatItNamesChanges) {
+  const std::string secret = dir.write("secret", "first\n", 0600);
+  const ScopedTimeZone zone("UTC");
+  load("[mail]\nsmtp-host=mx\nfrom=a@b\nto=c@d\nsmtp-user=u\nsmtp-password=file:" + secret +
+       "\n[a]\nonce=2030-01-02T03:04:05\n");
+  EXPECT_EQ(get("jobs/a").number("job/once_unix"), 1893553445);
+  const SnapshotPtr first = live.snapshot;
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(get("settings/mail").status, 200u);
+  EXPECT_EQ(live.snapshot, first);
+  EXPECT_EQ(put_job("a", R"({"timeout_seconds":5})").verdict(), "200");
+  const SnapshotPtr second = live.snapshot;
+  EXPECT_EQ(std::string_view(second->text), config_text());
+  EXPECT_EQ(get("jobs/a").number("job/timeout_seconds"), 5);
+  EXPECT_EQ(live.snapshot, second) << "what was proved before the change is not parsed again";
+  dir.write("secret", "other\n", 0600);
+  EXPECT_EQ(get("info").status, 200u);
+  EXPECT_EQ(live.snapshot->config->mail.smtp_password.view(), "other");
+  ASSERT_EQ(::unlink(secret.c_str()), 0);
+  EXPECT_TRUE(contains(get("info").verdict(), "500 config_unreadable: [mail]: 'smtp-password'"));
+  dir.write("secret", "other\n", 0600);
+  const ScopedTimeZone east("EST5");
+  EXPECT_EQ(get("jobs/a").number("job/once_unix"), 1893553445 + 5 * 3600);
+}
+
 TEST_F(ReadEndpoints, RunsAreListedNewestFirst) {
   load(kConfig);
   EXPECT_EQ(json_size(get("jobs/full/runs").at("runs")), 0u);

@@ -38,10 +38,9 @@ class DispatchTest : public ::testing::Test {
   void start() {
     dispatch_ = std::make_unique<Dispatch>(settings_, live_, nullptr, nullptr);
     ASSERT_EQ(queue_load(dispatch_->queue, settings_.queue_path.c_str()), ErrorCode::Ok);
-    live_.config = std::make_unique<Config>();
     char err[kConfigMessageSize] = "";
     dispatch_->identity = file_identity(settings_.config_path.c_str());
-    ASSERT_EQ(config_load(settings_.config_path.c_str(), *live_.config, err), 0) << err;
+    ASSERT_EQ(dispatch_load_config(*dispatch_, err), 0) << err;
     dispatch_adopt_config(*dispatch_);
   }
   // One cycle of passes; what it logged.
@@ -134,6 +133,11 @@ TEST_F(DispatchTest, FollowsTheConfigurationFileAndKeepsTheOldOneWhenItIsBroken)
   EXPECT_TRUE(contains(cycle(), "INFO  orv_sched: reloaded " + settings_.config_path + "\n"));
   EXPECT_GT(saved("a").next_run, before.next_run) << "an edited schedule counts from now";
   EXPECT_EQ(record_state(saved("b")), JobState::Done) << "its dependency is done already";
+  char err[kConfigMessageSize] = "";
+  const SnapshotPtr proved = current_snapshot(settings_.config_path, live_.snapshot, err);
+  live_.config_changed = true;
+  EXPECT_TRUE(contains(cycle(), "reloaded"));
+  EXPECT_EQ(live_.config, proved->config) << "what the API has parsed is not parsed again";
   std::filesystem::remove(settings_.config_path);
   EXPECT_TRUE(contains(cycle(), "config reload failed"));
   live_.config_changed = true;
