@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "common/text.h"
 
@@ -20,9 +21,14 @@ namespace {
   std::abort();
 }
 
-// Fetched once: each implicit fetch would search the providers again.
-const EVP_MD* sha256_algorithm() {
+// Fetched once: each implicit fetch would search the providers again. Null when that fails.
+const EVP_MD* fetch_sha256() {
   static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return algorithm;
+}
+
+const EVP_MD* sha256_algorithm() {
+  const EVP_MD* const algorithm = fetch_sha256();
   if (algorithm == nullptr) fatal_sha256();
   return algorithm;
 }
@@ -69,6 +75,15 @@ CrcTable make_crc_table() {
 #endif
 
 }  // namespace
+
+bool prepare_digests() {
+  // EVP_MD_fetch() crashes when the library could not initialise itself for want of memory.
+  if (OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) != 1) return false;
+  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                        &EVP_MD_CTX_free);
+  return context && fetch_sha256() != nullptr &&
+         EVP_DigestInit_ex2(context.get(), fetch_sha256(), nullptr) == 1;
+}
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
   if (context_ == nullptr ||

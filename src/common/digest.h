@@ -19,6 +19,10 @@ using HexDigest = FixedText<2 * kSha256Size>;  // 64 lower-case hexadecimal digi
 // never see an error.
 [[nodiscard]] Sha256Digest sha256(std::string_view bytes);
 
+// Makes libcrypto load what the functions here need, so that want of memory shows before there is
+// anything to lose. False when it cannot be had; then nothing here may be called.
+[[nodiscard]] bool prepare_digests();
+
 // The streaming form. Fatal as above. An update with no bytes changes nothing.
 class Sha256 {
  public:

@@ -26,13 +26,24 @@ namespace {
 constexpr std::size_t kMaxLogName = 63;         // bytes
 constexpr std::size_t kMaxLogfilePath = 1199;   // bytes
 constexpr std::size_t kMaxRunlogMessage = 511;  // bytes
-constexpr const char* kUnnamed = "orv";         // before a name is set
+constexpr mode_t kLogfileMode = 0640;
+constexpr const char* kUnnamed = "orv";  // before a name is set
 constexpr std::uint64_t kDefaultMask = kRunlogBasic;
+
+// Whether standard error goes to the journal: its socket is the one that JOURNAL_STREAM names by
+// "<device>:<inode>" (systemd.exec(5)). A redirection leaves the variable behind, so both count.
+bool stderr_is_journal() {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat st {};
+  if (stream == nullptr || ::fstat(STDERR_FILENO, &st) != 0) return false;
+  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) == stream;
+}
 
 struct DiagnosticLog {
   FixedText<kMaxLogName> name;
   LogLevel minimum = LogLevel::Info;
   bool mirror = false;
+  bool journal = stderr_is_journal();
   std::unique_ptr<std::mutex> lock;  // made by the first log_init()
 };
 
@@ -60,17 +71,18 @@ RunLog& run_log() {
 }
 
 struct Level {
-  const char* label;  // five columns
-  int priority;       // of syslog(3)
+  const char* label;   // five columns
+  int priority;        // of syslog(3)
+  const char* prefix;  // the priority as the journal reads it
 };
 Level level_of(LogLevel level) {
   switch (level) {
-    case LogLevel::Debug: return {"DEBUG", LOG_DEBUG};
-    case LogLevel::Info: return {"INFO", LOG_INFO};
-    case LogLevel::Warn: return {"WARN", LOG_WARNING};
-    case LogLevel::Error: return {"ERROR", LOG_ERR};
+    case LogLevel::Debug: return {"DEBUG", LOG_DEBUG, "<7>"};
+    case LogLevel::Info: return {"INFO", LOG_INFO, "<6>"};
+    case LogLevel::Warn: return {"WARN", LOG_WARNING, "<4>"};
+    case LogLevel::Error: return {"ERROR", LOG_ERR, "<3>"};
   }
-  return {"?", LOG_ERR};
+  return {"?", LOG_ERR, "<3>"};
 }
 
 struct UtcText {
@@ -107,13 +119,19 @@ void open_syslog(RunLog& log) {
   log.syslog_open = true;
 }
 
-// Not blocking: a named pipe that nobody reads must not hold the program up.
+// The file is made by whoever comes first, the service or a command in a shell, and their umasks
+// differ: its mode must not.
 ScopedFd open_for_lines(const RunLog& log) {
-  return open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0644);
+  // Not blocking: a named pipe that nobody reads must not hold the program up.
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK;
+  ScopedFd made = open_file(log.path.c_str(), kFlags | O_EXCL, kLogfileMode);
+  if (!made.valid()) return open_file(log.path.c_str(), kFlags, kLogfileMode);
+  (void)::fchmod(made.get(), kLogfileMode);
+  return made;
 }
 
-// The logfile may have been rotated away since it was opened: the line belongs into the file that
-// the name leads to now.
+// The logfile may have been rotated away since it was opened: the line belongs in the file that now
+// has this name.
 void follow_rotation(RunLog& log) {
   struct stat named {};
   struct stat open {};
@@ -206,6 +224,10 @@ void log_init(std::string_view name, LogLevel minimum) {
   if (!log.lock) log.lock = std::make_unique<std::mutex>();
 }
 
+const char* journal_prefix(LogLevel level) {
+  return diagnostic().journal ? level_of(level).prefix : "";
+}
+
 void log_msg(LogLevel level, const char* format, ...) {
   DiagnosticLog& log = diagnostic();
   if (static_cast<std::uint32_t>(level) < static_cast<std::uint32_t>(log.minimum)) return;
@@ -219,8 +241,8 @@ void log_msg(LogLevel level, const char* format, ...) {
   // One call and thus one write: standard error is unbuffered, and lines of other processes that
   // share it must not come in between.
   std::array<char, 128> lead{};
-  std::snprintf(lead.data(), lead.size(), "%s [%s] %-5s ", UtcText().text.data(),
-                log.name.empty() ? kUnnamed : log.name.c_str(), row.label);
+  std::snprintf(lead.data(), lead.size(), "%s%s [%s] %-5s ", journal_prefix(level),
+                UtcText().text.data(), log.name.empty() ? kUnnamed : log.name.c_str(), row.label);
   (void)write_all(STDERR_FILENO, lead.data() + message + "\n");
   if (log.mirror) ::syslog(row.priority, "%s", message.c_str());
 }

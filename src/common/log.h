@@ -19,7 +19,12 @@ enum class LogLevel : std::uint32_t { Debug = 0, Info = 1, Warn = 2, Error = 3 }
 // Sets the name shown in diagnostic lines (cut at 63 bytes) and the lowest level that is written.
 void log_init(std::string_view name, LogLevel minimum);
 
-// One line: "<UTC time> [<name>] <LEVEL> <message>". The format takes no line end.
+// What a line of the level begins with on standard error: "<3>" and the like (sd-daemon(3)) when
+// that is the journal, which takes it off again and files the line by it; else nothing.
+[[nodiscard]] const char* journal_prefix(LogLevel level);
+
+// One line: "<UTC time> [<name>] <LEVEL> <message>", after the prefix for the journal. The format
+// takes no line end.
 [[gnu::format(printf, 2, 3)]] void log_msg(LogLevel level, const char* format, ...);
 
 // Switches the syslog mirror of the diagnostic log; syslog is opened when the run log has not.
@@ -32,7 +37,8 @@ inline constexpr std::uint32_t kRunlogBasic = 1;  // bit 0: start, stop and comm
 // --syslog, --log, --log-path.
 extern const OptionTable kRunlogOptions;
 
-// Reads those options from the command line, opens syslog and the logfile
+// Reads those options from the command line, opens syslog and, made with mode 0640 whatever the
+// umask, the logfile
 // "<log path>/<tool without a leading orv_>.log", registers the exit handler that records "stopped"
 // with the exit status, and records "started".
 void runlog_init(const ArgList& args, std::string_view tool);
@@ -41,7 +47,6 @@ void runlog_init(const ArgList& args, std::string_view tool);
 // `bits`.
 [[gnu::format(printf, 2, 3)]] void runlog_msg(std::uint32_t bits, const char* format, ...);
 
-// Whether runlog_init() has run.
 [[nodiscard]] bool runlog_active();
 
 }  // namespace orv

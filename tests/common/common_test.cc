@@ -102,6 +102,7 @@ TEST(Suggestions, NameTheNearestWordOrNone) {
     EXPECT_EQ(nearest_word(c.word, kWords), c.nearest) << c.word;
   }
   EXPECT_EQ(did_you_mean("lits", kWords), " (did you mean 'list'?)");
+  EXPECT_EQ(did_you_mean("x", kWords), "");
 }
 
 TEST(Options, LookupsTakeTheFirstOccurrence) {

@@ -1,13 +1,20 @@
 #include "common/log.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "common/privileges.h"
+#include "common/scoped_fd.h"
+#include "common/service_manager.h"
 #include "support/support.h"
 
 namespace orv {
@@ -62,6 +69,39 @@ TEST(RunLogDeathTest, CutsMessagesFollowsRotationAndRecordsTheStop) {
   const std::string log = test::read_file(path);
   EXPECT_TRUE(contains(log, " " + std::string(511, 'x') + "\n"));
   EXPECT_TRUE(log.ends_with(" stopped exit=3\n")) << log;
+}
+
+TEST(JournalDeathTest, LinesCarryTheirPriorityWhenStandardErrorIsTheJournal) {
+  EXPECT_EXIT(
+      {
+        struct stat st {};
+        (void)::fstat(STDERR_FILENO, &st);
+        const std::string stream = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+        (void)::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        log_msg(LogLevel::Warn, "late");
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "^<4>[0-9-]+T[^ ]+Z \\[orv\\] WARN  late\n$");
+}
+
+TEST(ServiceManager, IsToldAndHiddenFromTools) {
+  const TempDir dir;
+  const ScopedFd manager(::socket(AF_UNIX, SOCK_DGRAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", dir.file("notify").c_str());
+  ASSERT_EQ(::bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  (void)::setenv("NOTIFY_SOCKET", address.sun_path, 1);
+  const ServiceManager service;
+  EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
+  EXPECT_FALSE(ServiceManager().present());
+  service.ready("idle");
+  service.stopping("after job 'a'\nREADY=1");
+  for (const char* expected : {"READY=1\nSTATUS=idle", "STOPPING=1\nSTATUS=after job 'a'"}) {
+    std::array<char, 256> message{};
+    ASSERT_GT(::recv(manager.get(), message.data(), message.size() - 1, MSG_DONTWAIT), 0);
+    EXPECT_STREQ(message.data(), expected);
+  }
 }
 
 TEST(PrivilegesDeathTest, AreGivenUpForGoodOrNotAtAll) {
