@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "common/files.h"
 #include "common/options.h"
 #include "common/secret.h"
+#include "common/suggestion.h"
 #include "common/times.h"
 
 namespace orv {
@@ -111,9 +113,11 @@ int run_token_command(const CommandContext& context) {
   TokenFile file;
   if (const int status = load_tokens(context, changes, file); status != kExitOk) return status;
   if (action == "list") return list_tokens(file);
+  constexpr std::array<std::string_view, 3> kActions = {"list", "add", "remove"};
+  if (action.empty()) return usage_error("'api-token' needs 'add', 'list' or 'remove'");
   if (!changes) {
-    print_usage();
-    return kExitUsage;
+    return usage_error("unknown api-token command '" + std::string(action) + "'" +
+                       did_you_mean(action, kActions));
   }
   const std::string name(word_at(context, 3));
   if (name.starts_with('-') || !check_token_name(name))

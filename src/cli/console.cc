@@ -4,12 +4,14 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "common/log.h"
+
 namespace orv {
 
 int complain(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::fputs("error: ", stderr);
+  std::fprintf(stderr, "%serror: ", journal_prefix(LogLevel::Error));
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);
   va_end(args);

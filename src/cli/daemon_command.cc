@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "cli/settings.h"
+#include "common/digest.h"
 #include "common/log.h"
 #include "config/config.h"
 #include "sched/daemon.h"
@@ -19,6 +20,7 @@ int command_daemon(const CommandContext& context) {
   remove_tokens_leftovers(config->api.tokens_file.c_str());
   const DaemonSettings settings = settle(context, config->sched);
   config.reset();  // it was read for the settings only: the loop loads its own
+  if (!prepare_digests()) return complain("out of memory");
   const auto live = std::make_unique<LiveState>();
   ApiContext api(*live);
   const ErrorCode rc = daemon_loop(settings, *live, api_handle_request, &api);

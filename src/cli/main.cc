@@ -6,8 +6,12 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <new>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/console.h"
@@ -16,6 +20,7 @@
 #include "common/log.h"
 #include "common/options.h"
 #include "common/selftest.h"
+#include "common/suggestion.h"
 #include "common/version.h"
 #include "config/config.h"
 #include "sched/queue_file.h"
@@ -39,6 +44,23 @@ void occupy_standard_streams() {
   if (fd >= 0) (void)::close(fd);
 }
 
+// What started the program may have left signals blocked. A daemon that no SIGTERM reaches could
+// not be stopped, and a tool would inherit the same deafness.
+void unblock_signals() {
+  sigset_t none;
+  (void)::sigemptyset(&none);  // neither call can fail
+  (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Where there is no memory even for the exception that says so, nothing is thrown and the program
+// ends here. Whatever else comes here is a fault of the program.
+[[noreturn]] void end_without_memory() {
+  if (std::current_exception() != nullptr) std::abort();
+  constexpr std::string_view kMessage = "error: out of memory\n";
+  (void)!::write(STDERR_FILENO, kMessage.data(), kMessage.size());
+  ::_exit(kExitFailed);
+}
+
 // A result that could not be written is none. A reader that has seen enough need not be told.
 int deliver_results(int status) {
   errno = 0;
@@ -47,28 +69,30 @@ int deliver_results(int status) {
   return errno == EPIPE ? kExitFailed : complain("cannot write to standard output");
 }
 
-int run_program(const ArgList& args) {
-  if (const int status = version_and_selftest(args, kProgramName); status >= 0) return status;
+int run_command(const ArgList& args) {
   log_init(kProgramName, LogLevel::Info);
   runlog_init(args, kProgramName);
-  if (args.size() < 2) {
-    print_usage();
-    return kExitUsage;
-  }
-  if (option_present(args, "--help", "-h")) {
+  if (args.size() >= 2 && option_present(args, "--help", "-h")) {
     print_usage();
     return kExitOk;
   }
+  if (args.size() < 2) return usage_error("a command is required");
   const CommandRow* const command = find_command(args[1]);
   if (command == nullptr) {
-    print_usage();
-    return kExitUsage;
+    std::vector<std::string_view> names;
+    for (const CommandRow& row : command_table()) names.push_back(row.name);
+    return usage_error("unknown command '" + std::string(args[1]) + "'" +
+                       did_you_mean(args[1], names));
   }
   scan_command_line(args, *command, warn);
-  const CommandContext context{option_value(args, "--config", kDefaultConfigPath),
-                               option_value(args, "--queue", kDefaultQueuePath), args};
+  return command->run({option_value(args, "--config", kDefaultConfigPath),
+                       option_value(args, "--queue", kDefaultQueuePath), args});
+}
+
+int run_program(const ArgList& args) {
+  if (const int status = version_and_selftest(args, kProgramName); status >= 0) return status;
   try {
-    return command->run(context);
+    return run_command(args);
   } catch (const std::bad_alloc&) {
     return complain("out of memory");
   }
@@ -78,7 +102,9 @@ int run_program(const ArgList& args) {
 }  // namespace orv
 
 int main(int argc, char** argv) {
+  (void)std::set_terminate(orv::end_without_memory);
   orv::occupy_standard_streams();
+  orv::unblock_signals();
   // Whoever reads our messages may go away, and a file may reach its size limit. Writing
   // then fails, but a running job is brought to its end.
   (void)::signal(SIGPIPE, SIG_IGN);

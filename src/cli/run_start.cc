@@ -5,7 +5,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "cli/commands.h"
+#include "cli/console.h"
 #include "cli/settings.h"
 #include "cli/usage.h"
 #include "common/files.h"
@@ -87,10 +87,7 @@ int start_detached(const Request& request) {
   if (refused(request)) return kExitFailed;
   (void)::fflush(nullptr);  // or the child would write what the parent has buffered once more
   const pid_t pid = ::fork();
-  if (pid < 0) {
-    std::fprintf(stderr, "error: fork failed: %s\n", ::strerror(errno));
-    return kExitFailed;
-  }
+  if (pid < 0) return complain("fork failed: %s", ::strerror(errno));
   if (pid == 0) {
     detach(request.context.args);
     return run_and_report(request);  // and out through the normal exit, which the run log records
@@ -104,30 +101,25 @@ int start_detached(const Request& request) {
 
 int run_start_command(const CommandContext& context, bool detached) {
   const ArgList& args = context.args;
-  if (args.size() < 3 || args[2][0] == '-') {
-    print_usage();
-    return kExitUsage;
+  const std::string command = args[1];
+  if (args.size() < 3) return usage_error("'" + command + "' needs the name of a job");
+  if (args[2][0] == '-') {
+    return usage_error("'" + command + "' needs the name of a job before '" + args[2] + "'");
   }
   if (option_present(args, "--background") && option_present(args, "--no-background")) {
-    std::fprintf(stderr, "error: --background and --no-background are mutually exclusive\n");
+    (void)complain("--background and --no-background are mutually exclusive");
     return kExitUsage;
   }
-  const auto config = std::make_unique<Config>();
-  std::array<char, kConfigMessageSize> err{};
-  if (config_load(context.config_path, *config, err) != 0) {
-    std::fprintf(stderr, "error: %s\n", err.data());
-    return kExitUsage;
-  }
+  const std::unique_ptr<Config> config = load_config(context);
+  if (config == nullptr) return kExitUsage;
   QueueState queue;
   if (queue_load(queue, context.queue_path) != ErrorCode::Ok) {
-    std::fprintf(stderr, "error: cannot open queue %s\n", context.queue_path);
-    return kExitFailed;
+    return complain("cannot open queue %s", context.queue_path);
   }
   JobRunSettings settings = settle(context, config->sched).run;
   const Job* const job = find_job(*config, args[2]);
   if (job == nullptr && detached) {
-    std::fprintf(stderr, "error: unknown job '%s'\n", args[2]);
-    return kExitFailed;
+    return complain("unknown job '%s'", args[2]);
   }
   settings.background = job != nullptr && decide_background(args, *job, detached);
   const Request request{

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "cli/commands.h"
+#include "cli/console.h"
 #include "common/version.h"
 #include "sched/queue_file.h"
 #include "sched/settings.h"
@@ -80,6 +82,12 @@ void print_usage() {
   std::printf(kUsage, kDefaultQueuePath, kDefaultPollInterval, kDefaultJobTimeout,
               kDefaultJobLogDir, kDefaultJobLogKeep);
 #pragma GCC diagnostic pop
+}
+
+int usage_error(const std::string& reason) {
+  print_usage();
+  (void)complain("%s", reason.c_str());
+  return kExitUsage;
 }
 
 }  // namespace orv

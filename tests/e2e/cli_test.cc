@@ -35,16 +35,25 @@ TEST_F(CliTest, TheSwitchesOfEveryToolComeBeforeEverything) {
   EXPECT_EQ(result.out, "orv_sched 1.0.2-alpha028: selftest ok\n");
 }
 
-TEST_F(CliTest, UsageGoesToStandardOutput) {
+TEST_F(CliTest, UsageGoesToStandardOutputAndTheFaultToStandardError) {
   struct Case {
     std::vector<std::string> words;
     int status;
+    std::string fault;
   };
+  const std::string config = dir_.write("cfg", "");
   for (const Case& c :
-       std::vector<Case>{{{"bogus"}, 2}, {{"list", "-h"}, 0}, {{"run", "-x"}, 2}, {{"start"}, 2}}) {
-    SCOPED_TRACE(c.words.front());
+       std::vector<Case>{{{"bogus"}, 2, "unknown command 'bogus'"},
+                         {{"lsit"}, 2, "unknown command 'lsit' (did you mean 'list'?)"},
+                         {{"list", "-h"}, 0, ""},
+                         {{"start"}, 2, "'start' needs the name of a job before '--no-syslog'"},
+                         {{"api-token", "lst", "--config", config},
+                          2,
+                          "unknown api-token command 'lst' (did you mean 'list'?)"}}) {
+    SCOPED_TRACE(testing::PrintToString(c.words));
     const ProgramResult result = sched(c.words);
     EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.err, c.fault.empty() ? "" : "error: " + c.fault + "\n");
     EXPECT_TRUE(result.out.starts_with("orv_sched 1.0.2-alpha028 (build 20261005-2)\n\n"));
     EXPECT_TRUE(contains(result.out, "--queue defaults to\n/var/lib/orv_sched/queue.state."));
     EXPECT_TRUE(contains(result.out,
@@ -91,8 +100,9 @@ TEST_F(CliTest, MasksSelectWhatIsLogged) {
   dir_.write("plain", "");
   const ProgramResult no_directory =
       run_program({ORV_SCHED_PROGRAM, "bogus", "--no-syslog", "--log-path", dir_.file("plain")});
-  EXPECT_EQ(no_directory.err, "warning: orv_runlog: could not create log directory '" +
-                                  dir_.file("plain") + "' -- continuing without logfile\n");
+  EXPECT_TRUE(no_directory.err.starts_with("warning: orv_runlog: could not create log directory '" +
+                                           dir_.file("plain") +
+                                           "' -- continuing without logfile\n"));
 }
 
 TEST_F(CliTest, ValidateTellsTheFirstFault) {
