@@ -212,7 +212,7 @@ bool parse_fingerprint(std::string_view text, Sha256Digest& out) {
     const int value = hex_digit(c);
     if (value < 0 || digits == 2 * digest.size()) return false;
     unsigned char& byte = digest[digits++ / 2];
-    byte = static_cast<unsigned char>(byte << 4U | static_cast<unsigned>(value));
+    byte = static_cast<unsigned char>(unsigned{byte} << 4U | static_cast<unsigned>(value));
   }
   if (digits != 2 * digest.size()) return false;
   out = digest;

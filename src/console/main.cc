@@ -1,6 +1,7 @@
 // orv_console: one page for all servers, on the administrator's own machine.
 #include <signal.h>
 #include <stdio.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,10 +56,19 @@ int load_servers(const ConsoleOptions& options, std::vector<Server>& servers, st
   return 0;
 }
 
+// Two connections to each server, and the browsers': more than the usual soft limit.
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  (void)::setrlimit(RLIMIT_NOFILE, &limit);  // without it, a long list gets fewer connections
+}
+
 int serve(const ConsoleOptions& options) {
   std::array<char, kClientMessageSize> err{};
   std::vector<Server> servers;
   if (load_servers(options, servers, err) != 0) return complain(kExitUsage, err.data());
+  raise_descriptor_limit();
   boost::asio::io_context loop{1};
   Console console(loop, options, std::move(servers));
   if (console.listen(err) != 0) return complain(kExitFailed, err.data());
