@@ -60,6 +60,7 @@ bool check_standstill(const JobCheck& check, const ClockChange& change, std::int
   if (interval >= kHour) return false;
   const std::int64_t last = cron_next_run(check.job.schedule, change.at - 2 * interval, false);
   std::int64_t before = last;
+  // The last match before the change, and how far away the one after it is.
   while (before > 0 && before < change.at) {
     const std::int64_t next = cron_next_run(check.job.schedule, before, false);
     if (next < 1) return false;
@@ -82,6 +83,7 @@ void check_schedule(const JobCheck& check) {
                  "the schedule never fires (it names no date of the next eight years)");
     return;
   }
+  // "0 4,5 * * *" has an hour between two runs, whatever its average is.
   const std::int64_t interval = shortest_interval(job.schedule, check.plan.now);
   bool stands_still = false;
   for (const ClockChange& change : check.changes) {
@@ -112,6 +114,7 @@ bool once_in_gap(const Job& job) {
   if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d", &year, &month, &day, &hour, &minute) != 5) {
     return false;  // Unix seconds
   }
+  // mktime(3) has moved a time that does not exist; what it shows now is another.
   const time_t seconds = job.once;
   struct tm at {};
   ::localtime_r(&seconds, &at);
@@ -150,6 +153,7 @@ void check_time_limit(const JobCheck& check) {
 void check_arguments(const JobCheck& check) {
   constexpr std::array<std::string_view, 8> kWords = {"|", "||", "&", "&&", ";", ">", ">>", "<"};
   constexpr std::array<std::string_view, 6> kPieces = {"$(", "${", "`", "2>", "*", "|"};
+  // One argument is enough to make the point.
   for (const std::string& arg : check.job.args) {
     const auto inside = [&](std::string_view piece) { return arg.find(piece) != arg.npos; };
     const bool quoted = arg.size() > 1 && arg.front() == '\'';

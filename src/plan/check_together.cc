@@ -1,11 +1,8 @@
-// Findings about how jobs act together, and about the files and the mail around them.
-#include <sys/stat.h>
-
+// Findings about how jobs act together: chains, and days that are too full.
 #include <algorithm>
 #include <array>
 #include <map>
 
-#include "common/text.h"
 #include "plan/check.h"
 #include "plan/describe.h"
 #include "plan/nominal.h"
@@ -150,29 +147,9 @@ void check_overbooked(const Plan& plan, const Durations& durations, std::vector<
                      " on, the runs of 24 hours take " + duration_text(*first)});
 }
 
-void check_modes(const Plan& plan, std::vector<Finding>& out) {
-  struct stat file {};
-  if (::stat(plan.config_path.c_str(), &file) != 0) return;
-  const std::string path = printable(plan.config_path);
-  const MailSection& mail = plan.config.mail;
-  if (mail.smtp_password_set && mail.smtp_password_kind == SecretKind::Literal &&
-      (file.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    out.push_back({"password-readable", "",
-                   path + " holds the smtp-password and others may read it: chmod 600"});
-  }
-  if ((file.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    out.push_back({"configuration-writable", "",
-                   path + " may be written by others, who then decide what runs as the scheduler's "
-                          "user: chmod go-w"});
-  }
-}
-
 }  // namespace
 
-std::string finding_text(const Finding& finding) {
-  return finding.job.empty() ? finding.text : "[" + printable(finding.job) + "]: " + finding.text;
-}
-
+// Chains are judged by a forecast: the scheduler's own rules say how often they run.
 std::vector<Finding> check_together(const Plan& plan, const Durations& durations) {
   std::vector<Finding> out;
   check_dependencies(plan, out);
@@ -182,31 +159,6 @@ std::vector<Finding> check_together(const Plan& plan, const Durations& durations
   check_repeated_chains(plan, make_forecast(plan.config, plan.queue, durations, start), out);
   check_overbooked(plan, durations, out);
   return out;
-}
-
-std::vector<Finding> check_surroundings(const Plan& plan) {
-  std::vector<Finding> out;
-  check_modes(plan, out);
-  const std::string_view host = plan.config.mail.smtp_host.view();
-  const std::size_t colon = host.find(':');
-  std::uint32_t port = 0;
-  // More than one colon is an IPv6 address.
-  if (colon != host.npos && host.find(':', colon + 1) == host.npos &&
-      parse_u32(host.substr(colon + 1), port)) {
-    out.push_back(
-        {"port-in-host", "", "[mail]: 'smtp-host' holds a port, which belongs into 'smtp-port'"});
-  }
-  return out;
-}
-
-std::vector<Finding> check_plan(const Plan& plan, const Durations& durations,
-                                std::string_view path) {
-  std::vector<Finding> all = check_jobs(plan, durations, path);
-  for (std::vector<Finding>& more :
-       std::array{check_together(plan, durations), check_surroundings(plan)}) {
-    std::move(more.begin(), more.end(), std::back_inserter(all));
-  }
-  return all;
 }
 
 }  // namespace orv

@@ -10,6 +10,7 @@
 namespace orv {
 namespace {
 
+// Options of more than one command.
 constexpr OptionRow kJson = {"--json", "", false};
 constexpr OptionRow kDays = {"--days", "", true};
 constexpr OptionRow kSvg = {"--svg", "", true};
@@ -26,6 +27,7 @@ constexpr std::array<OptionRow, 4> kForecastOptions = {{kDays, {"--past", "", tr
 constexpr std::array<OptionRow, 2> kReportOptions = {{kDays, {"--html", "", false}}};
 constexpr std::array<OptionRow, 1> kJsonOnly = {{kJson}};
 
+// In the order of the usage text: the daily questions first. main.cc has a function for each row.
 constexpr std::array<PlanCommand, kPlanCommandCount> kCommands = {{
     {"health", JobWord::None, kHealthOptions},
     {"history", JobWord::Optional, kHistoryOptions},

@@ -68,7 +68,8 @@ std::string time_in_words(const CronSpec& cron) {
   const std::vector<unsigned> minutes = selected(cron.minute);
   const std::vector<unsigned> hours = selected(cron.hour);
   const bool all_hours = hours.size() == cron.hour.size();
-  constexpr std::size_t kMaxTimes = 6;  // listed one by one
+  // Few times are read best one by one, many as a step or as lists.
+  constexpr std::size_t kMaxTimes = 6;
   if (minutes.size() * hours.size() <= kMaxTimes) {
     std::string text = "at ";
     for (const unsigned hour : hours) {
@@ -125,6 +126,7 @@ std::string printable(std::string_view text) {
 }
 
 std::string clock_text(std::int64_t time) {
+  // A text that another moment shares needs the zone's name to tell the two apart.
   std::string text = local_time_cell(time);
   constexpr std::array<int, 2> kSteps = {1800, 3600};  // by which clocks are set back
   for (const int step : kSteps) {
@@ -138,6 +140,7 @@ std::string clock_text(std::int64_t time) {
 
 std::string schedule_in_words(const CronSpec& cron) {
   std::string text = time_in_words(cron);
+  // Both 0 and 7 are Sunday.
   CronSpec week = cron;
   week.day_of_week[0] |= week.day_of_week[7];
   const std::vector<unsigned> days = selected(std::span(week.day_of_week).first(7));
@@ -156,6 +159,7 @@ std::string schedule_in_words(const CronSpec& cron) {
 }
 
 std::string duration_text(std::int64_t seconds) {
+  // Two units at most: nobody plans a night by the seconds of a day.
   std::array<char, 64> text{};
   const auto s = static_cast<long long>(seconds);
   if (s >= 86400) {

@@ -18,6 +18,7 @@ bool is_stale(const JobFacts& facts, std::int64_t now, std::optional<std::int64_
 }
 
 bool is_late(const JobFacts& facts, std::int64_t now) {
+  // Behind a running job it waits, for however long that takes.
   return facts.due_since && !facts.running_since && !facts.other_running &&
          now - *facts.due_since > kLateGrace;
 }
@@ -29,11 +30,13 @@ bool nears_time_limit(const JobFacts& facts, std::int64_t took) {
 
 bool is_slow(const JobFacts& facts, std::int64_t now) {
   if (!facts.running_since) return false;
+  // A job of seconds may take minutes now and then: below ten of them only the limit counts.
   const std::int64_t took = now - *facts.running_since;
   return nears_time_limit(facts, took) ||
          (facts.median_s && took > kSlowMedians * *facts.median_s && took > kShortestSlow);
 }
 
+// How the newest failure ended, how many there are in a row, and since when.
 std::string failed_reason(const JobFacts& facts) {
   const PastRun& run = *facts.last_failure;
   std::string text = run.outcome == PastOutcome::Failed
@@ -81,12 +84,13 @@ bool health_is_trouble(Health health) { return health <= Health::Never; }
 
 std::optional<std::int64_t> stale_after(const JobFacts& facts,
                                         std::optional<std::int64_t> max_age) {
-  if (facts.once) return std::nullopt;
+  if (facts.once) return std::nullopt;  // it has no next success to wait for
   if (max_age) return max_age;
   if (!facts.longest_gap) return std::nullopt;
   return kStaleGaps * *facts.longest_gap;
 }
 
+// The order is the rule: a job that fails is "failed" also while it runs again.
 Health job_health(const JobFacts& facts, std::int64_t now, std::optional<std::int64_t> max_age) {
   if (!facts.enabled) return Health::Disabled;
   if (facts.failures > 0) return Health::Failed;

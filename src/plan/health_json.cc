@@ -12,6 +12,7 @@ std::optional<std::int64_t> start_of(const std::optional<PastRun>& run) {
 void write_scheduler(JsonWriter& json, const HealthReport& report) {
   json.key("scheduler");
   json.begin_object();
+  // Not text_member() and the like: null says that the processes are hidden.
   json.key("daemon_running");
   if (report.daemon.running) {
     json.boolean(*report.daemon.running);
@@ -31,6 +32,7 @@ void write_scheduler(JsonWriter& json, const HealthReport& report) {
   json.end_object();
 }
 
+// Results are those of the newest run that has ended; a running one has none yet.
 void write_job(JsonWriter& json, const HealthReport& report, const JobHealth& row) {
   const JobFacts& facts = row.facts;
   json.begin_object();
@@ -70,6 +72,7 @@ std::string health_json(const HealthReport& report) {
     json.integer_member("now", report.now);
     json.boolean_member("healthy", !health_wrong(report));
     write_scheduler(json, report);
+    // No jobs and unknown jobs are two answers.
     json.key("jobs");
     if (report.config_message.empty()) {
       json.begin_array();

@@ -23,6 +23,7 @@ std::optional<std::int64_t> age_of(const std::string& path, std::int64_t now) {
 
 // What keeps the logs from being read: the directory of all, else the first log that was refused.
 std::string logs_message(const HealthReport& report) {
+  // A directory that is not there yet belongs to a scheduler that has not run a job.
   if (::access(report.logs_path.c_str(), R_OK | X_OK) != 0 && errno != ENOENT) {
     return printable(report.logs_path) + " cannot be read: " + ::strerror(errno);
   }
@@ -35,6 +36,7 @@ std::string logs_message(const HealthReport& report) {
 }
 
 std::string daemon_summary(const HealthReport& report) {
+  // With /proc hidden nothing can be said, which is no sign of trouble.
   if (!report.daemon.running) return "daemon not visible to this user";
   if (!*report.daemon.running) return "no daemon is running";
   std::string text = "daemon running (pid " + std::to_string(report.daemon.pid) + ")";
@@ -59,6 +61,7 @@ HealthReport make_health_report(const Plan& plan, const DaemonProcess& daemon,
   report.daemon = daemon;
   report.config_path = plan.config_path;
   report.config_message = plan.config_message;
+  // Of a refused file the age says since when: the daemon goes on with what it had before.
   report.config_age = age_of(plan.config_path, plan.now);
   report.queue_path = plan.queue_path;
   report.queue_message = plan.queue_message;
@@ -75,6 +78,7 @@ HealthReport make_health_report(const Plan& plan, const DaemonProcess& daemon,
     row.notes = runs.notes();
     report.jobs.push_back(std::move(row));
   }
+  // The words are in the order of trouble; jobs of one word stay in the order of the file.
   std::stable_sort(report.jobs.begin(), report.jobs.end(),
                    [](const JobHealth& a, const JobHealth& b) { return a.health < b.health; });
   report.logs_message = logs_message(report);
@@ -94,6 +98,7 @@ std::array<unsigned, kHealthCount> count_healths(const HealthReport& report) {
   return counts;
 }
 
+// Only the words of trouble: how many are well is no news.
 std::string jobs_summary(const HealthReport& report) {
   const std::array<unsigned, kHealthCount> counts = count_healths(report);
   std::string text;

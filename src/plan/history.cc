@@ -1,16 +1,10 @@
 #include "plan/history.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <map>
 #include <utility>
 
-#include "plan/describe.h"
-#include "plan/json_document.h"
 #include "plan/lateness.h"
-#include "plan/local_clock.h"
-#include "plan/table.h"
 
 namespace orv {
 namespace {
@@ -30,7 +24,7 @@ LoadedRuns load_runs(const Plan& plan, const Job& job, std::int64_t from) {
     if (run == nullptr) continue;
     loaded.runs.push_back(*run);
     loaded.logs.push_back(runs.log_path(i));
-    if (run->start < from) break;
+    if (run->start < from) break;  // that one is only looked back to
   }
   std::reverse(loaded.runs.begin(), loaded.runs.end());
   std::reverse(loaded.logs.begin(), loaded.logs.end());
@@ -63,12 +57,13 @@ class RunsByJob {
   std::map<const Job*, LoadedRuns> loaded_;
 };
 
+// Few runs have no trend: there must be some before the last five.
 std::optional<std::int64_t> trend_of(std::vector<std::int64_t> durations) {
   if (durations.size() <= kUsualRuns) return std::nullopt;
   const auto last = durations.end() - static_cast<std::ptrdiff_t>(kUsualRuns);
   std::vector<std::int64_t> before(durations.begin(), last);
   std::vector<std::int64_t> newest(last, durations.end());
-  const std::int64_t old = *median(before);
+  const std::int64_t old = *median(before);  // both hold at least one
   if (old == 0) return std::nullopt;
   return (*median(newest) - old) * 100 / old;
 }
@@ -91,46 +86,6 @@ JobTotals totals_of(const Job& job, const std::vector<PastRun>& runs) {
   return totals;
 }
 
-std::string duration_cell(std::optional<std::int64_t> seconds) {
-  return seconds ? duration_text(*seconds) : "-";
-}
-
-std::string permille_text(std::int64_t permille) {
-  std::string text = std::to_string(permille / 10);
-  if (permille % 10 != 0) text += "." + std::to_string(permille % 10);
-  return text + " %";
-}
-
-Tone tone_of(PastOutcome outcome) {
-  if (run_failed(outcome)) return Tone::Bad;
-  if (outcome == PastOutcome::Running) return Tone::Active;
-  return outcome == PastOutcome::Done ? Tone::Good : Tone::Waiting;
-}
-
-// A rate of 0 to 1 with three decimals.
-void write_rate(JsonWriter& json, std::optional<std::int64_t> permille) {
-  if (!permille) return json.null();
-  std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), "%.3f", static_cast<double>(*permille) / 1000);
-  json.raw(text.data());
-}
-
-std::string totals_text(const Plan& plan, const History& history) {
-  Table table({"JOB", "RUNS", "FAILURES", "SUCCESS", "MEDIAN", "LONGEST", "TREND"});
-  for (const JobTotals& job : history.jobs) {
-    const std::optional<std::int64_t> rate = job.success_permille();
-    std::string trend = "-";
-    if (job.trend_percent) {
-      trend = (*job.trend_percent > 0 ? "+" : "") + std::to_string(*job.trend_percent) + " %";
-    }
-    table.add({printable(job.job->name.view()), std::to_string(job.runs),
-               std::to_string(job.failures), rate ? permille_text(*rate) : "-",
-               duration_cell(job.median_s), duration_cell(job.longest_s), trend},
-              job.failures > 0 ? Tone::Bad : Tone::Plain);
-  }
-  return table.text(plan.color);
-}
-
 }  // namespace
 
 History collect_history(const Plan& plan, std::int64_t from, const Job* only) {
@@ -140,6 +95,7 @@ History collect_history(const Plan& plan, std::int64_t from, const Job* only) {
   for (const Job& job : plan.config.jobs) {
     if (only != nullptr && only != &job) continue;
     loaded.set_lateness_of(job);
+    // Loaded once, also when other jobs wait for this one.
     LoadedRuns& all = loaded.of(job);
     history.notes.insert(history.notes.end(), all.notes.begin(), all.notes.end());
     std::vector<PastRun> inside;
@@ -150,80 +106,11 @@ History collect_history(const Plan& plan, std::int64_t from, const Job* only) {
     }
     if (!inside.empty()) history.jobs.push_back(totals_of(job, inside));
   }
+  // Jobs run one at a time, but for forced ones: those of one second stay in the file's order.
   std::stable_sort(
       history.runs.begin(), history.runs.end(),
       [](const HistoryRun& a, const HistoryRun& b) { return a.run.start < b.run.start; });
   return history;
-}
-
-std::string history_text(const Plan& plan, const History& history) {
-  std::string out;
-  if (history.runs.empty()) {
-    out = "no run since " + clock_text(history.from) + "\n";
-  } else {
-    LocalClock clock;
-    Table table({"START", "DURATION", "JOB", "RESULT", "EXIT", "LATE"});
-    for (const HistoryRun& row : history.runs) {
-      const std::optional<std::int64_t> took =
-          row.run.outcome == PastOutcome::Running ? plan.now - row.run.start : row.run.duration_s();
-      table.add({clock.text(row.run.start), duration_cell(took), printable(row.job->name.view()),
-                 past_outcome_name(row.run.outcome),
-                 row.run.exit_code ? std::to_string(*row.run.exit_code) : "-",
-                 duration_cell(row.run.late_s)},
-                tone_of(row.run.outcome));
-    }
-    out = table.text(plan.color) + "\n" + totals_text(plan, history);
-  }
-  for (const LogNote& note : history.notes) {
-    out += "note: " + printable(note.log) + " " + note.text + "\n";
-  }
-  return out;
-}
-
-std::string history_json(const Plan& plan, const History& history) {
-  return json_document([&](JsonWriter& json) {
-    json.begin_object();
-    json.integer_member("now", plan.now);
-    json.integer_member("from", history.from);
-    json.key("runs");
-    json.begin_array();
-    for (const HistoryRun& row : history.runs) {
-      json.begin_object();
-      json.text_member("job", row.job->name.view());
-      json.integer_member("start", row.run.start);
-      known_member(json, "end", row.run.end);
-      known_member(json, "duration", row.run.duration_s());
-      json.text_member("result", past_outcome_name(row.run.outcome));
-      known_member(json, "exit_code", row.run.exit_code);
-      known_member(json, "late", row.run.late_s);
-      known_member(json, "log_bytes", row.run.log_bytes);
-      json.text_member("log", row.log);
-      json.end_object();
-    }
-    json.end_array();
-    json.key("jobs");
-    json.begin_array();
-    for (const JobTotals& job : history.jobs) {
-      json.begin_object();
-      json.text_member("job", job.job->name.view());
-      json.integer_member("runs", job.runs);
-      json.integer_member("busy", job.busy);
-      json.integer_member("done", job.done);
-      json.integer_member("failures", job.failures);
-      json.key("success_rate");
-      write_rate(json, job.success_permille());
-      known_member(json, "median_duration", job.median_s);
-      known_member(json, "longest_duration", job.longest_s);
-      known_member(json, "trend_percent", job.trend_percent);
-      json.end_object();
-    }
-    json.end_array();
-    json.key("notes");
-    json.begin_array();
-    for (const LogNote& note : history.notes) json.string(note.log + " " + note.text);
-    json.end_array();
-    json.end_object();
-  });
 }
 
 }  // namespace orv

@@ -51,7 +51,7 @@ std::string trigger_in_words(const Job& job) {
 std::vector<std::int64_t> next_runs(const Plan& plan, const Job& job, const QueueRecord& record) {
   if (!job.enabled || !has_time(job)) return {};
   std::int64_t next = record.next_run;
-  // A running job's time is the one that it was started for.
+  // A running job's time is the one that it was started for, unless it was run by hand.
   if (record_state(record) == JobState::Running && next <= plan.now) {
     next = job.has_schedule ? first_next_run(job, plan.now) : kNever;
   }
@@ -84,6 +84,7 @@ struct WhyAnswer {
   std::vector<std::string> reasons;
 };
 
+// Collects the answer once; the two renderers below only write it down.
 WhyAnswer explain(const Plan& plan, const Job& job) {
   const QueueRecord& record = *queue_find(plan.queue, job.name.view());
   WhyAnswer answer{plan, job, record, find_daemon(plan.config_path, plan.queue_path),
@@ -112,7 +113,7 @@ std::string lines(const char* label, const std::vector<std::string>& values) {
 std::string run_line(const PastRun& run, bool color) {
   const std::string start = clock_text(run.start) + "  ";
   if (run.outcome == PastOutcome::Running) return start + toned("running", Tone::Active, color);
-  if (!run.exit_code) {
+  if (!run.exit_code) {  // a run whose scheduler died has no trailer
     return start + toned("not finished (its scheduler was gone)", Tone::Bad, color);
   }
   std::string text = "exit " + std::to_string(*run.exit_code);
@@ -123,6 +124,7 @@ std::string run_line(const PastRun& run, bool color) {
          (took ? duration_text(*took) : "?");
 }
 
+// A screen of labels and lines, in the order in which a person asks.
 std::string why_text(const WhyAnswer& answer) {
   const Job& job = answer.job;
   const bool color = answer.plan.color;
@@ -135,6 +137,7 @@ std::string why_text(const WhyAnswer& answer) {
   for (const std::int64_t time : answer.next) {
     next.push_back(clock_text(time) + (time <= answer.plan.now ? " (overdue)" : ""));
   }
+  // A job without a time of its own starts when others end.
   const bool waits = job.enabled && !has_time(job);
   if (next.empty()) next.emplace_back(waits ? "after its dependencies finish" : "-");
   std::vector<std::string> last;
@@ -164,6 +167,7 @@ void write_texts(JsonWriter& json, const char* name, const std::vector<std::stri
   json.end_array();
 }
 
+// docs/orv_plan.8 describes the fields: their names are never changed.
 std::string why_json(const WhyAnswer& answer) {
   const Job& job = answer.job;
   return json_document([&](JsonWriter& json) {
@@ -200,6 +204,7 @@ std::string why_json(const WhyAnswer& answer) {
   });
 }
 
+// When the job mails: its own wish, else that of [mail]; without that section there is no mail.
 const char* mail_wish(const Plan& plan, const Job& job) {
   if (!plan.config.mail.present) return "never";
   return notify_name(effective_notify(job, plan.config.mail));
@@ -234,6 +239,7 @@ std::string show_json(const Plan& plan, const Job& job, const std::vector<const 
   });
 }
 
+// `kind` is for programs: the wording of a finding may be improved.
 std::string check_json(const std::vector<Finding>& findings, std::size_t jobs) {
   return json_document([&](JsonWriter& json) {
     json.begin_object();
@@ -260,6 +266,7 @@ int why_command(const Plan& plan, const Job& job, bool json) {
   return kExitOk;
 }
 
+// The vector is that of the daemon, which never passes --background.
 int show_command(const Plan& plan, const Job& job, bool json) {
   std::array<char, kConfigMessageSize> err{};
   std::vector<const char*> argv;
@@ -271,6 +278,7 @@ int show_command(const Plan& plan, const Job& job, bool json) {
   return kExitOk;
 }
 
+// The tools are looked for where a shell would: the daemon's own PATH may be another, see the unit.
 int check_command(const Plan& plan, bool json) {
   const char* const path = std::getenv("PATH");
   const std::vector<Finding> findings =

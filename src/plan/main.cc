@@ -77,7 +77,7 @@ int take_max_age(const ArgList& args, std::optional<std::int64_t>& max_age) {
   const char* const value = option_value(args, "--max-age", nullptr);
   if (value == nullptr) return kExitOk;
   std::string_view text = value;
-  std::uint32_t unit = 1;
+  std::uint32_t unit = 1;  // seconds, unless a letter follows
   if (text.ends_with('h')) unit = 3600;
   if (text.ends_with('d')) unit = 86400;
   if (unit != 1) text.remove_suffix(1);
@@ -90,6 +90,7 @@ int take_max_age(const ArgList& args, std::optional<std::int64_t>& max_age) {
 }
 
 int take_format(const ArgList& args, HealthOptions& options) {
+  // --json is short for --format json; saying both is fine, saying two different ones is not.
   const bool json = option_present(args, "--json");
   const std::string_view format = option_value(args, "--format", json ? "json" : "text");
   if (format == "text")
@@ -122,6 +123,7 @@ int run_forecast(const Invocation& call) {
   ForecastOptions options;
   options.json = option_present(call.args, "--json");
   options.svg = option_value(call.args, "--svg", nullptr);
+  // All words are checked before anything is read: wrong usage is told even on a broken server.
   if (take_days(call.args, "--days", options.days) != kExitOk ||
       take_days(call.args, "--past", options.past) != kExitOk ||
       check_outputs(options.svg, options.json) != kExitOk) {
@@ -146,6 +148,8 @@ int run_history(const Invocation& call) {
   return history_command(*plan, options);
 }
 
+// Health and report also answer when the configuration or the queue cannot be read: that is the
+// answer.
 int run_health(const Invocation& call) {
   HealthOptions options;
   options.job = option_value(call.args, "--job", nullptr);

@@ -33,6 +33,7 @@ PastOutcome outcome_of_exit(std::int32_t exit_code) {
   return exit_code == kExitBusy ? PastOutcome::Busy : PastOutcome::Failed;
 }
 
+// What the trailer says goes before the exit code: a tool that was stopped may exit with anything.
 void take_trailer(const JobLogTrailer& trailer, PastRun& run) {
   run.end = believable_end(run.start, trailer.finish_unix);
   run.exit_code = trailer.exit_code;
@@ -148,12 +149,14 @@ void JobRuns::read(Slot& slot) {
   JobLogFile log;
   bool cut_head = false;
   if (!open_log(slot, log, cut_head)) {
-    slot.usable = newest_known;
+    slot.usable = newest_known;  // the queue knows this one without its log
     if (newest_known) slot.run = *recorded_;
     return;
   }
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
+  // The log is the better witness: it knows of time limits and cancels. Without its end, the
+  // queue's record of the newest run says how that ended.
   if (trailer.finished) {
     take_trailer(trailer, slot.run);
   } else if (newest_known) {
@@ -201,6 +204,7 @@ std::vector<std::string> last_output_lines(const std::string& path, std::size_t 
   if (const std::size_t at = rest.find(kOutputMarker); size <= kTailBytes && at != rest.npos) {
     rest.remove_prefix(at + kOutputMarker.size());
   }
+  // From the end, line by line, until there are enough.
   std::vector<std::string> out;
   while (!rest.empty() && out.size() < lines) {
     if (rest.back() == '\n') rest.remove_suffix(1);

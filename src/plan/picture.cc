@@ -145,6 +145,7 @@ class Drawing {
     }
   }
 
+  // Depth first, so that a chain stays together. The loader has refused cycles.
   void place_chain(const Job* job, int depth, std::map<const Job*, std::vector<const Job*>>& below,
                    std::map<const Job*, std::vector<const Bar*>>& bars) {
     std::vector<const Bar*>& own = bars[job];
@@ -231,6 +232,7 @@ class Drawing {
     for (std::size_t i = 0; i == 0 || i < rows_.size(); i += kRowsPerAxis) {
       const int y = rows_.empty() ? bottom_ : rows_[i].y;
       for (const Tick& tick : ticks) {
+        // A label that would be cut at the right edge is left out, its line stays.
         const double room = static_cast<double>(tick.label.size()) * kCharWidth;
         if (tick.x + room > kMargin + kLabelWidth + kChartWidth + kMargin) continue;
         add(out_, "<text class=\"dim\" x=\"%.1f\" y=\"%d\">%s</text>\n", tick.x + 2, y - 9,
@@ -248,6 +250,7 @@ class Drawing {
       add(out_, "<path class=\"tree\" d=\"M%d %dV%dH%d\"/>", x, row.y - 3, row.y + kRowHeight / 2,
           x + 8);
     }
+    // A long name is cut to its column; the whole one is shown when the pointer rests on it.
     const auto most = static_cast<std::size_t>((kLabelWidth - indent - 8) / kCharWidth);
     const std::string name = printable(row.job->name.view());
     const std::string label = shortened(name, most);
@@ -262,6 +265,7 @@ class Drawing {
 
   // Bars that would touch are drawn as one: a job that runs every minute is a band.
   void add_bars(const PictureRow& row) {
+    // `end` is in units of the picture: what nobody can see apart is one bar.
     for (std::size_t i = 0; i < row.bars.size();) {
       const Bar& first = *row.bars[i];
       double end = std::max(scale_.x(first.end), scale_.x(first.start) + kShortestBar);

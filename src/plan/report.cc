@@ -32,10 +32,12 @@ std::vector<ReportedFailure> collect_failures(const Plan& plan, const HealthRepo
       failures.push_back(make_failure(plan, *job.job, *job.facts.last_failure, job.facts.failures));
     }
   }
+  // A job is reported once.
   const auto known = [&](const Job* job) {
     return std::any_of(failures.begin(), failures.end(),
                        [&](const ReportedFailure& failure) { return failure.job == job; });
   };
+  // From the newest run back: of each job that has recovered the last failure counts.
   for (auto row = history.runs.rbegin(); row != history.runs.rend(); ++row) {
     if (run_failed(row->run.outcome) && !known(row->job)) {
       failures.push_back(make_failure(plan, *row->job, row->run, 0));
@@ -56,6 +58,7 @@ void add_failures(const Report& report, std::string& out) {
   }
 }
 
+// Two blanks before each line, so that the headings stand out.
 std::string indented(const std::string& text) {
   std::string out;
   for (std::size_t at = 0; at < text.size();) {
@@ -97,7 +100,7 @@ Report make_report(const Plan& plan, const DaemonProcess& daemon, std::uint32_t 
   report.failures = collect_failures(plan, report.health, report.history);
   ForecastStart start;
   start.now = plan.now;
-  start.horizon = plan.now + kDay;
+  start.horizon = plan.now + kDay;  // the coming night, whenever the mail is made
   report.forecast = make_forecast(plan.config, plan.queue, usual_durations(plan), start);
   return report;
 }
@@ -113,6 +116,7 @@ std::string failure_sentence(const ReportedFailure& failure) {
                                : text + ", " + std::to_string(failure.failures) + " in a row";
 }
 
+// One sentence that may be the mail's subject, and one on the runs.
 std::string report_summary(const Report& report) {
   const HealthReport& health = report.health;
   if (!health.config_message.empty()) return "The configuration is refused: no job is known.";
@@ -133,6 +137,7 @@ std::string report_summary(const Report& report) {
   return text + (failed == 0 ? ", none failed." : ", " + std::to_string(failed) + " failed.");
 }
 
+// Sections without content are left out: what is there is what is to be read.
 std::string report_text(const Report& report) {
   std::string out = "orv_sched on " + printable(report.host) + ", " +
                     clock_text(report.health.now) + "\n\n" + report_summary(report) +
@@ -152,6 +157,7 @@ std::string report_text(const Report& report) {
   return out;
 }
 
+// A refused file or an unreadable queue is in the mail, and in the status for whoever sends it.
 int report_command(const Plan& plan, const ReportOptions& options) {
   const Report report =
       make_report(plan, find_daemon(plan.config_path, plan.queue_path), options.days);

@@ -29,6 +29,7 @@ td,th{border-bottom-color:#2a3139}pre{background:#1d232a}.bad{color:#ff8a80}.goo
 </style>
 )";
 
+// Everything goes through escape_markup(): names and logs may hold any byte.
 std::string cell(const std::string& text, const char* css = "") {
   return std::string("<td") + (*css != '\0' ? std::string(" class=\"") + css + "\"" : "") + ">" +
          escape_markup(text) + "</td>";
@@ -43,6 +44,7 @@ std::string duration_cell(std::optional<std::int64_t> seconds) {
 void add_failures(const Report& report, std::string& out) {
   if (report.failures.empty()) return;
   out += "<h2>Failed</h2>\n";
+  // The name in words and colour, the end of the log below it.
   for (const ReportedFailure& failure : report.failures) {
     out += "<div><span class=\"bad\">" + escape_markup(failure.job->name.view()) +
            "</span>: " + escape_markup(failure_sentence(failure)) + "</div>\n";
@@ -53,6 +55,7 @@ void add_failures(const Report& report, std::string& out) {
   }
 }
 
+// What has not failed but needs somebody to look all the same.
 void add_troubles(const Report& report, std::string& out) {
   std::string rows;
   for (const JobHealth& job : report.health.jobs) {
@@ -111,6 +114,7 @@ std::string report_html(const Plan& plan, const Report& report) {
   add_troubles(report, out);
   add_totals(report, out);
   if (plan.config_message.empty()) {
+    // What was and what will be, now between them.
     Picture picture;
     picture.now = plan.now;
     picture.from = plan.now - report.days * kDay;

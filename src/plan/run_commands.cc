@@ -42,6 +42,7 @@ std::int64_t free_at(const Plan& plan, const Durations& durations) {
 std::vector<const Job*> running_by_hand(const Plan& plan) {
   std::vector<const Job*> jobs;
   for (const QueueRecord& record : plan.seen.records()) {
+    // A run that a client of the API asked for is the daemon's own, and looks like a due one.
     if (!queue_runner_alive(record) || is_daemon(queue_get_runner_pid(record))) continue;
     if (const Job* const job = find_job(plan.config, record_name(record))) jobs.push_back(job);
   }
@@ -49,10 +50,11 @@ std::vector<const Job*> running_by_hand(const Plan& plan) {
 }
 
 std::string forecast_text(const Plan& plan, const Forecast& forecast, std::uint32_t days) {
-  if (forecast.runs.empty()) {
+  if (forecast.runs.empty()) {  // an empty table would look like a fault
     return "nothing is planned for the next " + std::to_string(days) +
            (days == 1 ? " day\n" : " days\n");
   }
+  // Columns as wide as those of "orv_sched list", so that a few runs do not jump about.
   Table table({"START", "DURATION", "NAME", "WHY", "LATE"}, {20, 9, 24, 9}, 1);
   LocalClock clock;
   bool guessed = false;
@@ -73,6 +75,7 @@ std::string forecast_text(const Plan& plan, const Forecast& forecast, std::uint3
          ": a start may be that much later.\n";
 }
 
+// docs/orv_plan.8 describes the fields: their names are never changed.
 std::string forecast_json(const Plan& plan, const Forecast& forecast, std::int64_t horizon,
                           const std::string* lost) {
   return json_document([&](JsonWriter& json) {
@@ -102,6 +105,7 @@ std::string forecast_json(const Plan& plan, const Forecast& forecast, std::int64
 
 std::string forecast_picture(const Plan& plan, const Forecast& forecast, std::int64_t horizon,
                              std::uint32_t past) {
+  // Past and future on one axis, now between them.
   Picture picture;
   picture.now = plan.now;
   picture.from = plan.now - past * kDay;
@@ -122,6 +126,7 @@ int forecast_command(const Plan& plan, const ForecastOptions& options) {
   start.horizon = plan.now + options.days * kDay;
   start.by_hand = running_by_hand(plan);
   const Forecast forecast = make_forecast(plan.config, plan.queue, durations, start);
+  // With the picture on standard output, nothing else goes there.
   if (options.svg == nullptr || std::string_view(options.svg) != "-") {
     if (options.json) {
       print(forecast_json(plan, forecast, start.horizon, lost));

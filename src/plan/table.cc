@@ -6,6 +6,7 @@
 
 namespace orv {
 
+// The sequences of the scheduler's own list of jobs: one colour means one thing in both programs.
 const char* tone_sequence(Tone tone) {
   switch (tone) {
     case Tone::Plain: return "";
@@ -27,6 +28,7 @@ void Table::add(std::vector<std::string> cells, Tone tone) {
 }
 
 std::string Table::text(bool color) const {
+  // As wide as the widest cell; very wide cells do not push all others to the right.
   std::vector<std::size_t> widths = widths_;
   for (const Row& row : rows_) {
     widths.resize(std::max(widths.size(), row.cells.size()));
@@ -43,6 +45,7 @@ std::string Table::text(bool color) const {
       const std::size_t width = utf8_length(row.cells[i]);
       line.append((widths[i] > width ? widths[i] - width : 0) + gap_, ' ');
     }
+    // Empty cells at the end leave no blanks that a colour would show.
     line.erase(line.find_last_not_of(' ') + 1);
     out += toned(line, row.tone, color) + "\n";
   }

@@ -32,6 +32,7 @@ std::vector<std::string> missing_dependencies(const QueueState& queue, const Job
   return out;
 }
 
+// The end that a run of the job would be for.
 std::int64_t newest_finish(const QueueState& queue, const Job& job) {
   std::int64_t newest = 0;
   for (const JobName& name : job.after) {
@@ -97,12 +98,15 @@ std::vector<std::string> reasons_of_job(const Plan& plan, const Job& job) {
   if (std::string text = blocked_by_time(job, *record, plan.now); !text.empty()) {
     out.push_back(text);
   }
+  // Each job that it waits for has a line of its own; only when none is missing can the end of the
+  // newest have been handled.
   const std::vector<std::string> missing = missing_dependencies(plan.queue, job);
   out.insert(out.end(), missing.begin(), missing.end());
   if (missing.empty() && !job.after.empty() &&
       record->after_stamp >= newest_finish(plan.queue, job)) {
     out.emplace_back("it has already run for its dependencies' last finish and waits for the next");
   }
+  // A job that is held back anyway is not kept by the order of the file.
   if (!out.empty()) return out;
   if (std::string text = due_before(plan, job); !text.empty()) out.push_back(text);
   return out;

@@ -278,15 +278,18 @@ TEST_F(ForecastTest, CheckReadsQueueLogsAndModes) {
   start("[stuck]\nschedule=0 5 * * *\n[past]\nonce=2020-01-01 10:00\n[cut]\nschedule=0 6 * * *\n");
   record("stuck").next_run = kNever;
   settle();
-  dir_.write("cfg", "x", 0666);
+  plan_.config.mail.smtp_password_set = true;
+  plan_.config.mail.smtp_password_kind = SecretKind::File;
+  dir_.write("cfg",
+             "[mail]\n smtp-password = 'file:" + dir_.write("secret", "x", 0644) + "' # or so\n");
   std::filesystem::permissions(dir_.file("cfg"), std::filesystem::perms(0666));
   dir_.write("logs/cut/20261206T060000Z.log",
              "job: cut\n\n--- end ---\nfinish_unix: 1796541000\nexit_code: -1\ntimed_out: 1\n");
   std::string kinds;
   for (const Finding& finding : check_plan(plan_, {}, "/bin"))
     kinds += finding.kind + std::string();
-  for (const char* kind :
-       {"stuck-at-never", "once-overdue", "cut-by-limit", "configuration-writable"}) {
+  for (const char* kind : {"stuck-at-never", "once-overdue", "cut-by-limit", "password-readable",
+                           "configuration-writable"}) {
     EXPECT_TRUE(contains(kinds, kind)) << kinds;
   }
 }
