@@ -109,7 +109,8 @@ std::string health_reason(const JobFacts& facts, Health health, std::int64_t now
     case Health::Failed: return failed_reason(facts);
     case Health::Stale: return stale_reason(facts, now, *stale_after(facts, max_age));
     case Health::Late:
-      return "due since " + clock_text(*facts.due_since) + ", and nothing holds it back";
+      return "due since " + clock_text(*facts.due_since) +
+             " and not started, though no other job is running";
     case Health::Slow: return slow_reason(facts, now);
     case Health::Never: return "has never run";
     case Health::Running: return "since " + clock_text(*facts.running_since);
