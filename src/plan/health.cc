@@ -112,7 +112,8 @@ std::string health_reason(const JobFacts& facts, Health health, std::int64_t now
       return "due since " + clock_text(*facts.due_since) +
              " and not started, though no other job is running";
     case Health::Slow: return slow_reason(facts, now);
-    case Health::Never: return "has never run";
+    case Health::Never:
+      return facts.next_run ? "first run " + clock_text(*facts.next_run) : "has not run yet";
     case Health::Running: return "since " + clock_text(*facts.running_since);
     case Health::Waiting:
       return "due since " + clock_text(*facts.due_since) + ", another job is running";
