@@ -68,7 +68,7 @@ class LocalConnection : public std::enable_shared_from_this<LocalConnection> {
 
   LocalServer& server_;
   Stream stream_;
-  beast::flat_buffer buffer_{2 * kMaxHead + kMaxBody};
+  beast::flat_buffer buffer_{std::size_t{2} * kMaxHead + kMaxBody};
   std::optional<Parser> parser_;
   std::string out_;
   QuietTimer quiet_timer_;
@@ -266,8 +266,7 @@ void LocalServer::welcome(TcpSocket socket) {
     const auto stranger = std::find_if(connections_.begin(), connections_.end(),
                                        [](const auto& c) { return !c->signed_in(); });
     if (stranger == connections_.end()) return;  // the newcomer is closed
-    const auto leaving = *stranger;
-    leaving->close();
+    (*stranger)->close();
   }
   error_code ignored;  // only costs speed when it fails
   (void)socket.set_option(tcp::no_delay(true), ignored);

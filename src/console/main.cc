@@ -8,6 +8,7 @@
 #include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -102,5 +103,9 @@ int run(const ArgList& args) {
 }  // namespace orv
 
 int main(int argc, char** argv) {
-  return orv::run(orv::ArgList(argv, static_cast<std::size_t>(argc)));
+  try {
+    return orv::run(orv::ArgList(argv, static_cast<std::size_t>(argc)));
+  } catch (const std::exception& fault) {  // out of memory, or of descriptors for the loop
+    return orv::complain(orv::kExitFailed, fault.what());
+  }
 }

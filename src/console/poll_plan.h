@@ -35,6 +35,14 @@ struct Ask {
   LastRun upto;     // of Runs
 };
 
+// A walk through the pages of GET jobs.
+struct JobsSweep {
+  std::vector<KnownJob> jobs;
+  std::string config_etag;
+  std::int64_t offset = 0;
+  int restarts = 0;
+};
+
 class PollPlan {
  public:
   explicit PollPlan(std::string name) { known_.name = std::move(name); }
@@ -55,13 +63,6 @@ class PollPlan {
   [[nodiscard]] const KnownServer& known() const { return known_; }
 
  private:
-  // A walk through the pages of GET jobs.
-  struct Sweep {
-    std::vector<KnownJob> jobs;
-    std::string config_etag;
-    std::int64_t offset = 0;
-    int restarts = 0;
-  };
   [[nodiscard]] bool wants_jobs(std::int64_t now_ms) const;
   [[nodiscard]] const KnownJob* wants_runs() const;
   void refill(std::int64_t now_ms);
@@ -78,7 +79,7 @@ class PollPlan {
   std::int64_t info_due_ms_ = 0;
   std::int64_t jobs_due_ms_ = 0;
   std::int64_t pause_ms_ = 0;  // 0: the last attempt was answered
-  std::optional<Sweep> sweep_;
+  std::optional<JobsSweep> sweep_;
   std::int64_t page_size_ = 50;
   std::string jobs_error_;         // why the last page was refused, until one is taken
   std::set<std::string> changed_;  // jobs to look at again

@@ -124,7 +124,7 @@ export function Editor({ fields, load, save, check, version, locked, why, hints,
   return html`<form class="editor" onSubmit=${submit} autocomplete="off">
     ${children}
     ${why ? html`<p class="banner">${why}</p>` : null}
-    <div class="fields">${fields.map((f) => (f.hide?.(form) ? null : html`<${Field} key=${f.key} f=${f} value=${form[f.key]} set=${set} hint=${hints?.(f.key, form)} locked=${locked || f.locked} fault=${verdict.text && !verdict.good && verdict.text.includes(f.key)} />`))}</div>
+    <div class="fields">${fields.map((f) => (f.hide?.(form) ? null : html`<${Field} key=${f.key} f=${f} value=${form[f.key]} set=${set} hint=${hints?.(f.key, form)} locked=${locked || f.locked} fault=${!verdict.good && [f.key, f.name].some((name) => verdict.text.includes(`'${name}'`))} />`))}</div>
     ${theirs ? html`<div class="banner" role="alert"><b>The configuration was changed meanwhile:</b><${Lines} of=${theirs} /> What you typed is kept. Press Save to make your change on top of it.</div>` : null}
     ${dirty ? html`<div class="changes" role="group" aria-label="What will change"><h3>What will change</h3><${Lines} of=${changes} /></div>` : null}
     <p class=${"verdict " + (verdict.good ? "good-text" : "bad-text")} role="status">${clean(verdict.text)}</p>
