@@ -1,5 +1,8 @@
 #include "config/cron.h"
 
+#include <time.h>
+
+#include <array>
 #include <ctime>
 #include <limits>
 #include <optional>
@@ -105,7 +108,7 @@ std::optional<std::tm> local_time(std::int64_t at) {
   return local;
 }
 
-// The time of the wall clock that `local` shows; `local` is then what that time reads back as.
+// The time of the wall clock that `local` shows, and normalises `local` to it.
 std::optional<std::int64_t> ask_mktime(std::tm& local) {
   local.tm_isdst = -1;
   local.tm_wday = -1;  // -1 is also a time; what mktime() leaves untouched on failure is this
@@ -135,18 +138,34 @@ bool begins_at_midnight(const TriedDay& day) {
   return day.local.tm_hour == 0 && day.local.tm_min == 0 && day.local.tm_sec == 0;
 }
 
+// Whether the day's midnight is what was asked for and has the offset of the day before. Then it
+// neither is missing nor comes twice, and every way to ask for it gives this answer.
+bool is_plain_midnight(const TriedDay& day, const CivilDate& civil) {
+  if (!begins_at_midnight(day) || static_cast<std::size_t>(day.local.tm_mday) != civil.day) {
+    return false;
+  }
+  const auto day_before = local_time(day.midnight - 86400);
+  return day_before && day_before->tm_gmtoff == day.local.tm_gmtoff;
+}
+
+// The first day that is tried is start's own: its midnight is mostly as far away as the clock
+// shows, and mktime(), which costs several conversions, need not be asked.
+std::optional<TriedDay> midnight_before(std::int64_t start, const std::tm& start_local) {
+  const std::int64_t since_midnight = start_local.tm_hour * 3600 + start_local.tm_min * 60;
+  const auto local = local_time(start - since_midnight);
+  if (!local || local->tm_gmtoff != start_local.tm_gmtoff) return std::nullopt;
+  return TriedDay{start - since_midnight, *local};
+}
+
 // Where a midnight is missing or comes twice, mktime() answers by the offset that it met in its
 // last call, whatever that was. Asking for the day before first settles that, and makes the first
-// pass of a repeated hour win, for the day's later times as well. It is only done where it matters:
-// a midnight that reads back as asked for, with the offset of the day before, has nothing to
-// settle.
-std::optional<TriedDay> try_day(const std::tm& start_local, int days, const CivilDate& civil) {
-  const auto day = ask_midnight(start_local, days);
-  if (day && begins_at_midnight(*day) &&
-      static_cast<std::size_t>(day->local.tm_mday) == civil.day) {
-    const auto day_before = local_time(day->midnight - 86400);
-    if (day_before && day_before->tm_gmtoff == day->local.tm_gmtoff) return day;
-  }
+// pass of a repeated hour win, for the day's later times as well. It is only done where it matters.
+std::optional<TriedDay> try_day(std::int64_t start, const std::tm& start_local, int days,
+                                const CivilDate& civil) {
+  auto day = days == 0 ? midnight_before(start, start_local) : std::nullopt;
+  if (day && is_plain_midnight(*day, civil)) return day;
+  day = ask_midnight(start_local, days);
+  if (day && is_plain_midnight(*day, civil)) return day;
   (void)ask_midnight(start_local, days - 1);  // only for what mktime() remembers of it
   return ask_midnight(start_local, days);
 }
@@ -213,7 +232,7 @@ std::int64_t search(const CronSpec& cron, std::int64_t start, const std::tm& sta
     const CivilDate next = day_after(civil);
     const bool after = qualifies(cron, next);
     if ((before || here || after) && next_clock_time(cron, from)) {
-      const auto day = try_day(start_local, days, civil);
+      const auto day = try_day(start, start_local, days, civil);
       if (day && qualifies(cron, date_of(day->local))) {
         if (const auto at = search_day(cron, *day, from, start)) return *at;
       }
@@ -223,11 +242,6 @@ std::int64_t search(const CronSpec& cron, std::int64_t start, const std::tm& sta
     civil = next;
   }
   return kCronNoRun;
-}
-
-bool same_reading(const std::tm& a, const std::tm& b) {
-  return a.tm_gmtoff == b.tm_gmtoff && a.tm_min == b.tm_min && a.tm_hour == b.tm_hour &&
-         a.tm_mday == b.tm_mday;
 }
 
 }  // namespace
@@ -288,14 +302,10 @@ std::int64_t cron_next_run(const CronSpec& cron, std::int64_t now, bool include_
   const std::int64_t into_minute = ((now % 60) + 60) % 60;
   const std::int64_t start = now - into_minute + (include_current_minute ? 0 : 60);
 
-  auto start_local = local_time(start);
-  if (!start_local) return kCronNoRun;
-  const std::int64_t found = search(cron, start, *start_local);
-  // mktime() takes up a change of the system's time zone, localtime_r() does not: when the zone was
-  // changed since the last search, start was read in the old one.
-  const auto read_again = local_time(start);
-  if (!read_again || same_reading(*start_local, *read_again)) return found;
-  return search(cron, start, *read_again);
+  // localtime_r() alone does not take up a change of the system's time zone.
+  ::tzset();
+  const auto start_local = local_time(start);
+  return start_local ? search(cron, start, *start_local) : kCronNoRun;
 }
 
 }  // namespace orv
