@@ -56,6 +56,11 @@ int open_job(Load& load, std::string_view name) {
     return fail(load.err, "%s:%zu: job name '%s' must not contain '/'", load.place.path,
                 load.place.number, key.c_str());
   }
+  // The name is a directory below that of the job logs: these two would lead elsewhere.
+  if (name == "." || name == "..") {
+    return fail(load.err, "%s:%zu: a job must not be named '%s'", load.place.path,
+                load.place.number, key.c_str());
+  }
   if (jobs.size() == kMaxJobs) return fail_line(load, "too many jobs");
   if (name.size() > kMaxJobName) return fail_line(load, "job name too long");
   jobs.reserve(kMaxJobs);  // once: growing step by step would copy every job several times

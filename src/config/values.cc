@@ -131,7 +131,8 @@ bool take_char(std::string_view& text, char c) {
 }
 
 // Reads "<year>-<month>-<day> <hour>:<minute>[:<second>]". What follows does not count, unless it
-// could be meant as an offset from UTC: the time is always local.
+// could be meant as a time zone, an offset from UTC or the half of a day: the time is always local,
+// and by the clock of 24 hours.
 bool scan_date(std::string_view text, struct tm& date) {
   int year = 0;
   if (!take_number(text, year) || !take_char(text, '-') || !take_number(text, date.tm_mon) ||
@@ -149,7 +150,9 @@ bool scan_date(std::string_view text, struct tm& date) {
   }
   date.tm_year = year - 1900;
   date.tm_mon -= 1;
-  return text.find('-') == std::string_view::npos;
+  return std::none_of(text.begin(), text.end(), [](char c) {
+    return c == '-' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  });
 }
 
 bool local_time(struct tm date, std::int64_t& out) {

@@ -134,6 +134,7 @@ TEST(ConfigLoad, NamesThePlaceOfASyntaxFault) {
       {"[mail]\n[mail]", "f:2: duplicate [mail] section"},
       {"[a]\n[b]\n[a]", "f:3: duplicate section [a]"},
       {"[a/b]", "f:1: job name 'a/b' must not contain '/'"},
+      {"[..]", "f:1: a job must not be named '..'"},
       {"[" + long_name + "]", "f:1: job name too long"},
       {many_jobs, "f:513: too many jobs"},
       {std::string("[a]\n#\0\n", 7), "f:2: the line contains a NUL byte"},
