@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <openssl/rand.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -143,9 +142,7 @@ const ApiToken* find_token(const TokenStore& store, std::string_view name) {
 ScopedFd lock_tokens(const char* path, std::span<char> err) {
   const std::string name = std::string(path) + ".lock";
   ScopedFd lock = open_file(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
-  int rc = lock.valid() ? 0 : -1;
-  while (rc == 0 && (rc = ::flock(lock.get(), LOCK_EX)) != 0 && errno == EINTR) rc = 0;
-  if (rc == 0) return lock;
+  if (lock.valid() && lock_exclusively(lock.get())) return lock;
   (void)fail(err, "cannot lock %s: %s", name.c_str(), std::strerror(errno));
   return ScopedFd();
 }

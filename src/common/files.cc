@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -80,6 +81,14 @@ ScopedFd open_file(const char* path, int flags, mode_t mode) {
     fd = ::open(path, flags | O_CLOEXEC, mode);
   } while (fd < 0 && errno == EINTR);
   return ScopedFd(fd);
+}
+
+bool lock_exclusively(int fd) {
+  int rc = 0;
+  do {
+    rc = ::flock(fd, LOCK_EX);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
 }
 
 ErrorCode write_all(int fd, std::span<const std::byte> bytes) {

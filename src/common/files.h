@@ -27,6 +27,10 @@ namespace orv {
 // open(2) with O_CLOEXEC added, retried on EINTR; an empty owner on failure, errno kept.
 [[nodiscard]] ScopedFd open_file(const char* path, int flags, mode_t mode = 0);
 
+// Takes the exclusive lock of the open file, waiting while another process holds it (flock(2)). It
+// ends with the descriptor. False, errno kept, when it cannot be had.
+[[nodiscard]] bool lock_exclusively(int fd);
+
 // Writes all of `bytes`. A write that makes no progress is an IoError. Here and above, errno says
 // why a call failed.
 [[nodiscard]] ErrorCode write_all(int fd, std::span<const std::byte> bytes);

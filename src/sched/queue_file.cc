@@ -1,7 +1,6 @@
 #include "sched/queue_file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -76,11 +75,7 @@ ScopedFd queue_lock(const char* path) {
             std::strerror(errno));
     return fd;
   }
-  int rc = 0;
-  do {
-    rc = ::flock(fd.get(), LOCK_EX);
-  } while (rc != 0 && errno == EINTR);
-  if (rc != 0) {
+  if (!lock_exclusively(fd.get())) {
     log_msg(LogLevel::Error, "orv_sched: cannot lock %s: %s", lock_path.c_str(),
             std::strerror(errno));
     fd.reset();

@@ -100,26 +100,43 @@ TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
   std::string fingerprint = openssl({"-fingerprint", "-sha256"});
   fingerprint = fingerprint.substr(fingerprint.find('=') + 1);  // with its line end
   const std::string shown = "SHA-256 fingerprint: " + fingerprint;
-  EXPECT_EQ(made.out,
-            "created " + cert_ + " and " + key_ + " (CN=192.0.2.10, valid 10 years)\n" + shown);
+  const std::string next = "next: enabled=yes in [api]; a running daemon then starts the API\n";
+  EXPECT_EQ(made.out, "created " + cert_ + " and " + key_ + " (CN=192.0.2.10, valid 10 years)\n" +
+                          shown + next);
   EXPECT_THAT(openssl({"-subject", "-ext", "subjectAltName"}),
               testing::AllOf(HasSubstr("CN = 192.0.2.10"), HasSubstr("IP Address:192.0.2.10")));
   EXPECT_THAT(run({"api-info"}).out, HasSubstr("fingerprint:        " + fingerprint));
 
   EXPECT_EQ(run({"api-init", "--cn", "other"}).out,
-            "certificate exists, kept: " + cert_ + " (use --force to replace it)\n" + shown);
+            "certificate exists, kept: " + cert_ + " (use --force to replace it)\n" + shown + next);
   // The first word behind --cn is the name, and a switch all the same.
   EXPECT_THAT(run({"api-init", "--cn", "--force"}).out,
               HasSubstr("(CN=--force, valid 10 years)\n"));
   EXPECT_THAT(run({"api-info"}).out, testing::Not(HasSubstr(fingerprint)));
 
+  // A certificate without its key, or with another one's, is no pair to keep.
+  ASSERT_EQ(::unlink(key_.c_str()), 0);
+  expect_error({"api-init"}, "cannot read " + key_ +
+                                 ": No such file or directory (use --force to make a new pair)");
+  dir_.write("api.key", test::read_file(cert_));
+  EXPECT_EQ(run({"api-init"}).status, 1);
+  EXPECT_EQ(run({"api-init", "--force"}).status, 0);
+
+  const std::string umlauts = "\xc3\xa4";
+  std::string longest;
+  for (int i = 0; i < 64; ++i) longest += umlauts;
+  EXPECT_EQ(run({"api-init", "--force", "--cn", longest}).status, 0) << "64 characters, 128 bytes";
   key_ = dir_.file("missing/api.key");
   cert_ = dir_.file("new.crt");
   configure("");
-  expect_error({"api-init"}, "cannot create " + cert_ + " / " + key_ + " (I/O error)");
+  expect_error({"api-init"},
+               "cannot create " + cert_ + " / " + key_ + " (I/O error: No such file or directory)");
+  cert_ = dir_.file("api.new");
+  key_ = dir_.file("key.new");
+  configure("");
   expect_error(
-      {"api-init", "--cn", std::string(65, 'x')},
-      "cannot create " + cert_ + " / " + key_ + ": the common name must have 1..64 characters");
+      {"api-init", "--cn", longest + umlauts},
+      "cannot create " + cert_ + " / " + key_ + " (the common name must have 1..64 characters)");
 }
 
 TEST_F(ApiCommands, InfoShowsTheWholeSection) {
