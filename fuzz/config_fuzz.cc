@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config/config.h"
+#include "config/job_argv.h"
 #include "fuzz/targets.h"
 
 namespace orv::fuzz {

@@ -6,7 +6,7 @@
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "config/config.h"
-#include "config/job_command.h"
+#include "config/job_argv.h"
 
 namespace orv {
 

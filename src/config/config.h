@@ -18,6 +18,10 @@
 #include "common/mail_address.h"
 #include "config/cron.h"
 #include "config/job_command.h"
+#include "config/listen_address.h"
+#include "config/once_time.h"
+#include "config/retention.h"
+#include "config/secret_reference.h"
 #include "config/values.h"
 
 namespace orv {

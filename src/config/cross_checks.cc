@@ -21,9 +21,9 @@ std::uint32_t default_port(TlsMode tls) {
   return 587;
 }
 
-int resolve_password(MailSection& mail, std::string_view written, std::span<char> err) {
+bool resolve_password(MailSection& mail, std::string_view written, std::span<char> err) {
   if (mail.tls == TlsMode::None) {
-    return fail(
+    return refuse(
         err,
         "[mail]: 'smtp-password' needs tls=starttls or tls=smtps (it would be sent in clear "
         "text)");
@@ -31,68 +31,68 @@ int resolve_password(MailSection& mail, std::string_view written, std::span<char
   SecretReference reference;
   std::array<char, 128> reason{};
   if (parse_secret_reference(written, true, reference, reason) != 0) {
-    return fail(err, "[mail]: 'smtp-password': %s", reason.data());
+    return refuse(err, "[mail]: 'smtp-password': %s", reason.data());
   }
   mail.smtp_password_kind = reference.kind;
   if (reference.kind == SecretKind::File) mail.smtp_password_file = reference.text;
   if (reference.kind == SecretKind::Kms) {
-    return fail(err, "[mail]: 'smtp-password': kms: is not supported yet");
+    return refuse(err, "[mail]: 'smtp-password': kms: is not supported yet");
   }
   if (!read_secret(reference, mail.smtp_password)) {
-    return fail(err,
-                "[mail]: 'smtp-password': cannot read it (file missing/unreadable, or not 1..64 "
-                "characters)");
+    return refuse(err,
+                  "[mail]: 'smtp-password': cannot read it (file missing/unreadable, or not 1..64 "
+                  "characters)");
   }
-  return 0;
+  return true;
 }
 
-int check_mail(MailSection& mail, std::string_view written_password, std::span<char> err) {
-  if (!mail.present) return 0;
-  if (mail.smtp_host.empty()) return fail(err, "[mail]: 'smtp-host' is required");
-  if (mail.from.empty()) return fail(err, "[mail]: 'from' is required");
-  if (mail.to.empty()) return fail(err, "[mail]: 'to' is required");
+bool check_mail(MailSection& mail, std::string_view written_password, std::span<char> err) {
+  if (!mail.present) return true;
+  if (mail.smtp_host.empty()) return refuse(err, "[mail]: 'smtp-host' is required");
+  if (mail.from.empty()) return refuse(err, "[mail]: 'from' is required");
+  if (mail.to.empty()) return refuse(err, "[mail]: 'to' is required");
   if (mail.smtp_port == 0) mail.smtp_port = default_port(mail.tls);
   if (mail.timeout_s == 0) mail.timeout_s = kDefaultMailTimeout;
   if (mail.smtp_user.empty() == mail.smtp_password_set) {
-    return fail(err, "[mail]: 'smtp-user' and 'smtp-password' must be set together");
+    return refuse(err, "[mail]: 'smtp-user' and 'smtp-password' must be set together");
   }
-  return mail.smtp_password_set ? resolve_password(mail, written_password, err) : 0;
+  return !mail.smtp_password_set || resolve_password(mail, written_password, err);
 }
 
-int check_start(const Job& job, std::span<char> err) {
+bool check_start(const Job& job, std::span<char> err) {
   const char* name = job.name.c_str();
   if (job.has_schedule && job.has_once) {
-    return fail(err, "[%s]: 'schedule' and 'once' are mutually exclusive", name);
+    return refuse(err, "[%s]: 'schedule' and 'once' are mutually exclusive", name);
   }
   if (job.enabled && !job.has_schedule && !job.has_once && job.after.empty()) {
-    return fail(
+    return refuse(
         err, "[%s]: needs at least one of 'schedule', 'once' or 'after' (or set enabled=no)", name);
   }
   if (job.after_mode_given && job.after.empty()) {
-    return fail(err, "[%s]: 'after-mode' requires 'after'", name);
+    return refuse(err, "[%s]: 'after-mode' requires 'after'", name);
   }
-  return 0;
+  return true;
 }
 
 // Settings that only the commands that make backups take.
-int check_backup_settings(const Job& job, std::span<char> err) {
+bool check_backup_settings(const Job& job, std::span<char> err) {
   const char* name = job.name.c_str();
   const char* command = command_name(job.command);
   if (!takes_background(job.command)) {
     if (!job.profile.empty()) {
-      return fail(err,
-                  "[%s]: 'profile' is not applicable to command=%s; put whatever "
-                  "--name/--uuid/--job/--meta this command needs directly in 'args'",
-                  name, command);
+      return refuse(err,
+                    "[%s]: 'profile' is not applicable to command=%s; put whatever "
+                    "--name/--uuid/--job/--meta this command needs directly in 'args'",
+                    name, command);
     }
     const char* key = job.run_background != Tristate::Unset     ? "run-background"
                       : job.start_background != Tristate::Unset ? "start-background"
                                                                 : nullptr;
     if (key != nullptr) {
-      return fail(err,
-                  "[%s]: '%s' is not applicable to command=%s (only agent, proxmox and xenv take "
-                  "--background)",
-                  name, key, command);
+      return refuse(err,
+                    "[%s]: '%s' is not applicable to command=%s (only agent, proxmox and xenv take "
+                    "--background)",
+                    name, key, command);
     }
   }
   if (!takes_retention(job.command)) {
@@ -100,13 +100,14 @@ int check_backup_settings(const Job& job, std::span<char> err) {
                       : !job.retention_class.empty() ? "retention-class"
                                                      : nullptr;
     if (key != nullptr) {
-      return fail(err,
-                  "[%s]: '%s' is not applicable to command=%s (only agent, proxmox and xenv take a "
-                  "retention)",
-                  name, key, command);
+      return refuse(
+          err,
+          "[%s]: '%s' is not applicable to command=%s (only agent, proxmox and xenv take a "
+          "retention)",
+          name, key, command);
     }
   }
-  return 0;
+  return true;
 }
 
 bool sets_retention(std::string_view arg) {
@@ -114,52 +115,53 @@ bool sets_retention(std::string_view arg) {
          arg.starts_with("--retention-class=");
 }
 
-int check_retention(const Job& job, std::span<char> err) {
+bool check_retention(const Job& job, std::span<char> err) {
   if (job.retention.empty()) {
-    if (job.retention_class.empty()) return 0;
-    return fail(err, "[%s]: 'retention-class' requires 'retention'", job.name.c_str());
+    if (job.retention_class.empty()) return true;
+    return refuse(err, "[%s]: 'retention-class' requires 'retention'", job.name.c_str());
   }
   for (const std::string& arg : job.args) {
     if (!sets_retention(arg)) continue;
-    return fail(err,
-                "[%s]: set the retention either with 'retention'/'retention-class' or in 'args', "
-                "not both",
-                job.name.c_str());
+    return refuse(err,
+                  "[%s]: set the retention either with 'retention'/'retention-class' or in 'args', "
+                  "not both",
+                  job.name.c_str());
   }
-  return 0;
+  return true;
 }
 
-int check_after(const Job& job, const JobIndex& index, std::span<char> err) {
+bool check_after(const Job& job, const JobIndex& index, std::span<char> err) {
   for (const JobName& name : job.after) {
     if (name == job.name) {
-      return fail(err, "[%s]: 'after' cannot reference itself", job.name.c_str());
+      return refuse(err, "[%s]: 'after' cannot reference itself", job.name.c_str());
     }
     if (!index.find(name.view())) {
-      return fail(err, "[%s]: 'after' references unknown job '%s'", job.name.c_str(), name.c_str());
+      return refuse(err, "[%s]: 'after' references unknown job '%s'", job.name.c_str(),
+                    name.c_str());
     }
   }
-  return 0;
+  return true;
 }
 
-int check_job(const Config& config, const Job& job, const JobIndex& index, std::span<char> err) {
-  if (check_start(job, err) != 0) return -1;
+bool check_job(const Config& config, const Job& job, const JobIndex& index, std::span<char> err) {
+  if (!check_start(job, err)) return false;
   if (job.notify != Notify::Inherit && !config.mail.present) {
-    return fail(err, "[%s]: 'notify' needs a [mail] section", job.name.c_str());
+    return refuse(err, "[%s]: 'notify' needs a [mail] section", job.name.c_str());
   }
-  if (check_backup_settings(job, err) != 0) return -1;
-  if (check_retention(job, err) != 0) return -1;
+  if (!check_backup_settings(job, err)) return false;
+  if (!check_retention(job, err)) return false;
   return check_after(job, index, err);
 }
 
 }  // namespace
 
 int cross_check(Config& config, std::string_view written_password, std::span<char> err) {
-  if (check_mail(config.mail, written_password, err) != 0) return -1;
+  if (!check_mail(config.mail, written_password, err)) return -1;
   const JobIndex index(config.jobs);
   for (const Job& job : config.jobs) {
-    if (check_job(config, job, index, err) != 0) return -1;
+    if (!check_job(config, job, index, err)) return -1;
   }
-  return check_cycles(config, err);
+  return check_cycles(config, err) ? 0 : -1;
 }
 
 }  // namespace orv

@@ -4,7 +4,6 @@
 
 #include "common/message.h"
 #include "common/text.h"
-#include "config/config.h"
 
 namespace orv {
 namespace {
@@ -36,13 +35,8 @@ consteval bool rows_stand_at_their_values() {
 }
 static_assert(rows_stand_at_their_values());
 
-const JobCommandRow* find_row(JobCommand command) {
-  const auto row = static_cast<std::size_t>(command);
-  return row < std::size(kJobCommands) ? &kJobCommands[row] : nullptr;
-}
-
 // Takes the quoted token that `text` starts with, its opening quote already gone, and leaves `text`
-// behind the closing quote. False when there is none.
+// after the closing quote. False when there is none.
 bool take_quoted_token(std::string_view& text, std::string& token) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '"') {
@@ -84,8 +78,13 @@ int split_tokens(std::string_view text, std::vector<std::string>& tokens, std::s
 
 std::span<const JobCommandRow> job_commands() { return kJobCommands; }
 
+const JobCommandRow* find_command_row(JobCommand command) {
+  const auto row = static_cast<std::size_t>(command);
+  return row < std::size(kJobCommands) ? &kJobCommands[row] : nullptr;
+}
+
 const char* command_name(JobCommand command) {
-  const JobCommandRow* row = find_row(command);
+  const JobCommandRow* row = find_command_row(command);
   return row != nullptr ? row->name : "?";
 }
 
@@ -99,17 +98,17 @@ int parse_command(std::string_view text, JobCommand& out) {
 }
 
 bool takes_background(JobCommand command) {
-  const JobCommandRow* row = find_row(command);
+  const JobCommandRow* row = find_command_row(command);
   return row != nullptr && row->takes_background;
 }
 
 bool takes_retention(JobCommand command) {
-  const JobCommandRow* row = find_row(command);
+  const JobCommandRow* row = find_command_row(command);
   return row != nullptr && row->takes_retention;
 }
 
 bool command_allowed(std::uint32_t mask, JobCommand command) {
-  if (find_row(command) == nullptr) return false;
+  if (find_command_row(command) == nullptr) return false;
   return ((mask >> static_cast<std::uint32_t>(command)) & 1U) != 0;
 }
 
@@ -120,34 +119,6 @@ int tokenize_args(std::string_view text, std::vector<std::string>& tokens, std::
     if (const int rc = split_tokens(text, found, max_tokens, err); rc != 0) return rc;
     tokens.swap(found);
     return static_cast<int>(tokens.size());
-  } catch (const std::bad_alloc&) {
-    return fail(err, "out of memory");
-  }
-}
-
-int build_argv(const Job& job, bool background, std::vector<const char*>& out,
-               std::span<char> err) {
-  const JobCommandRow* row = find_row(job.command);
-  if (row == nullptr) {
-    return fail(err, "internal error: unknown command enum %d", static_cast<int>(job.command));
-  }
-  try {
-    std::vector<const char*> argv;
-    argv.reserve(job.args.size() + 10);  // what can stand before the job's own, and the null
-    argv.push_back(row->tool);
-    if (row->subcommand != nullptr) argv.push_back(row->subcommand);
-    if (!job.profile.empty()) argv.insert(argv.end(), {"--name", job.profile.c_str()});
-    if (background && row->takes_background) argv.push_back("--background");
-    if (!job.retention.empty() && row->takes_retention) {
-      argv.insert(argv.end(), {"--retention", job.retention.c_str()});
-      if (!job.retention_class.empty()) {
-        argv.insert(argv.end(), {"--retention-class", job.retention_class.c_str()});
-      }
-    }
-    for (const std::string& arg : job.args) argv.push_back(arg.c_str());
-    argv.push_back(nullptr);
-    out.swap(argv);
-    return 0;
   } catch (const std::bad_alloc&) {
     return fail(err, "out of memory");
   }

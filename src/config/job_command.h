@@ -1,5 +1,5 @@
-// The commands a job can run, each carried out by one of the suite's tools; the tokenizer of a
-// job's extra arguments; and the argument vector that a job's tool is started with.
+// The commands a job can run, each carried out by one of the suite's tools, and the tokenizer of a
+// job's extra arguments.
 #ifndef ORV_CONFIG_JOB_COMMAND_H_
 #define ORV_CONFIG_JOB_COMMAND_H_
 
@@ -11,8 +11,6 @@
 #include <vector>
 
 namespace orv {
-
-struct Job;
 
 // The values are row numbers of the table and bit numbers of [api] allowed-commands.
 enum class JobCommand : std::uint32_t {
@@ -40,6 +38,8 @@ struct JobCommandRow {
 
 // All rows in the order of their values.
 [[nodiscard]] std::span<const JobCommandRow> job_commands();
+// The row of a command; null for a value outside the table.
+[[nodiscard]] const JobCommandRow* find_command_row(JobCommand command);
 
 // agent, proxmox, xenv, verify and the maintenance commands but prune.
 inline constexpr std::uint32_t kDefaultAllowedCommands = 967;
@@ -55,18 +55,11 @@ inline constexpr std::uint32_t kDefaultAllowedCommands = 967;
 inline constexpr std::size_t kMaxArgTokens = 64;
 inline constexpr std::size_t kMaxArgToken = 1023;  // bytes
 
-// Splits `text` at white space. A token that starts with a double quote runs to the next one that
-// no backslash hides, and ends right there. Returns the number of tokens put into `tokens`; -1 with
+// Splits `text` at white space. A token that starts with a double quote runs to the next
+// unescaped one, and ends right there. Returns the number of tokens put into `tokens`; -1 with
 // a message when there are more than `max_tokens`, one is too long, or a quote is not closed.
 [[nodiscard]] int tokenize_args(std::string_view text, std::vector<std::string>& tokens,
                                 std::size_t max_tokens, std::span<char> err);
-
-// Builds what the job's tool is started with: tool, subcommand, --name <profile>, --background when
-// asked for and taken, --retention and --retention-class, then the job's own arguments; ended by a
-// null pointer that is part of `out` (argument count = out.size() - 1). The pointers lead into
-// `job` and static storage: the vector must not outlive the job. 0; -1 with a message.
-[[nodiscard]] int build_argv(const Job& job, bool background, std::vector<const char*>& out,
-                             std::span<char> err);
 
 }  // namespace orv
 

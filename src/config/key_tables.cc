@@ -5,7 +5,7 @@
 
 #include "common/message.h"
 #include "common/text.h"
-#include "config/dependencies.h"
+#include "config/after_list.h"
 
 namespace orv {
 namespace {
@@ -22,7 +22,7 @@ struct KeyRow {
 template <typename Record, typename Field>
 std::type_identity<Record> record_of(Field Record::*);
 
-// The field of the record that the file is just at.
+// The field in the record being filled.
 template <auto kField>
 auto& field(KeyTarget& target) {
   using Record = typename decltype(record_of(kField))::type;
@@ -101,16 +101,16 @@ bool mail_from(KeyTarget& target, std::string_view value, std::span<char>) {
 }
 
 bool mail_to(KeyTarget& target, std::string_view value, std::span<char> words) {
-  if (value.size() > kMaxListText) return fail(words, "'to' too long") == 0;
+  if (value.size() > kMaxListText) return refuse(words, "'to' too long");
   std::vector<FixedText<kMaxMailAddress>> addresses;
   for (std::string_view item; next_list_item(value, item);) {
     const std::string_view address = trim(item);
     if (!check_mail_address(address)) {
-      return fail(words, "invalid address '%.*s' in 'to'", static_cast<int>(address.size()),
-                  address.data()) == 0;
+      return refuse(words, "invalid address '%.*s' in 'to'", static_cast<int>(address.size()),
+                    address.data());
     }
     if (addresses.size() == kMaxRecipients) {
-      return fail(words, "too many addresses in 'to'") == 0;
+      return refuse(words, "too many addresses in 'to'");
     }
     addresses.emplace_back().set_truncated(address);
   }
@@ -123,15 +123,15 @@ bool listen(KeyTarget& target, std::string_view value, std::span<char>) {
 }
 
 bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char> words) {
-  if (value.size() > kMaxCommandsText) return fail(words, "'allowed-commands' too long") == 0;
+  if (value.size() > kMaxCommandsText) return refuse(words, "'allowed-commands' too long");
   std::uint32_t mask = 0;
   if (value == "none") value = {};
   for (std::string_view item; next_list_item(value, item);) {
     const std::string_view name = trim(item);
     JobCommand command{};
     if (parse_command(name, command) != 0) {
-      return fail(words, "unknown command '%.*s' in 'allowed-commands'",
-                  static_cast<int>(name.size()), name.data()) == 0;
+      return refuse(words, "unknown command '%.*s' in 'allowed-commands'",
+                    static_cast<int>(name.size()), name.data());
     }
     mask |= 1U << static_cast<std::uint32_t>(command);
   }
@@ -141,11 +141,11 @@ bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char>
 
 bool job_command(KeyTarget& target, std::string_view value, std::span<char> words) {
   if (parse_command(value, field<&Job::command>(target)) == 0) return true;
-  return fail(words, "unknown command '%.*s'", static_cast<int>(value.size()), value.data()) == 0;
+  return refuse(words, "unknown command '%.*s'", static_cast<int>(value.size()), value.data());
 }
 
 bool job_args(KeyTarget& target, std::string_view value, std::span<char> words) {
-  if (!field<&Job::args_text>(target).set(value)) return fail(words, "'args' too long") == 0;
+  if (!field<&Job::args_text>(target).set(value)) return refuse(words, "'args' too long");
   return tokenize_args(value, field<&Job::args>(target), kMaxArgTokens, words) >= 0;
 }
 
@@ -153,10 +153,10 @@ bool schedule(KeyTarget& target, std::string_view value, std::span<char> words) 
   CronSpec cron;
   std::array<char, 128> reason{};
   if (cron_parse(value, cron, reason) != 0) {
-    return fail(words, "invalid 'schedule': %s", reason.data()) == 0;
+    return refuse(words, "invalid 'schedule': %s", reason.data());
   }
   if (!field<&Job::schedule_text>(target).set(value)) {
-    return fail(words, "'schedule' too long") == 0;
+    return refuse(words, "'schedule' too long");
   }
   field<&Job::schedule>(target) = cron;
   field<&Job::has_schedule>(target) = true;
@@ -166,19 +166,19 @@ bool schedule(KeyTarget& target, std::string_view value, std::span<char> words) 
 bool once(KeyTarget& target, std::string_view value, std::span<char> words) {
   std::int64_t time = 0;
   if (!parse_once(value, time)) {
-    return fail(words,
-                "invalid 'once' timestamp '%.*s' (expected unix seconds or YYYY-MM-DDTHH:MM:SS "
-                "local time, no timezone suffix)",
-                static_cast<int>(value.size()), value.data()) == 0;
+    return refuse(words,
+                  "invalid 'once' timestamp '%.*s' (expected unix seconds or YYYY-MM-DDTHH:MM:SS "
+                  "local time, no timezone suffix)",
+                  static_cast<int>(value.size()), value.data());
   }
-  if (!field<&Job::once_text>(target).set(value)) return fail(words, "'once' too long") == 0;
+  if (!field<&Job::once_text>(target).set(value)) return refuse(words, "'once' too long");
   field<&Job::once>(target) = time;
   field<&Job::has_once>(target) = true;
   return true;
 }
 
 bool after(KeyTarget& target, std::string_view value, std::span<char> words) {
-  return parse_after(value, field<&Job::after>(target), words) == 0;
+  return parse_after(value, field<&Job::after>(target), words);
 }
 
 bool after_mode(KeyTarget& target, std::string_view value, std::span<char>) {

@@ -32,8 +32,8 @@ struct LinePlace {
   std::size_t number;  // from 1
 };
 
-// Gives `key` of a section the value (unquoted, not empty). Keys of a job section go to the last
-// job. 0; -1 with a message, which begins "<path>:<line>: " but for those of 'after'.
+// Assigns the value (unquoted, not empty) to `key` of a section. Keys of a job section go to the
+// last job. 0; -1 with a message, which begins "<path>:<line>: " but for those of 'after'.
 [[nodiscard]] int store_key(SectionKind section, std::string_view key, std::string_view value,
                             const LinePlace& place, KeyTarget& target, std::span<char> err);
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "config/job_argv.h"
 #include "plan/check.h"
 #include "plan/commands.h"
 #include "plan/daemon_process.h"

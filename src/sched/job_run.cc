@@ -11,6 +11,7 @@
 
 #include "common/files.h"
 #include "common/log.h"
+#include "config/job_argv.h"
 #include "config/job_command.h"
 #include "sched/job_log.h"
 #include "sched/queue_file.h"

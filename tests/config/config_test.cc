@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "config/after_list.h"
 #include "config/dependencies.h"
 #include "config/key_tables.h"
 #include "support/support.h"
@@ -321,9 +322,9 @@ TEST(RememberedKeys, AreTheFirstSixteenOfAtMost31Bytes) {
 TEST(After, BoundsTheWholeList) {
   std::vector<JobName> names;
   std::array<char, 64> err{};
-  EXPECT_EQ(parse_after(std::string(2048, ','), names, err), -1);
+  EXPECT_FALSE(parse_after(std::string(2048, ','), names, err));
   EXPECT_STREQ(err.data(), "'after' value too long");
-  EXPECT_EQ(parse_after("a,, b" + std::string(2042, ','), names, err), 0);
+  EXPECT_TRUE(parse_after("a,, b" + std::string(2042, ','), names, err));
   ASSERT_EQ(names.size(), 2U);
   EXPECT_EQ(names[1], "b");
 }
@@ -336,9 +337,9 @@ TEST(Cycles, AreCutAtTheirLimitAndLongChainsAreNone) {
     job.after.emplace_back().set_truncated("job-" + std::to_string(i + 1));
   }
   std::array<char, kConfigMessageSize> err{};
-  EXPECT_EQ(check_cycles(config, err), 0);
+  EXPECT_TRUE(check_cycles(config, err));
   config.jobs.back().after[0].set_truncated("job-1");
-  EXPECT_EQ(check_cycles(config, err), -1);
+  EXPECT_FALSE(check_cycles(config, err));
   const std::string_view message = err.data();
   EXPECT_TRUE(message.starts_with("cycle in 'after': job-1 -> job-2 -> "));
   EXPECT_EQ(message.size(), std::string_view("cycle in 'after': ").size() + kMaxCycleText);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "config/config.h"
+#include "config/job_argv.h"
 
 namespace orv {
 namespace {

@@ -5,6 +5,10 @@
 #include <array>
 #include <string>
 
+#include "config/listen_address.h"
+#include "config/once_time.h"
+#include "config/retention.h"
+#include "config/secret_reference.h"
 #include "support/support.h"
 
 namespace orv {
