@@ -26,7 +26,7 @@ namespace {
 constexpr std::size_t kMaxLogName = 63;         // bytes
 constexpr std::size_t kMaxLogfilePath = 1199;   // bytes
 constexpr std::size_t kMaxRunlogMessage = 511;  // bytes
-constexpr mode_t kLogfileMode = 0640;
+constexpr mode_t kLogfileMode = 0644;
 constexpr const char* kUnnamed = "orv";  // before a name is set
 constexpr std::uint64_t kDefaultMask = kRunlogBasic;
 

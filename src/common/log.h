@@ -37,7 +37,7 @@ inline constexpr std::uint32_t kRunlogBasic = 1;  // bit 0: start, stop and comm
 // --syslog, --log, --log-path.
 extern const OptionTable kRunlogOptions;
 
-// Reads those options from the command line, opens syslog and, made with mode 0640 whatever the
+// Reads those options from the command line, opens syslog and, made with mode 0644 whatever the
 // umask, the logfile
 // "<log path>/<tool without a leading orv_>.log", registers the exit handler that records "stopped"
 // with the exit status, and records "started".
