@@ -54,7 +54,7 @@ int remove_token(TokenFile& file, const char* name) {
   return kExitOk;
 }
 
-// Past the buffer of stdout, which nobody would wipe.
+// Bypasses stdout's buffer, which is never wiped.
 bool print_secret(const ApiToken& token) {
   char line[256];
   const ScopedWipe wipe(line, sizeof line);
@@ -75,6 +75,7 @@ int add_token(TokenFile& file, const char* name, const char* role, std::int64_t 
   token->created = now;
   if (!token->name.set(name) || new_token_secret(token->secret) != 0)
     return complain("no random numbers");
+  // Saved before it is shown: a token that somebody has must be one that is known.
   file.store.tokens.push_back(std::move(token));
   if (const int status = save(file); status != kExitOk) return status;
   const ApiToken& added = *file.store.tokens.back();

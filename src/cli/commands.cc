@@ -44,6 +44,7 @@ constexpr std::array<CommandRow, 9> kCommands = {{
     {"mail-test", kPlainOptions, 1, command_mail_test},
     {"api-init", kApiInitOptions, 1, command_api_init},
     {"api-info", kPlainOptions, 1, command_api_info},
+    // api-token's further words are the action and the token's name.
     {"api-token", kApiTokenOptions, 3, command_api_token},
     {"run", kRunOptions, 2, command_run},
     {"start", kRunOptions, 2, command_start},

@@ -63,6 +63,7 @@ int command_list(const CommandContext& context) {
   if (queue_load_readonly(queue, context.queue_path) != ErrorCode::Ok) {
     return complain("cannot read queue %s", context.queue_path);
   }
+  // Shows what the daemon would make of the file, without the lock and without saving it.
   queue_view_with_config(queue, *config, ::time(nullptr));
   const bool color = color_wanted();
   std::printf("%-24s %-18s %-10s %-20s %-20s %-20s %-6s %s\n", "NAME", "COMMAND", "STATUS",

@@ -28,14 +28,14 @@
 namespace orv {
 namespace {
 
-// A warning goes to whoever looks at the terminal and to the record of the program's runs.
+// A warning goes to the terminal and to the record of the program's runs.
 void warn(const std::string& warning) {
   log_msg(LogLevel::Warn, "%s", warning.c_str());
   runlog_msg(kRunlogBasic, "%s", warning.c_str());
 }
 
-// Whoever starts the program without standard streams must not see its messages end up in the first
-// files that it opens, the queue among them.
+// Started without standard streams, the program must not write its messages into the first files
+// that it opens, the queue among them.
 void occupy_standard_streams() {
   int fd = 0;
   do {
@@ -61,7 +61,8 @@ void unblock_signals() {
   ::_exit(kExitFailed);
 }
 
-// A result that could not be written is none. A reader that has seen enough need not be told.
+// A result that could not be written is a failure. A reader that has closed its pipe gets no
+// message about it.
 int deliver_results(int status) {
   errno = 0;
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
@@ -105,7 +106,7 @@ int main(int argc, char** argv) {
   (void)std::set_terminate(orv::end_without_memory);
   orv::occupy_standard_streams();
   orv::unblock_signals();
-  // Whoever reads our messages may go away, and a file may reach its size limit. Writing
+  // The reader of our messages may go away, and a file may reach its size limit. Writing
   // then fails, but a running job is brought to its end.
   (void)::signal(SIGPIPE, SIG_IGN);
   (void)::signal(SIGXFSZ, SIG_IGN);

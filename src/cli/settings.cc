@@ -6,6 +6,7 @@
 namespace orv {
 namespace {
 
+// A 0 in the file means not set; one on the command line is a value.
 std::uint32_t number(const ArgList& args, std::string_view option, std::uint32_t configured,
                      std::uint32_t built_in) {
   return option_u32(args, option, configured != 0 ? configured : built_in);

@@ -19,7 +19,7 @@ int lz4_size(std::size_t size) {
                                                                           : static_cast<int>(size);
 }
 
-// Room beyond what lz4 can fill is of no use to it, and no fault.
+// lz4 takes an int; a larger buffer is clamped.
 int lz4_capacity(std::size_t size) {
   return static_cast<int>(
       std::min(size, static_cast<std::size_t>(std::numeric_limits<int>::max())));

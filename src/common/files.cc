@@ -14,6 +14,7 @@
 namespace orv {
 namespace {
 
+// Made first and looked at afterwards: another process may make it between the two.
 ErrorCode make_directory(const char* path) {
   if (::mkdir(path, 0777) == 0) return ErrorCode::Ok;
   const int saved = errno;
@@ -96,7 +97,7 @@ ErrorCode write_all(int fd, std::span<const std::byte> bytes) {
     const ssize_t wrote = ::write(fd, bytes.data(), bytes.size());
     if (wrote < 0 && errno == EINTR) continue;
     if (wrote < 0) return error_from_errno(errno);
-    if (wrote == 0) {
+    if (wrote == 0) {  // or the loop would never end
       errno = EIO;
       return ErrorCode::IoError;
     }

@@ -1,5 +1,5 @@
-// FixedText<kMax>: the text field of a record. It holds at most kMax bytes (the terminator is its
-// own business), is always NUL-terminated and never allocates, so that a record's limits stand in
+// FixedText<kMax>: the text field of a record. It holds at most kMax bytes (the terminator is
+// not counted), is always NUL-terminated and never allocates, so that a record's limits stand in
 // its type. FixedSecret<kMax> is the same for a secret: it cannot be copied and is zeroed when it
 // ends.
 #ifndef ORV_COMMON_FIXED_TEXT_H_

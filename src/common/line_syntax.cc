@@ -11,7 +11,7 @@ bool is_blank(char c) { return c == ' ' || c == '\t'; }
 bool is_quote(char c) { return c == '"' || c == '\''; }
 bool starts_comment(char c) { return c == '#' || c == ';'; }
 
-// Whether the backslash at `i` hides the character behind it from the search for the closing quote.
+// Whether the backslash at `i` hides the next character from the search for the closing quote.
 bool is_escape(std::string_view text, std::size_t i, char quote) {
   return quote == '"' && text[i] == '\\' && i + 1 < text.size() &&
          (text[i + 1] == '"' || text[i + 1] == '\\');

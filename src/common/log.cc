@@ -31,7 +31,8 @@ constexpr const char* kUnnamed = "orv";  // before a name is set
 constexpr std::uint64_t kDefaultMask = kRunlogBasic;
 
 // Whether standard error goes to the journal: its socket is the one that JOURNAL_STREAM names by
-// "<device>:<inode>" (systemd.exec(5)). A redirection leaves the variable behind, so both count.
+// "<device>:<inode>" (systemd.exec(5)). A redirection keeps the variable, so the socket is
+// compared, too.
 bool stderr_is_journal() {
   const char* const stream = std::getenv("JOURNAL_STREAM");
   struct stat st {};
@@ -119,8 +120,8 @@ void open_syslog(RunLog& log) {
   log.syslog_open = true;
 }
 
-// The file is made by whoever comes first, the service or a command in a shell, and their umasks
-// differ: its mode must not.
+// The service and a command in a shell have different umasks. The file must get the same mode from
+// both.
 ScopedFd open_for_lines(const RunLog& log) {
   // Not blocking: a named pipe that nobody reads must not hold the program up.
   constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK;

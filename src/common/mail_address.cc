@@ -6,6 +6,7 @@ namespace orv {
 
 bool check_mail_address(std::string_view text) {
   if (text.empty() || text.size() > kMaxMailAddress) return false;
+  // Bytes above 127 pass: whether the server takes them shows when it is asked.
   const bool printable = std::all_of(text.begin(), text.end(), [](char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte > 0x20 && byte != 0x7F;

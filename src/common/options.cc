@@ -30,6 +30,7 @@ bool option_present(const ArgList& args, std::string_view name, std::string_view
 std::uint32_t option_u32(const ArgList& args, std::string_view name, std::uint32_t fallback) {
   const char* const text = option_value(args, name, nullptr);
   if (text == nullptr) return fallback;
+  // Trailing text is passed over and no number is 0, as scripts may rely on.
   const unsigned long value = std::strtoul(text, nullptr, 10);
   return static_cast<std::uint32_t>(
       std::min<unsigned long>(value, std::numeric_limits<std::uint32_t>::max()));
@@ -38,6 +39,7 @@ std::uint32_t option_u32(const ArgList& args, std::string_view name, std::uint32
 const OptionRow* find_option(std::span<const OptionTable> tables, std::string_view word) {
   for (const OptionTable& table : tables) {
     for (const OptionRow& row : table) {
+      // A switch has no "=" form: the search then goes on to the next row.
       if (word == row.name || (!row.alias.empty() && word == row.alias)) return &row;
       const bool with_value = word.starts_with(row.name) && word.substr(row.name.size(), 1) == "=";
       if (row.takes_value && with_value) return &row;

@@ -21,7 +21,7 @@ using OptionTable = std::span<const OptionRow>;
 // The argument vector of main(), program name included. Borrowed.
 using ArgList = std::span<const char* const>;
 
-// The value of the first argument that is `name`, `alias` (when given) or "name=": the text behind
+// The value of the first argument that is `name`, `alias` (when given) or "name=": the text after
 // "=" or the next argument. `fallback` when there is none, or the option is the last argument.
 [[nodiscard]] const char* option_value(const ArgList& args, std::string_view name,
                                        const char* fallback, std::string_view alias = {});

@@ -24,6 +24,7 @@ int drop_privileges(const char* account) {
   }
   const uid_t uid = entry->pw_uid;
   const gid_t gid = entry->pw_gid;
+  // Groups before the user: afterwards these calls are not permitted any more.
   if (::initgroups(account, gid) != 0) {
     log_msg(LogLevel::Error, "initgroups(%s) failed: %s", account, std::strerror(errno));
     return -1;
@@ -36,7 +37,7 @@ int drop_privileges(const char* account) {
     log_msg(LogLevel::Error, "setuid(%d) failed: %s", static_cast<int>(uid), std::strerror(errno));
     return -1;
   }
-  // An account that is root by another name, or a saved user id that stayed behind, shows here.
+  // Reveals an account that is root by another name, and a saved user id that was kept.
   if (::setuid(0) == 0) {
     log_msg(LogLevel::Error,
             "could still regain root after dropping privileges: refusing to continue");

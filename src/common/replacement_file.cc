@@ -40,6 +40,7 @@ ErrorCode ReplacementFile::finish() {
 ErrorCode ReplacementFile::move_to(const std::string& target, DirectoryFlush flush) {
   if (::rename(path_.c_str(), target.c_str()) != 0) return error_from_errno(errno);
   present_ = false;
+  // From here on the new file counts, so nothing that follows may report a failure.
   if (flush == DirectoryFlush::Yes) flush_directory(directory_of(target));
   return ErrorCode::Ok;
 }

@@ -72,56 +72,6 @@ class ScopedWipe {
   std::size_t size_;
 };
 
-// Owns a buffer of fixed capacity that is zeroed before its memory goes back. Movable, not
-// copyable.
-class SecretBytes {
- public:
-  SecretBytes() noexcept = default;
-  explicit SecretBytes(std::size_t capacity)
-      : bytes_(std::make_unique<char[]>(capacity)), capacity_(capacity) {}
-  explicit SecretBytes(std::string_view text) : SecretBytes(text.size() + 1) {
-    if (!text.empty()) ::memcpy(bytes_.get(), text.data(), text.size());
-    size_ = text.size();
-  }
-  SecretBytes(SecretBytes&& other) noexcept { swap(other); }
-  SecretBytes& operator=(SecretBytes&& other) noexcept {
-    SecretBytes(std::move(other)).swap(*this);
-    return *this;
-  }
-  ~SecretBytes() {
-    if (bytes_) ::explicit_bzero(bytes_.get(), capacity_);
-  }
-
-  // Wipes and frees.
-  void reset() noexcept { SecretBytes().swap(*this); }
-
-  [[nodiscard]] char* data() noexcept { return bytes_.get(); }
-  [[nodiscard]] std::size_t capacity() const noexcept { return capacity_; }
-  // The bytes in use; set_size() needs size <= capacity().
-  [[nodiscard]] std::size_t size() const noexcept { return size_; }
-  void set_size(std::size_t size) noexcept { size_ = size; }
-  [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
-  [[nodiscard]] std::string_view view() const noexcept { return {bytes_.get(), size_}; }
-
-  void swap(SecretBytes& other) noexcept {
-    std::swap(bytes_, other.bytes_);
-    std::swap(capacity_, other.capacity_);
-    std::swap(size_, other.size_);
-  }
-
- private:
-  std::unique_ptr<char[]> bytes_;
-  std::size_t capacity_ = 0;
-  std::size_t size_ = 0;
-};
-
-// Zeroes a heap text that held a secret, its unused capacity included, and empties it.
-inline void wipe_text(std::string& text) noexcept {
-  text.resize(text.capacity());  // within the capacity: nothing is allocated or moved
-  ::explicit_bzero(text.data(), text.size());
-  text.clear();
-}
-
 }  // namespace orv
 
 #endif  // ORV_COMMON_SECRET_H_

@@ -53,6 +53,7 @@ int selftest(std::span<char> err) {
   }
   const Buffer sample = allocate(kSampleSize);
   if (!sample) return fail(err, "out of memory");
+  // Repetitive enough to shrink, varied enough to use the compressors' tables.
   for (std::size_t i = 0; i < kSampleSize; ++i) {
     sample[i] = static_cast<unsigned char>((7 * i % 256) ^ ((i >> 5) % 256));
   }

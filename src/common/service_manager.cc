@@ -38,7 +38,7 @@ void ServiceManager::ready(std::string_view status) const {
 }
 
 void ServiceManager::reloading() const {
-  // The manager tells this reload from an earlier one by the time.
+  // The time tells the manager this reload from an earlier one.
   send("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonic_ns() / 1000));
 }
 

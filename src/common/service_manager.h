@@ -23,7 +23,7 @@ class ServiceManager {
   void reloading() const;
   // What the daemon is doing.
   void status(std::string_view text) const;
-  // The daemon has been told to stop; `status` says what it waits for.
+  // The daemon is to stop; `status` says what it waits for.
   void stopping(std::string_view status) const;
   // Start or stop may take that much longer, from now on. For managers whose time limit is not
   // infinite.

@@ -15,7 +15,7 @@ namespace orv {
 [[nodiscard]] std::string_view nearest_word(std::string_view word,
                                             std::span<const std::string_view> known);
 
-// The end of a message about a word that is not known: " (did you mean 'list'?)", or nothing when
+// The end of a message about a word that is not known: " (did you mean 'list'?)", or empty when
 // none is near.
 [[nodiscard]] std::string did_you_mean(std::string_view word,
                                        std::span<const std::string_view> known);

@@ -19,7 +19,7 @@ inline constexpr std::string_view kUpperHexDigits = "0123456789ABCDEF";
 [[nodiscard]] std::string_view trim(std::string_view text);        // white space at both ends
 [[nodiscard]] std::string_view trim_right(std::string_view text);  // at the end only
 
-// Reads a whole text of 1 or more decimal digits, nothing else before, between or behind them.
+// Reads a whole text of 1 or more decimal digits, nothing else before, between or after them.
 // False, `out` as it was, when the text is anything else or the number does not fit.
 [[nodiscard]] bool parse_u32(std::string_view text, std::uint32_t& out);
 [[nodiscard]] bool parse_u64(std::string_view text, std::uint64_t& out);

@@ -170,7 +170,7 @@ std::optional<TriedDay> try_day(std::int64_t start, const std::tm& start_local, 
   return ask_midnight(start_local, days);
 }
 
-// The time of hour:minute on `day`; nothing when the day does not have it.
+// The time of hour:minute on `day`; no value when the day does not have it.
 std::optional<std::int64_t> time_on_day(const TriedDay& day, int hour, int minute) {
   if (begins_at_midnight(day)) {
     // As long as the offset is midnight's, this is what mktime() would try, and accept, first.

@@ -21,6 +21,7 @@ std::uint32_t default_port(TlsMode tls) {
   return 587;
 }
 
+// Reads the password. What would be sent in clear text is refused before anything is read.
 bool resolve_password(MailSection& mail, std::string_view written, std::span<char> err) {
   if (mail.tls == TlsMode::None) {
     return refuse(
@@ -51,6 +52,7 @@ bool check_mail(MailSection& mail, std::string_view written_password, std::span<
   if (mail.smtp_host.empty()) return refuse(err, "[mail]: 'smtp-host' is required");
   if (mail.from.empty()) return refuse(err, "[mail]: 'from' is required");
   if (mail.to.empty()) return refuse(err, "[mail]: 'to' is required");
+  // The defaults depend on the TLS mode, which may stand after the port in the file.
   if (mail.smtp_port == 0) mail.smtp_port = default_port(mail.tls);
   if (mail.timeout_s == 0) mail.timeout_s = kDefaultMailTimeout;
   if (mail.smtp_user.empty() == mail.smtp_password_set) {
@@ -59,6 +61,7 @@ bool check_mail(MailSection& mail, std::string_view written_password, std::span<
   return !mail.smtp_password_set || resolve_password(mail, written_password, err);
 }
 
+// What starts the job. A disabled job needs nothing: it runs when somebody asks for it.
 bool check_start(const Job& job, std::span<char> err) {
   const char* name = job.name.c_str();
   if (job.has_schedule && job.has_once) {
@@ -85,6 +88,7 @@ bool check_backup_settings(const Job& job, std::span<char> err) {
                     "--name/--uuid/--job/--meta this command needs directly in 'args'",
                     name, command);
     }
+    // Set to "no" counts as set: the key would have no effect, and its author thinks otherwise.
     const char* key = job.run_background != Tristate::Unset     ? "run-background"
                       : job.start_background != Tristate::Unset ? "start-background"
                                                                 : nullptr;
@@ -115,6 +119,7 @@ bool sets_retention(std::string_view arg) {
          arg.starts_with("--retention-class=");
 }
 
+// The tool would be given its retention twice, and which one counts is not ours to say.
 bool check_retention(const Job& job, std::span<char> err) {
   if (job.retention.empty()) {
     if (job.retention_class.empty()) return true;
@@ -143,6 +148,7 @@ bool check_after(const Job& job, const JobIndex& index, std::span<char> err) {
   return true;
 }
 
+// The order of the checks is part of the interface: a file with two faults gets the first message.
 bool check_job(const Config& config, const Job& job, const JobIndex& index, std::span<char> err) {
   if (!check_start(job, err)) return false;
   if (job.notify != Notify::Inherit && !config.mail.present) {

@@ -1,4 +1,4 @@
-// What only the whole file can tell: required and contradicting settings, references between jobs.
+// What only the whole file shows: required and contradicting settings, references between jobs.
 #ifndef ORV_CONFIG_CROSS_CHECKS_H_
 #define ORV_CONFIG_CROSS_CHECKS_H_
 

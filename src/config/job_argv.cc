@@ -14,6 +14,7 @@ int build_argv(const Job& job, bool background, std::vector<const char*>& out,
   if (row == nullptr) {
     return fail(err, "internal error: unknown command enum %d", static_cast<int>(job.command));
   }
+  // The job's own arguments come last: they may end the options with "--".
   try {
     std::vector<const char*> argv;
     argv.reserve(job.args.size() + 10);  // what can stand before the job's own, and the null

@@ -1,5 +1,5 @@
 // Jobs by name, for the checks that look up every name of every job. Of two jobs with one name the
-// first counts, as in find_job(). It leads into the jobs: neither may change while it is used.
+// first counts, as in find_job(). It borrows from the jobs, which must not change while it is used.
 #ifndef ORV_CONFIG_JOB_INDEX_H_
 #define ORV_CONFIG_JOB_INDEX_H_
 
@@ -21,7 +21,7 @@ class JobIndex {
       rows_.emplace(jobs[place].name.view(), place);
     }
   }
-  // The job's place in the configuration; nothing when no job has that name.
+  // The job's place in the configuration; no value when no job has that name.
   [[nodiscard]] std::optional<std::size_t> find(std::string_view name) const {
     const auto row = rows_.find(name);
     return row == rows_.end() ? std::nullopt : std::optional(row->second);

@@ -91,6 +91,7 @@ bool tls(KeyTarget& target, std::string_view value, std::span<char>) {
 }
 
 bool smtp_password(KeyTarget& target, std::string_view value, std::span<char>) {
+  // It may be a reference to a file, which is only read once the whole configuration is known.
   if (!target.written_password.set(value)) return false;
   target.config.mail.smtp_password_set = true;
   return true;
@@ -124,7 +125,7 @@ bool listen(KeyTarget& target, std::string_view value, std::span<char>) {
 
 bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char> words) {
   if (value.size() > kMaxCommandsText) return refuse(words, "'allowed-commands' too long");
-  std::uint32_t mask = 0;
+  std::uint32_t mask = 0;  // the list replaces the default, it does not add to it
   if (value == "none") value = {};
   for (std::string_view item; next_list_item(value, item);) {
     const std::string_view name = trim(item);
@@ -150,6 +151,7 @@ bool job_args(KeyTarget& target, std::string_view value, std::span<char> words) 
 }
 
 bool schedule(KeyTarget& target, std::string_view value, std::span<char> words) {
+  // The parser comes first: its message is the one that helps, also for a text that is too long.
   CronSpec cron;
   std::array<char, 128> reason{};
   if (cron_parse(value, cron, reason) != 0) {

@@ -9,7 +9,7 @@
 namespace orv {
 namespace {
 
-// The port behind the address of a listen setting.
+// The port of a listen setting, 1..65535.
 bool parse_port(std::string_view text, std::uint32_t& out) {
   std::uint32_t port = 0;
   if (!parse_u32(text, port) || port < 1 || port > 65535) return false;

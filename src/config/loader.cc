@@ -82,6 +82,7 @@ int open_section(Load& load, std::string_view line) {
     SectionKind kind;
     bool& seen;
   };
+  // Matched exactly: [Mail] opens a job of that name.
   const NamedSection sections[] = {{"sched", SectionKind::Sched, load.has_sched},
                                    {"api", SectionKind::Api, config.api.present},
                                    {"mail", SectionKind::Mail, config.mail.present}};

@@ -47,6 +47,7 @@ bool parse_retention(std::string_view text, Retention& out) {
     out = Retention{};
     return true;
   }
+  // No leading zero: a count of 0 would delete a backup at once.
   if (text.size() < 2 || text.front() == '0') return false;
   std::uint32_t count = 0;
   if (!parse_u32(text.substr(0, text.size() - 1), count)) return false;

@@ -39,6 +39,7 @@ const char* word_of(const Word<Value> (&words)[kCount], Value value, const char*
 
 }  // namespace
 
+// The digits have no case, so one comparison serves words and digits.
 bool parse_yes_no(std::string_view text, bool& out) {
   constexpr Word<bool> kWords[] = {{"yes", true}, {"true", true},   {"1", true},
                                    {"no", false}, {"false", false}, {"0", false}};

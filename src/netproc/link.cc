@@ -66,7 +66,7 @@ void Link::await_output() {
 void Link::flush() {
   const auto record = std::make_unique<IpcMessage>();
   while (!waiting_.empty() && !ended_) {
-    const std::string_view bytes = waiting_.front().view();
+    const std::string_view bytes = waiting_.front();
     ::memcpy(record->bytes.data(), bytes.data(), bytes.size());
     record->length = bytes.size();
     const bool sent = ipc_send(socket_.native_handle(), *record, true) == 0;

@@ -46,7 +46,7 @@ class Link {
   const OnRecord on_record_;
   const OnEnd on_end_;
   std::unique_ptr<IpcMessage> buffer_ = std::make_unique<IpcMessage>();
-  std::deque<SecretBytes> waiting_;  // whole records
+  std::deque<SecretString> waiting_;  // whole records
   std::size_t waiting_bytes_ = 0;
   bool reading_ = false;
   bool writing_ = false;
