@@ -51,9 +51,7 @@ class Handler : public testing::Test {
   }
   // Answers the request; returns what was logged meanwhile.
   std::string answer() {
-    testing::internal::CaptureStderr();
-    api_handle_request_at(context_, kNow, request_, response_);
-    return testing::internal::GetCapturedStderr();
+    return test::stderr_of([this] { api_handle_request_at(context_, kNow, request_, response_); });
   }
   void expect_reply(std::uint32_t status, std::string_view body) {
     EXPECT_EQ(response_.status, status);

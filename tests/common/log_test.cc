@@ -24,9 +24,7 @@ using test::contains;
 using test::TempDir;
 
 std::string logged(LogLevel level, const std::string& message) {
-  testing::internal::CaptureStderr();
-  log_msg(level, "%s", message.c_str());
-  return testing::internal::GetCapturedStderr();
+  return test::stderr_of([&] { log_msg(level, "%s", message.c_str()); });
 }
 
 // Only a process of its own has not initialised the log yet, and may.

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/support.h"
+#include "e2e/daemon_fixture.h"
 
 namespace orv {
 namespace {
@@ -16,20 +16,14 @@ namespace {
 using test::ProgramResult;
 using testing::HasSubstr;
 
-class ApiCommands : public testing::Test {
+class ApiCommands : public test::DaemonFixture {
  protected:
-  void SetUp() override { configure(""); }
-  void configure(const std::string& more) {
-    dir_.write("cfg",
-               "[api]\ncert=" + cert_ + "\nkey=" + key_ + "\ntokens-file=" + tokens_ + "\n" + more);
+  void SetUp() override { configure_api(""); }
+  void configure_api(const std::string& more) {
+    configure("[api]\ncert=" + cert_ + "\nkey=" + key_ + "\ntokens-file=" + tokens_ + "\n" + more);
   }
-  // The command line with the files of this test; no log of the machine is touched.
-  [[nodiscard]] ProgramResult run(std::vector<std::string> words) const {
-    std::vector<std::string> argv = {ORV_SCHED_PROGRAM};
-    argv.insert(argv.end(), words.begin(), words.end());
-    for (const char* word : {"--no-log", "--no-syslog", "--config"}) argv.emplace_back(word);
-    argv.push_back(dir_.file("cfg"));
-    return test::run_program(argv);
+  [[nodiscard]] ProgramResult run(const std::vector<std::string>& words) const {
+    return sched(words.front(), {words.begin() + 1, words.end()});
   }
   void expect_error(const std::vector<std::string>& words, const std::string& message) const {
     const ProgramResult got = run(words);
@@ -40,13 +34,12 @@ class ApiCommands : public testing::Test {
     words.insert(words.begin(), {"openssl", "x509", "-in", cert_, "-noout"});
     return test::run_program(words).out;
   }
-  test::TempDir dir_;
-  std::string cert_ = dir_.file("api.crt"), key_ = dir_.file("api.key");
-  std::string tokens_ = dir_.file("tokens");
+
+  std::string cert_ = home_.file("api.crt"), key_ = home_.file("api.key");
+  std::string tokens_ = home_.file("tokens");
 };
 
 TEST_F(ApiCommands, TokensAreAddedListedAndRemoved) {
-  const test::ScopedTimeZone zone("UTC");
   const ProgramResult boss = run({"api-token", "add", "boss", "--role", "admin"});
   EXPECT_EQ(boss.status, 0) << boss.err;
   EXPECT_TRUE(std::regex_match(
@@ -58,8 +51,9 @@ role: admin \(the client must sign its requests, see sched-api\.txt\)
   expect_error({"api-token", "add", "boss", "--role", "read"},
                "a token named 'boss' exists already");
   const std::string secret = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8\n";
-  dir_.write("tokens",
-             "old read 86399 " + secret + test::read_file(tokens_) + "xold read 0 " + secret, 0600);
+  home_.write("tokens",
+              "old read 86399 " + secret + test::read_file(tokens_) + "xold read 0 " + secret,
+              0600);
   EXPECT_EQ(run({"api-token", "remove", "boss"}).out, "removed token 'boss'\n");
   const ProgramResult list = run({"api-token", "list"});
   EXPECT_TRUE(std::regex_match(list.out, std::regex(R"(NAME {29}ROLE   CREATED
@@ -80,18 +74,18 @@ TEST_F(ApiCommands, FaultsComeInTheirOrder) {
   expect_error({"api-token", "add", "a", "--role", "root"}, "--role read|admin is required");
   EXPECT_FALSE(test::exists(tokens_));
   EXPECT_EQ(run({"api-token", "show"}).status, 2);
-  dir_.write("tokens", "x\n", 0600);  // found before the wrong sub-command is
+  home_.write("tokens", "x\n", 0600);  // found before the wrong sub-command is
   expect_error({"api-token"}, tokens_ + ":1: expected '<name> <role> <created> <secret>'");
   EXPECT_THAT(run({"api-info"}).out,
               HasSubstr("tokens:             (error: " + tokens_ + ":1: expected "));
   std::string many;
   for (int i = 0; i < 256; ++i)
     many += "n" + std::to_string(i) + " read 1 AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8\n";
-  dir_.write("tokens", many, 0600);
+  home_.write("tokens", many, 0600);
   expect_error({"api-token", "add", "a", "--role", "read"}, "too many tokens");
-  configure("nonsense\n");
+  configure_api("nonsense\n");
   for (const char* command : {"api-token", "api-init", "api-info"})
-    expect_error({command}, dir_.file("cfg") + ":5: expected key=value");
+    expect_error({command}, home_.file("sched.cfg") + ":5: expected key=value");
 }
 
 TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
@@ -118,7 +112,7 @@ TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
   ASSERT_EQ(::unlink(key_.c_str()), 0);
   expect_error({"api-init"}, "cannot read " + key_ +
                                  ": No such file or directory (use --force to make a new pair)");
-  dir_.write("api.key", test::read_file(cert_));
+  home_.write("api.key", test::read_file(cert_));
   EXPECT_EQ(run({"api-init"}).status, 1);
   EXPECT_EQ(run({"api-init", "--force"}).status, 0);
 
@@ -126,21 +120,21 @@ TEST_F(ApiCommands, TheCertificateIsWhatOpensslSaysItIs) {
   std::string longest;
   for (int i = 0; i < 64; ++i) longest += umlauts;
   EXPECT_EQ(run({"api-init", "--force", "--cn", longest}).status, 0) << "64 characters, 128 bytes";
-  key_ = dir_.file("missing/api.key");
-  cert_ = dir_.file("new.crt");
-  configure("");
+  key_ = home_.file("missing/api.key");
+  cert_ = home_.file("new.crt");
+  configure_api("");
   expect_error({"api-init"},
                "cannot create " + cert_ + " / " + key_ + " (I/O error: No such file or directory)");
-  cert_ = dir_.file("api.new");
-  key_ = dir_.file("key.new");
-  configure("");
+  cert_ = home_.file("api.new");
+  key_ = home_.file("key.new");
+  configure_api("");
   expect_error(
       {"api-init", "--cn", longest + umlauts},
       "cannot create " + cert_ + " / " + key_ + " (the common name must have 1..64 characters)");
 }
 
 TEST_F(ApiCommands, InfoShowsTheWholeSection) {
-  configure(
+  configure_api(
       "enabled=yes\nlisten=[::1]:9000\nallow-args=no\nallowed-commands=verify,agent\n"
       "max-clients=3\nhistory-keep=0\n");
   // clang-format off

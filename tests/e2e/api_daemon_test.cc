@@ -89,7 +89,7 @@ TEST_F(ApiDaemon, ShowsAndChangesTheConfiguration) {
   EXPECT_THAT(done({"sched", "get"}), HasSubstr("job_log_keep:        7\n"));
   EXPECT_EQ(done({"mail", "get"}), "there is no [mail] section\n");
   expect(1, {"mail-test"}, "409 mail_not_configured: ");
-  const std::string nowhere = free_port();
+  const std::string nowhere = std::to_string(free_port());
   done({"mail", "set", "smtp_host=127.0.0.1", "smtp_port=" + nowhere, "from=a@example.org",
         "to=b@example.org,c@example.org", "tls=none"});
   EXPECT_THAT(done({"mail", "get"}), HasSubstr("b@example.org, c@example.org\n"));
@@ -162,7 +162,7 @@ TEST_F(ApiDaemon, TellsByItsExitStatusWhatIsWrong) {
       {3,
        {"info"},
        "no answer from the server: ",
-       {{"ORV_API_SERVER", "127.0.0.1:" + free_port()}}},
+       {{"ORV_API_SERVER", "127.0.0.1:" + std::to_string(free_port())}}},
       {1,
        {"info"},
        "401 unauthorized: wrong secret or signature (reply not signed)",

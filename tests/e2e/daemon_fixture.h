@@ -27,7 +27,7 @@ class DaemonFixture : public ::testing::Test {
   void tool(std::string_view name, std::string_view body) {
     home_.script("bin/" + std::string(name), body);
   }
-  // The command line of `command` with this home's files; `words` come right behind it.
+  // The command line of `command` with this home's files; `words` come right after it.
   [[nodiscard]] std::vector<std::string> command_line(
       const std::string& command, const std::vector<std::string>& words = {}) const {
     std::vector<std::string> argv = {ORV_SCHED_PROGRAM, command};
@@ -37,7 +37,9 @@ class DaemonFixture : public ::testing::Test {
                              "--no-syslog", "--log-path", home_.file("log")});
     return argv;
   }
-  [[nodiscard]] Env env() const { return {{"PATH", home_.file("bin") + ":/usr/bin:/bin"}}; }
+  [[nodiscard]] Env env() const {
+    return {{"PATH", home_.file("bin") + ":/usr/bin:/bin"}, {"TZ", "UTC"}};
+  }
   [[nodiscard]] ProgramResult sched(const std::string& command,
                                     const std::vector<std::string>& words = {}) const {
     return run_program(command_line(command, words), env());

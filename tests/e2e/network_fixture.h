@@ -2,13 +2,10 @@
 #ifndef ORV_TESTS_E2E_NETWORK_FIXTURE_H_
 #define ORV_TESTS_E2E_NETWORK_FIXTURE_H_
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <utility>
 
-#include "common/scoped_fd.h"
 #include "e2e/daemon_fixture.h"
+#include "support/network.h"
 
 namespace orv::test {
 
@@ -16,16 +13,6 @@ inline constexpr const char* kPython = "/usr/bin/python3";
 
 class Network : public DaemonFixture {
  protected:
-  static std::string free_port() {
-    const ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    EXPECT_EQ(::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-    return std::to_string(ntohs(address.sin_port));
-  }
   [[nodiscard]] std::vector<std::string> as_user(std::vector<std::string> argv) const {
     return DaemonFixture::as_user(std::move(argv), ORV_SCHED_NET_PROGRAM);
   }
@@ -43,7 +30,7 @@ class Network : public DaemonFixture {
   // Configures an API on loopback with the tokens "read" and "admin", and `more` behind its
   // section.
   void configure_api(const std::string& more) {
-    port_ = free_port();
+    port_ = std::to_string(free_port());
     server_ = "127.0.0.1:" + port_;
     configure("[api]\nenabled = yes\nlisten = " + server_ + "\ncert = " + home_.file("api.crt") +
               "\nkey = " + home_.file("api.key") + "\ntokens-file = " + home_.file("tokens") +

@@ -25,17 +25,13 @@ TEST_F(Network, DeliversTheTestMailOrSaysWhyNot) {
   if (run_program({kPython, "-c", "import aiosmtpd"}).status != 0) {
     GTEST_SKIP() << "no SMTP server to test with (python3-aiosmtpd)";
   }
-  const std::string crt = home_.file("l.crt"), key = home_.file("l.key");
-  const auto made =
-      run_program({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                   "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-keyout", key, "-out", crt,
-                   "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost"});
-  ASSERT_EQ(made.status, 0) << made.err;
-  const Program server({kPython, ORV_SMTP_SERVER, "starttls", crt, key, home_.path()});
+  const KeyPair pair = make_certificate(home_, "localhost");
+  const Program server(
+      {kPython, ORV_SMTP_SERVER, "starttls", pair.certificate, pair.key, home_.path()});
   ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("port")); }));
   const auto mail_test = [&](const std::string& password) {
-    configure("[mail]\nsmtp-host = localhost\nsmtp-port = " + file("port") + "\nca-file = " + crt +
-              "\nsmtp-user = u\nsmtp-password = " + password +
+    configure("[mail]\nsmtp-host = localhost\nsmtp-port = " + file("port") +
+              "\nca-file = " + pair.certificate + "\nsmtp-user = u\nsmtp-password = " + password +
               "\nfrom = backup@example.org\nto = root@example.org\n");
     return sched_as_user("mail-test");
   };

@@ -14,6 +14,7 @@
 
 #include "common/log.h"
 #include "net/certificate.h"
+#include "support/network.h"
 #include "support/support.h"
 
 namespace orv {
@@ -31,11 +32,10 @@ const std::string& fake_program() {
   static const std::string path = [] {
     std::string copy = dir.file("orv_fake_net");
     std::filesystem::copy_file(ORV_FAKE_NET, copy);
-    constexpr uid_t kNobody = 65534;
     if (::geteuid() == 0) {
-      EXPECT_EQ(::chown(dir.path().c_str(), kNobody, kNobody), 0);
-      EXPECT_EQ(::setresgid(kNobody, kNobody, kNobody), 0);
-      EXPECT_EQ(::setresuid(kNobody, kNobody, kNobody), 0);
+      EXPECT_EQ(::chown(dir.path().c_str(), test::kNobody, test::kNobody), 0);
+      EXPECT_EQ(::setresgid(test::kNobody, test::kNobody, test::kNobody), 0);
+      EXPECT_EQ(::setresuid(test::kNobody, test::kNobody, test::kNobody), 0);
       ::prctl(PR_SET_DUMPABLE, 1);  // the leak checker attaches to its own process
     }
     return copy;
@@ -62,7 +62,7 @@ class Net : public ::testing::Test {
     (void)api_.key.set(dir_.file("key"));
     make_pair();
     (void)api_.listen.host.set("127.0.0.1");
-    api_.listen.port = free_port();
+    api_.listen.port = test::free_port();
   }
   ~Net() override {
     net_shutdown(sup_);
@@ -92,13 +92,6 @@ class Net : public ::testing::Test {
   }
   bool noted(const std::string& line) {
     return pump_until([&] { return contains(notes(), line); });
-  }
-  static std::uint32_t free_port() {
-    ScopedFd fd = try_bind("127.0.0.1", 0);
-    sockaddr_in at{};
-    socklen_t length = sizeof at;
-    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&at), &length);
-    return ntohs(at.sin_port);
   }
   static ScopedFd try_bind(const char* host, std::uint32_t port) {
     ScopedFd fd(::socket(AF_INET, SOCK_STREAM, 0));
@@ -135,9 +128,7 @@ TEST(NetAsRoot, NeedsTheServiceAccount) {
   MailSection mail;
   mail.present = true;
   NetSupervisor sup;
-  testing::internal::CaptureStderr();
-  net_set_mail(sup, mail);
-  EXPECT_TRUE(contains(testing::internal::GetCapturedStderr(),
+  EXPECT_TRUE(contains(test::stderr_of([&] { net_set_mail(sup, mail); }),
                        "orv_sched: the 'tarnwell-api' account does not exist (run 'orv_setup "
                        "--repair'): no mail, no API"));
   EXPECT_EQ(sup.child.pid, -1);

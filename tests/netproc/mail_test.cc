@@ -177,19 +177,12 @@ TEST_F(Mail, NeedsALoginWhereAUserIsSetAndUtf8ForAddressesBeyondAscii) {
 }
 
 TEST_F(Mail, GivesUpOnASilentServer) {
-  const ScopedFd silent(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::bind(silent.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-  ASSERT_EQ(::listen(silent.get(), 1), 0);
-  ASSERT_EQ(::getsockname(silent.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const test::Listener silent = test::listen_on_loopback();
   timeout_s_ = 1;
-  configure(ntohs(address.sin_port), kNone, "");
+  configure(silent.port, kNone, "");
   EXPECT_THAT(mail().error, HasSubstr("the time limit was reached at greeting: 1 s"));
   timeout_s_ = 3600;
-  configure(ntohs(address.sin_port), kNone, "");
+  configure(silent.port, kNone, "");
   driver_->send_mail(99, "never", "sent");  // the process ends all the same
 }
 

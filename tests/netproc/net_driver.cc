@@ -22,29 +22,7 @@ sockaddr_in loopback(std::uint16_t port, const char* host = "127.0.0.1") {
   return address;
 }
 
-ScopedFd listening_socket(std::uint16_t& port) {
-  ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  sockaddr_in address = loopback(0);
-  socklen_t size = sizeof address;
-  EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-  EXPECT_EQ(::listen(fd.get(), 64), 0);
-  EXPECT_EQ(::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-  port = ntohs(address.sin_port);
-  return fd;
-}
-
 }  // namespace
-
-KeyPair make_certificate(const TempDir& dir, const std::string& name) {
-  KeyPair pair{dir.file(name + ".crt"), dir.file(name + ".key")};
-  const std::string alt = (name[0] == '1' ? "IP:" : "DNS:") + name;
-  const auto made =
-      run_program({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                   "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-keyout", pair.key, "-out",
-                   pair.certificate, "-subj", "/CN=" + name, "-addext", "subjectAltName=" + alt});
-  EXPECT_EQ(made.status, 0) << made.err;
-  return pair;
-}
 
 NetDriver::NetDriver(HttpsLimits limits, Answer answer) : answer_(std::move(answer)) {
   static std::once_flag once;
@@ -53,7 +31,9 @@ NetDriver::NetDriver(HttpsLimits limits, Answer answer) : answer_(std::move(answ
   int pair[2];
   EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
   socket_.reset(pair[0]);
-  const int listener = listening_socket(port_).release();
+  Listener api = listen_on_loopback();
+  port_ = api.port;
+  const int listener = api.fd.release();
   process_ = std::thread([this, limits, listener, ipc = pair[1]] {
     exit_status_ = net_process_run(ScopedFd(ipc), ScopedFd(listener), limits, nullptr);
   });

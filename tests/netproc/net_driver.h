@@ -13,18 +13,12 @@
 #include "common/scoped_fd.h"
 #include "net/ipc.h"
 #include "netproc/connection.h"
-#include "support/support.h"
+#include "support/network.h"
 
 using SSL = struct ssl_st;
 using SSL_CTX = struct ssl_ctx_st;
 
 namespace orv::test {
-
-struct KeyPair {
-  std::string certificate, key;  // paths
-};
-// A self-signed P-256 certificate for `name`.
-KeyPair make_certificate(const TempDir& dir, const std::string& name);
 
 struct MailOutcome {
   std::uint32_t status = 0;

@@ -16,6 +16,7 @@
 #include "sched/queue_file.h"
 #include "sched/queue_runner.h"
 #include "sched/queue_schedule.h"
+#include "support/parsed.h"
 #include "support/support.h"
 
 namespace {
@@ -39,16 +40,11 @@ namespace orv {
 namespace {
 
 using test::contains;
+using test::parsed;
+using test::stderr_of;
 using test::TempDir;
 
 constexpr std::int64_t kNow = 1796601637;  // 2026-12-07 00:00:37 UTC
-
-std::unique_ptr<Config> configured(std::string_view text) {
-  auto config = std::make_unique<Config>();
-  std::array<char, kConfigMessageSize> err{};
-  EXPECT_EQ(config_parse(text, "cfg", *config, err), 0) << err.data();
-  return config;
-}
 
 QueueRecord record_of(std::string_view name, JobState state, std::int64_t finished = 0) {
   QueueRecord record;
@@ -64,13 +60,6 @@ std::string names_of(const QueueState& state) {
   std::string names;
   for (const QueueRecord& record : state.records()) names.append(record_name(record)).append(" ");
   return names;
-}
-
-template <typename Call>
-std::string logged(Call call) {
-  ::testing::internal::CaptureStderr();
-  call();
-  return ::testing::internal::GetCapturedStderr();
 }
 
 // A process of that name that only waits.
@@ -151,7 +140,8 @@ TEST(QueueFile, FailuresKeepWhatThereIs) {
   EXPECT_EQ(queue_load_readonly(other, below_a_file.c_str()), ErrorCode::Ok);
   EXPECT_EQ(queue_load_readonly(other, dir.file("none/queue").c_str()), ErrorCode::Ok);
   EXPECT_FALSE(test::exists(dir.file("none")));
-  const std::string log = logged([&] { EXPECT_FALSE(queue_lock(below_a_file.c_str()).valid()); });
+  const std::string log =
+      stderr_of([&] { EXPECT_FALSE(queue_lock(below_a_file.c_str()).valid()); });
   EXPECT_TRUE(
       contains(log, "orv_sched: cannot open queue lock " + below_a_file + ".lock: Not a dir"));
 }
@@ -196,7 +186,7 @@ TEST(QueueRunner, OnlyALivingSchedulerOtherThanThisOneCounts) {
   add("alive", JobState::Running, runner);
   EXPECT_EQ(queue_find_live_runner(state), &state.records().back());
   const std::string log =
-      logged([&] { EXPECT_EQ(queue_sweep_stale_runners(state), ErrorCode::Ok); });
+      stderr_of([&] { EXPECT_EQ(queue_sweep_stale_runners(state), ErrorCode::Ok); });
   ::prctl(PR_SET_NAME, own_name.data());
   EXPECT_TRUE(contains(log,
                        "orv_sched: job 'gone' is RUNNING in the queue file, but its runner "
@@ -215,7 +205,7 @@ TEST(QueueRunner, OnlyALivingSchedulerOtherThanThisOneCounts) {
 TEST(QueueReconcile, FollowsTheConfiguration) {
   const test::ScopedTimeZone zone("UTC");
   QueueState state;
-  const auto first = configured(
+  const auto first = parsed(
       "[a]\nschedule=0 1 * * *\n[b]\nonce=1\n[c]\nafter=a\n"
       "[d]\nschedule=0 1 * * *\nenabled=no\n");
   EXPECT_TRUE(queue_reconcile(state, *first, kNow, true));
@@ -231,11 +221,11 @@ TEST(QueueReconcile, FollowsTheConfiguration) {
 
   record_set_state(state.records()[0], JobState::Running);
   queue_set_runner_pid(state.records()[0], 77);
-  const auto second = configured(
+  const auto second = parsed(
       "[new]\nonce=5\n[d]\nschedule=0 1 * * *\n[c]\nafter=a\n"
       "[a]\nschedule=0 1 * * *\nenabled=no\n");
   const std::string log =
-      logged([&] { EXPECT_TRUE(queue_reconcile(state, *second, kNow, false)); });
+      stderr_of([&] { EXPECT_TRUE(queue_reconcile(state, *second, kNow, false)); });
   EXPECT_TRUE(contains(log, "orv_sched: new job 'new' added to the queue"));
   EXPECT_TRUE(contains(log, "orv_sched: job 'b' removed from config, dropping its queue record"));
   ASSERT_EQ(names_of(state), "a c d new ");
@@ -278,7 +268,7 @@ TEST(QueueRefresh, TellsSchedulesApart) {
   job.once = 0x04030201;
   EXPECT_EQ(schedule_fingerprint(job), 0xC6C7D57EU);
   EXPECT_EQ(first_next_run(job, kNow), 0x04030201);
-  const auto never = configured("[a]\nschedule=0 0 31 2 *\n");
+  const auto never = parsed("[a]\nschedule=0 0 31 2 *\n");
   EXPECT_EQ(first_next_run(never->jobs[0], kNow), kNever);
 }
 
@@ -301,7 +291,7 @@ TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
       {"running", JobState::Running, 1, 5, false, false},
       {"disabled", JobState::Disabled, 1, 5, false, false},
   };
-  const auto config = configured("[a]\nschedule=0 1 * * *\n");
+  const auto config = parsed("[a]\nschedule=0 1 * * *\n");
   const std::uint32_t fingerprint = schedule_fingerprint(config->jobs[0]);
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.what);
@@ -348,8 +338,7 @@ TEST(QueueDue, LooksAtTimesAndDependencies) {
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.what);
-    const auto config =
-        configured("[a]\n" + std::string(c.settings) + "\n[x]\nonce=1\n[y]\nonce=1\n");
+    const auto config = parsed("[a]\n" + std::string(c.settings) + "\n[x]\nonce=1\n[y]\nonce=1\n");
     QueueState state;
     state.replace_all({record_of("y", c.other, c.other_finished), record_of("a", c.state),
                        record_of("x", JobState::Done, 10)});

@@ -33,9 +33,7 @@ class ResultMailTest : public ::testing::Test {
   }
   // The mail that arrived, as it lies in its record; nothing when none did.
   std::optional<std::string> mail() {
-    ::testing::internal::CaptureStderr();
-    send_result_mail(config_, "nightly", result_, &supervisor_);
-    (void)::testing::internal::GetCapturedStderr();
+    (void)test::stderr_of([this] { send_result_mail(config_, "nightly", result_, &supervisor_); });
     std::string record(70000, '\0');
     const ssize_t got = ::recv(child_.get(), record.data(), record.size(), MSG_DONTWAIT);
     if (got <= 0) return std::nullopt;

@@ -64,6 +64,12 @@ bool wait_until(std::chrono::milliseconds deadline, const std::function<bool()>&
   return true;
 }
 
+std::string stderr_of(const std::function<void()>& act) {
+  ::testing::internal::CaptureStderr();
+  act();
+  return ::testing::internal::GetCapturedStderr();
+}
+
 ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
   if (const char* old = ::getenv(name_.c_str())) old_ = old;
   if (value) {

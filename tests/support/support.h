@@ -42,6 +42,9 @@ class TempDir {
 [[nodiscard]] bool wait_until(std::chrono::milliseconds deadline,
                               const std::function<bool()>& condition);
 
+// What `act` writes to standard error.
+[[nodiscard]] std::string stderr_of(const std::function<void()>& act);
+
 class ScopedEnv {  // sets or (no value) unsets a variable of the environment for the scope
  public:
   ScopedEnv(std::string name, std::optional<std::string> value);
