@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -181,7 +180,7 @@ void prune_oldest(std::string directory, std::vector<std::string> names, std::si
 }
 
 std::string_view host_name(std::span<char, kMaxHostName + 1> buffer) {
-  if (::gethostname(buffer.data(), buffer.size()) != 0) std::strcpy(buffer.data(), "localhost");
+  if (::gethostname(buffer.data(), buffer.size()) != 0) return "localhost";
   buffer.back() = '\0';  // gethostname() leaves a cut name unterminated
   return buffer.data();
 }
