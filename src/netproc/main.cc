@@ -10,10 +10,10 @@
 #include "common/log.h"
 #include "common/message.h"
 #include "common/options.h"
+#include "common/sandbox.h"
 #include "common/text.h"
 #include "common/version.h"
 #include "netproc/net_process.h"
-#include "common/sandbox.h"
 #include "netproc/smtp.h"
 
 namespace orv {

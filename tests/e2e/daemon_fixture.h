@@ -32,9 +32,12 @@ class DaemonFixture : public ::testing::Test {
       const std::string& command, const std::vector<std::string>& words = {}) const {
     std::vector<std::string> argv = {ORV_SCHED_PROGRAM, command};
     argv.insert(argv.end(), words.begin(), words.end());
-    argv.insert(argv.end(), {"--config", home_.file("sched.cfg"), "--queue",
-                             home_.file("state/queue"), "--job-log-dir", home_.file("job-logs"),
-                             "--no-syslog", "--log-path", home_.file("log")});
+    argv.insert(argv.end(),
+                {"--config", home_.file("sched.cfg"), "--queue", home_.file("state/queue"),
+                 "--no-syslog", "--log-path", home_.file("log")});
+    if (command == "daemon" || command == "run" || command == "start") {
+      argv.insert(argv.end(), {"--job-log-dir", home_.file("job-logs")});
+    }
     return argv;
   }
   [[nodiscard]] Env env() const {

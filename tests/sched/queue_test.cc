@@ -237,7 +237,7 @@ TEST(QueueReconcile, FollowsTheConfiguration) {
 
 TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
   const test::ScopedTimeZone zone("UTC");
-  const auto config = configured(
+  const auto config = parsed(
       "[busy]\nschedule=0 1 * * *\n[later]\nonce=4000000000\n[past]\nonce=1\n[hand]\nafter=busy\n"
       "[nodate]\nschedule=0 0 31 2 *\n[known]\nschedule=0 1 * * *\n");
   QueueState state;
@@ -249,7 +249,7 @@ TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
     append_one(state, record);
   }
   const std::string log =
-      logged([&] { EXPECT_TRUE(queue_reconcile(state, *config, kNow, false)); });
+      stderr_of([&] { EXPECT_TRUE(queue_reconcile(state, *config, kNow, false)); });
   EXPECT_TRUE(contains(log,
                        "INFO  orv_sched: job 'busy' was first run by hand: its next run is at "
                        "2026-12-07 01:00:00\n"));
