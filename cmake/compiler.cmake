@@ -29,6 +29,13 @@ else()
   add_link_options(-Wl,-z,relro,-z,now)
   if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    include(CheckCXXCompilerFlag)
+    foreach(flag stack-clash-protection cf-protection)  # the latter is for x86 alone
+      check_cxx_compiler_flag(-f${flag} ORV_HAVE_${flag})
+      if(ORV_HAVE_${flag})
+        add_compile_options(-f${flag})
+      endif()
+    endforeach()
   endif()
 endif()
 
