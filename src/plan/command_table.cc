@@ -4,8 +4,8 @@
 
 #include "common/version.h"
 #include "config/config.h"
-#include "sched/settings.h"
 #include "sched/queue_file.h"
+#include "sched/settings.h"
 
 namespace orv {
 namespace {

@@ -181,7 +181,8 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
     EXPECT_TRUE(contains(log, "(pid " + pid)) << log;
     EXPECT_TRUE(contains(log, " -- no job is started before it ends\n"));
     EXPECT_EQ(cycle(), "") << "said once";
-    EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings_.run, false), ErrorCode::Unavailable);
+    EXPECT_EQ(run_now(*live_.config, dispatch_->queue, "b", settings_.run, false),
+              ErrorCode::Unavailable);
     EXPECT_EQ(job_runs_elsewhere(dispatch_->queue, "a"), contains(c.text, "/a/"));
     remove_dead_run_files(settings_.queue_path);
     EXPECT_TRUE(std::filesystem::is_symlink(file));
