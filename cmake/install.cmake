@@ -16,12 +16,6 @@ if(ORV_NETWORK_LIBRARIES)
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
   install(PROGRAMS examples/orv_api DESTINATION share/doc/orv-console/examples)
 endif()
-if(TARGET orv_console)
-  install(TARGETS orv_console RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(FILES docs/orv_console.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  install(FILES packaging/completion/orv_console
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-endif()
 
 install(FILES docs/orv_sched.8 docs/orv_sched_net.8 docs/orv_plan.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
