@@ -35,6 +35,17 @@ else()
   # The coroutines of Boost 1.74 use std::exchange without including its header.
   target_compile_options(orv_asio INTERFACE "SHELL:-include utility")
   target_link_libraries(orv_asio INTERFACE OpenSSL::SSL Threads::Threads)
+  # The client's side is written in coroutines, which clang 14 does not offer to Boost 1.74.
+  include(CheckCXXSourceCompiles)
+  set(CMAKE_REQUIRED_INCLUDES ${ORV_BEAST_HEADERS})
+  check_cxx_source_compiles("#include <utility>
+    #include <boost/asio/awaitable.hpp>
+    boost::asio::awaitable<int> one() { co_return 1; }
+    int main() {}" ORV_HAVE_COROUTINES)
+  unset(CMAKE_REQUIRED_INCLUDES)
+  if(NOT ORV_HAVE_COROUTINES)
+    message(NOTICE "orv_api and orv_console left out: no coroutines with this compiler and Boost")
+  endif()
   if(NOT SECCOMP_FOUND)
     message(NOTICE "no system call filter: libseccomp not found (libseccomp-dev)")
   endif()

@@ -46,6 +46,7 @@ class Reader {
         only_words_ = true;
         continue;
       }
+      // "-" alone is a word: it stands for standard input.
       const bool option = !only_words_ && word.size() > 1 && word.starts_with('-');
       std::string error = option ? take_option(word) : take_word(word);
       if (!error.empty()) return error;
@@ -55,6 +56,7 @@ class Reader {
 
  private:
   std::string take_option(std::string_view word) {
+    // What a command adds is known only after its name.
     const std::array<OptionTable, 2> tables = {
         common_api_options(), out_.command != nullptr ? out_.command->options : OptionTable()};
     const OptionRow* row = find_option(tables, word);
@@ -106,6 +108,7 @@ class Reader {
       return "'" + std::string(command.name) + "' needs " + std::string(command.words);
     }
     const std::string action = command.actions.empty() ? "" : out_.words[0];
+    // Fields that would be ignored are a mistake that somebody should hear of.
     const bool reads = action == "get" || action == "delete" || action == "remove";
     if (reads && (!fields_.empty() || out_.has("--file"))) {
       return "'" + std::string(command.name) + " " + action + "' takes no fields";
@@ -125,6 +128,7 @@ class Reader {
 bool read_seconds(const std::string& text, std::chrono::milliseconds& out) {
   double seconds = 0;
   const char* const end = text.data() + text.size();
+  // Not strtod(): it takes "nan", hexadecimal digits and the locale's point.
   const auto read = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
   if (read.ec != std::errc() || read.ptr != end || !(seconds > 0 && seconds < 1e6)) return false;
   out = std::chrono::milliseconds(std::max<std::int64_t>(1, std::llround(seconds * 1000)));

@@ -44,8 +44,8 @@ using Parser = http::response_parser<http::string_body>;
 
 // The refusals that are made before a request is known to be good, by the scheduler or by the
 // process that takes its connections. No other reply may be unsigned.
-constexpr std::array<int, 10> kUnsignedStatuses = {400, 401, 405, 413, 414,
-                                                   417, 429, 431, 503, 504};
+constexpr std::array<int, 11> kUnsignedStatuses = {400, 401, 405, 413, 414, 417,
+                                                   429, 431, 501, 503, 504};
 
 // The certificate is self-signed: the pin takes the place of a name and an issuer.
 asio::ssl::context& tls_context() {
@@ -118,7 +118,8 @@ asio::awaitable<std::string> connect_any(tcp::socket& socket, std::vector<tcp::e
   co_return error;
 }
 
-// Resolves, connects and shakes hands. Empty, or one line.
+// Resolves, connects and shakes hands; whose certificate it is, the caller decides. Empty, or one
+// line.
 asio::awaitable<std::string> open_stream(TlsStream& stream, ServerAddress address,
                                          Deadline deadline) {
   std::string error;
@@ -130,6 +131,7 @@ asio::awaitable<std::string> open_stream(TlsStream& stream, ServerAddress addres
   error_code failed;
   socket.set_option(tcp::no_delay(true), failed);
   const Watchdog watchdog(socket, deadline);
+  // A handshake that succeeds proves that the peer has the key of the certificate it shows.
   co_await stream.async_handshake(asio::ssl::stream_base::client,
                                   asio::redirect_error(asio::use_awaitable, failed));
   if (watchdog.bitten()) co_return "timed out";
@@ -249,8 +251,9 @@ class ApiConnection::State::Turn {
   Turn& operator=(const Turn&) = delete;
   ~Turn() {
     auto& waiting = state_.waiting_;
-    const bool was_first = waiting.front() == &timer_;
+    const bool was_first = is_mine();
     waiting.erase(std::find(waiting.begin(), waiting.end(), &timer_));
+    // Cancelling a timer that waits for nothing does nothing.
     if (was_first && !waiting.empty()) waiting.front()->cancel();
   }
   [[nodiscard]] bool is_mine() const { return state_.waiting_.front() == &timer_; }
@@ -280,6 +283,7 @@ asio::awaitable<ClientReply> ApiConnection::State::exchange(std::shared_ptr<Stat
   const bool reused = self->is_reusable();
   if (!reused) self->stream_.reset();
   ClientReply reply = co_await self->attempt(request, deadline);
+  // Only on a connection that was kept: a server that cannot be reached is not asked twice.
   if (reply.kind == ReplyKind::Unreachable && reused && request.method == "GET" && !self->closed_ &&
       !self->ended_ && steady_clock::now() < deadline) {
     reply = co_await self->attempt(request, deadline);
@@ -302,6 +306,7 @@ asio::awaitable<ClientReply> ApiConnection::State::attempt(const ClientRequest& 
     if (!refused.error.empty()) co_return refused;
   }
   ClientReply reply = co_await converse(request, deadline);
+  // After a failure nobody knows what is still on its way: the connection is of no use any more.
   if (reply.kind != ReplyKind::Signed && reply.kind != ReplyKind::Unsigned) stream_.reset();
   co_return reply;
 }
@@ -311,6 +316,7 @@ asio::awaitable<ClientReply> ApiConnection::State::connect(Deadline deadline) {
   stream_ = std::make_unique<TlsStream>(tcp::socket(executor_), tls_context());
   const std::string error = co_await open_stream(*stream_, address_, deadline);
   Sha256Digest seen{};
+  // close() may have come while the name was being resolved, when there was no socket to close.
   const bool has_certificate = error.empty() && !closed_ && peer_fingerprint(*stream_, seen);
   if (has_certificate && seen == fingerprint_) co_return ClientReply();
   stream_.reset();
@@ -336,6 +342,7 @@ asio::awaitable<ClientReply> ApiConnection::State::converse(const ClientRequest&
   error_code failed;
   co_await asio::async_write(*stream_, wire, asio::redirect_error(asio::use_awaitable, failed));
 
+  // The limits hold whatever the server announces; the deadline holds however slowly it sends.
   Parser parser;
   parser.header_limit(static_cast<std::uint32_t>(kMaxReplyHead));
   parser.body_limit(kMaxReplyBody);
@@ -371,6 +378,7 @@ ClientReply ApiConnection::State::judge(const Parser& parser, const std::string&
                                          status) != kUnsignedStatuses.end();
   ClientReply reply;
   reply.status = status;
+  // A signature that is there must be right, also of a reply that needs none, and there is one.
   if (signatures.first == signatures.second) {
     if (!may_be_unsigned) {
       return failure(ReplyKind::NotTrusted,

@@ -86,6 +86,7 @@ int read_word(const std::string& word, BodyMembers& out, std::span<char> err) {
   }
   const std::string name = word.substr(0, equals);
   const std::string_view value = std::string_view(word).substr(equals + 1);
+  // Also under a name that no field has: whoever mistypes it means a password all the same.
   if (name.find("password") != std::string::npos && !value.empty()) {
     return fail(err,
                 "a command line is for everybody's eyes: give smtp_password in a JSON object, "

@@ -1,7 +1,5 @@
 // orv_api: the command line of the configuration API, for one server or many.
-#include <errno.h>
 #include <signal.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -72,12 +70,13 @@ class Program {
   void start_next() {
     if (next_ == places_.size()) return;
     Place& place = places_[next_++];
+    // A token that cannot be used harms its own server only.
     if (const std::string& error = place.session->target().error; !error.empty()) {
       end_of(place, place.session->fail(kExitUsage, "bad_token", error));
       return;
     }
     asio::co_spawn(io_, given_.command->run(*place.session, given_),
-                   [this, &place](std::exception_ptr failed, int status) {
+                   [this, &place](const std::exception_ptr& failed, int status) {
                      if (failed)
                        status = place.session->fail(kExitRefused, "internal", "out of memory");
                      end_of(place, status);
@@ -95,6 +94,7 @@ class Program {
     } else {
       tell_progress();
     }
+    // One that is late holds back what comes after it in the list, and nothing else.
     while (shown_ < places_.size() && places_[shown_].done) show(places_[shown_++]);
     start_next();
   }
@@ -114,6 +114,7 @@ class Program {
       std::fwrite(session.kept_text().data(), 1, session.kept_text().size(), stdout);
     }
     if (!session.failure().empty()) {
+      // Where both streams go to one file, the complaint stands after its server's name.
       std::fflush(stdout);
       complain((several_ ? session.target().name + ": " : "") + session.failure());
     }
@@ -168,6 +169,7 @@ class Program {
     std::printf("%s]\n", text.c_str());
   }
 
+  // Leaves at once: requests under way are lost, and a thread may still be resolving a name.
   [[noreturn]] void interrupt() {
     progress_.clear();
     std::fflush(stdout);
@@ -194,14 +196,6 @@ std::string needs_one_server(const Arguments& given, const Targets& targets) {
   return "";
 }
 
-// Whoever reads may have had enough; that is no failure.
-int flush_output(int status) {
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
-  if (errno == EPIPE) return kExitDone;
-  complain(std::string("cannot write: ") + ::strerror(errno));
-  return kExitNoConnection;
-}
-
 int run_command_line(const Arguments& given) {
   if (given.command->run == nullptr) return pin_server(given);
   Targets targets;
@@ -218,6 +212,7 @@ int run_command_line(const Arguments& given) {
 }  // namespace orv
 
 int main(int argc, char** argv) {
+  // A reader that has gone shows as a failed write, which ends the program quietly.
   ::signal(SIGPIPE, SIG_IGN);
   orv::Arguments given;
   const orv::UsageError error = orv::parse_arguments({argv, static_cast<std::size_t>(argc)}, given);

@@ -23,6 +23,7 @@ std::uint32_t code_point(std::string_view sequence) {
   return point;
 }
 
+// What a terminal obeys, or what makes it show text in another order than it was sent in.
 bool is_control(std::uint32_t point) {
   const bool control = point < 0x20 || (point >= 0x7F && point <= 0x9F);
   const bool turns = point == 0x200E || point == 0x200F || point == 0x061C ||
@@ -144,6 +145,7 @@ void JsonText::add_string(std::string_view text) {
   while (!text.empty()) {
     const Character next = take_character(text);
     const std::uint32_t point = next.valid ? code_point(next.bytes) : 0xFFFD;
+    // The short escapes are those of RFC 8259, section 7, that logs and scripts expect.
     const std::size_t escaped = next.bytes.size() == 1 ? kShort.find(next.bytes[0]) : kShort.npos;
     if (escaped != kShort.npos) {
       text_ += '\\';

@@ -61,7 +61,7 @@ std::string fetch(const Arguments& given, const ServerAddress& address, Sha256Di
   progress.wait_for("waiting for " + address.text());
   boost::asio::co_spawn(
       io, fetch_fingerprint(address, std::chrono::steady_clock::now() + given.timeout, out),
-      [&](std::exception_ptr failed, const std::string& why) {
+      [&](const std::exception_ptr& failed, const std::string& why) {
         error = failed ? "out of memory" : why;
         progress.done();
       });

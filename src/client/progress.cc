@@ -17,7 +17,7 @@ constexpr const char* kEraseLine = "\r\033[K";
 
 void Progress::wait_for(std::string what) {
   if (!enabled_) return;
-  const bool waiting = !what_.empty();
+  const bool waiting = !what_.empty();  // the timer runs already
   what_ = std::move(what);
   if (waiting) return;
   since_ = steady_clock::now();

@@ -14,8 +14,8 @@ namespace orv {
 class Progress {
  public:
   // Shows nothing at all unless `enabled`.
-  Progress(boost::asio::any_io_executor executor, bool enabled)
-      : timer_(std::move(executor)), enabled_(enabled) {}
+  Progress(const boost::asio::any_io_executor& executor, bool enabled)
+      : timer_(executor), enabled_(enabled) {}
 
   // What is waited for from now on; a new text while waiting does not start the clock anew.
   void wait_for(std::string what);
@@ -31,10 +31,10 @@ class Progress {
  private:
   void tick();
 
-  boost::asio::steady_timer timer_;
+  boost::asio::steady_timer timer_;  // to the next second; idle while nothing is waited for
   bool enabled_;
-  bool shown_ = false;
-  std::string what_;  // empty: nothing is waited for
+  bool shown_ = false;  // the line stands on the terminal
+  std::string what_;    // empty: nothing is waited for
   std::chrono::steady_clock::time_point since_;
   std::string interrupt_note_;
 };

@@ -55,14 +55,14 @@ class Waiter {
 void look_up(const std::shared_ptr<Lookup>& lookup, const ServerAddress& address) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_ADDRCONFIG;
+  hints.ai_flags = AI_ADDRCONFIG;  // no IPv6 addresses where there is no IPv6
   addrinfo* list = nullptr;
   const int error = ::getaddrinfo(address.host.c_str(), nullptr, &hints, &list);
   const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(list, ::freeaddrinfo);
   std::vector<tcp::endpoint> found;
   for (const addrinfo* at = list; at != nullptr; at = at->ai_next) {
     tcp::endpoint endpoint;
-    if (at->ai_addrlen > endpoint.capacity()) continue;
+    if (at->ai_addrlen > endpoint.capacity()) continue;  // neither IPv4 nor IPv6
     std::memcpy(endpoint.data(), at->ai_addr, at->ai_addrlen);
     endpoint.resize(at->ai_addrlen);
     endpoint.port(address.port);
@@ -100,6 +100,7 @@ asio::awaitable<std::vector<tcp::endpoint>> resolve_host(
   const Waiter waiter(lookup, timer);
   error = start_thread(lookup, address);
   if (!error.empty()) co_return std::vector<tcp::endpoint>{};
+  // Ends by the thread's answer, which cancels the timer, or at the deadline.
   error_code ended;
   co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ended));
 

@@ -264,6 +264,7 @@ int add_server(const std::string& path, const Server& server, std::string_view t
   if (make_parent_directories(path) != ErrorCode::Ok) {
     return fail(err, "cannot make the directory of %s: %s", path.c_str(), ::strerror(errno));
   }
+  // A file of its own: the list is replaced, and a lock on it would go with the old one.
   const ScopedFd lock = open_file((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   if (lock.get() < 0 || ::flock(lock.get(), LOCK_EX) != 0) {
     return fail(err, "cannot lock the list of servers %s: %s", path.c_str(), ::strerror(errno));

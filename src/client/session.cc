@@ -1,5 +1,9 @@
 #include "client/session.h"
 
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
 #include <array>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -24,7 +28,20 @@ std::string text_of(const JsonValue* object, std::string_view key) {
   return text ? std::string(*text) : "?";
 }
 
+// Ends the program when what it shows cannot be written: it might follow a log for hours in vain.
+void flush_or_end() {
+  constexpr int kWritten = -1;
+  if (const int status = flush_output(kWritten); status != kWritten) ::_exit(status);
+}
+
 }  // namespace
+
+int flush_output(int status) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  if (errno == EPIPE) return kExitDone;
+  std::fprintf(stderr, "orv_api: cannot write: %s\n", ::strerror(errno));
+  return kExitNoConnection;
+}
 
 Session::Session(asio::any_io_executor executor, const Target& target,
                  const SessionOptions& options, Progress& progress)
@@ -64,6 +81,7 @@ JsonReply Session::take_reply(const ClientReply& reply) {
     case ReplyKind::Signed:
     case ReplyKind::Unsigned: break;
   }
+  // A signed reply is the scheduler's, an unsigned one anybody's: both are read with the same care.
   JsonReply root;
   std::array<char, 256> err{};
   if (json_parse(reply.body, kReplyLimits, root, err) != 0 || root->kind != JsonKind::Object) {
@@ -86,6 +104,8 @@ JsonReply Session::take_reply(const ClientReply& reply) {
 Session::Reply Session::change(std::string method, std::string path, std::string tag,
                                std::string read_path, MakeBody body) {
   for (int attempt = 1;; ++attempt) {
+    // The body is made from the same version of the file that the tag names, so that a setting
+    // which somebody else changes in between is never put back.
     const JsonReply present = co_await get(read_path);
     if (present == nullptr) co_return nullptr;
     const auto present_tag = json_string(json_member(present.get(), "config_etag"));
@@ -104,6 +124,7 @@ Session::Reply Session::all_jobs() {
     all->keys.emplace_back("jobs");
     auto& jobs = *all->values.emplace_back(std::make_unique<JsonValue>());
     jobs.kind = JsonKind::Array;
+    // Pages of two versions of the file must not be mixed: jobs could be missing or come twice.
     std::string tag;
     std::optional<std::int64_t> offset = 0;
     bool changed = false;
@@ -143,7 +164,7 @@ void Session::print(std::string_view text) {
   }
   progress_.clear();
   std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  flush_or_end();
 }
 
 void Session::show(const JsonValue* reply, const std::function<std::string()>& text) {
@@ -163,7 +184,7 @@ void Session::show_line(const JsonValue* reply) {
     return;
   }
   std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
+  flush_or_end();
 }
 
 int Session::fail(int status, std::string_view code, std::string message) {

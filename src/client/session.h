@@ -31,6 +31,11 @@ inline constexpr int kExitRunStopped = 7;  // it was cancelled, timed out or tak
 inline constexpr int kExitRunBusy = 8;     // its tool was busy; the job is tried again
 inline constexpr int kExitInterrupted = 130;  // Ctrl-C
 
+// Flushes standard output. `status` when all could be written. Otherwise the exit status to end
+// with: kExitDone when nobody reads any more, which is no failure, or kExitNoConnection after a
+// complaint.
+[[nodiscard]] int flush_output(int status);
+
 // The server as the command line or the list names it. `error` says why it cannot be asked.
 struct Target {
   std::string name;  // of the list, or the address

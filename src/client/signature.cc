@@ -24,6 +24,7 @@ std::string authorization(const ClientToken& token, const SignedRequest& request
                           std::int64_t unix_time, std::string_view nonce) {
   const std::string time = std::to_string(unix_time);
   const HexDigest digest = to_hex(sha256(request.body));
+  // Line feeds between the lines and none at the end; connections let no line feed into a line.
   std::string text = "ORV1";
   for (const std::string_view line :
        {request.method, request.path, request.query, std::string_view(time), nonce, digest.view(),

@@ -80,6 +80,7 @@ std::string choose_listed(const Arguments& given, Targets& out) {
       out.servers.push_back(listed_target(server));
     }
   }
+  // --all has the form of several also while the list has one: a script need not care.
   out.several = wanted.size() != 1;
   return "";
 }
@@ -91,6 +92,7 @@ std::string server_list_path(const Arguments& given) {
 }
 
 std::string choose_targets(const Arguments& given, bool all_by_default, Targets& out) {
+  // A choice from the list wins over the environment; beside an option it contradicts that.
   const bool chosen = given.has("--on") || given.has("--all");
   if (given.has("--on") && given.has("--all")) return "'--on' and '--all' exclude each other";
   for (const char* option : {"--server", "--fingerprint", "--token-file"}) {

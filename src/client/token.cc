@@ -50,6 +50,7 @@ ClientTokenPtr read_token_file(const std::string& path, std::span<char> err) {
     (void)fail(err, "the token file %s is not a regular file", path.c_str());
     return nullptr;
   }
+  // What others could read may be known to them: better refused than believed to be safe.
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     (void)fail(err, "the token file %s is open to group or others (chmod 600 %s)", path.c_str(),
                path.c_str());

@@ -269,6 +269,11 @@ TEST_F(OrvApi, FollowsARunAndExitsByItsOutcome) {
   follower.signal(SIGINT);
   EXPECT_EQ(follower.wait(), 130);
   EXPECT_EQ(follower.err(), "orv_api: the run of job 'a' goes on\n");
+  // Nor does it go on in vain when nothing can be written.
+  const ProgramResult full = run_program(
+      {"sh", "-c", ORV_API_PROGRAM " log a 20260102T000000Z --follow --on s >/dev/full"}, env());
+  EXPECT_EQ(full.status, 3);
+  EXPECT_EQ(full.err, "orv_api: cannot write: No space left on device\n");
 }
 
 TEST_F(OrvApi, ShowsTextsOfAServerAsTextsOnly) {
