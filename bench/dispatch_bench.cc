@@ -3,6 +3,7 @@
 // /dev/shm, where flushing is free, shows the rest.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
+#include <time.h>
 
 #include <array>
 #include <cstdio>
@@ -60,7 +61,7 @@ void run_cycle(benchmark::State& state, const char* parent) {
       return;
     }
     dispatch.identity = file_identity(settings.config_path.c_str());
-    dispatch_adopt_config(dispatch);
+    dispatch_adopt_config(dispatch, ::time(nullptr));
     state.ResumeTiming();
     while (dispatch_pass(dispatch) == PassEnd::Again) {
     }
@@ -100,7 +101,7 @@ void IdlePass(benchmark::State& state) {
   }
   dispatch.identity = file_identity(settings.config_path.c_str());
   for (Job& job : config->jobs) job.once = kNever - 1;
-  dispatch_adopt_config(dispatch);
+  dispatch_adopt_config(dispatch, ::time(nullptr));
   for (auto _ : state) {
     dispatch.passes_since_wait = 0;
     if (dispatch_pass(dispatch) != PassEnd::Wait) state.SkipWithError("a job was due");

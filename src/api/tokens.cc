@@ -85,11 +85,6 @@ int read_token_lines(const char* path, std::string_view text, TokenStore& out,
   return 0;
 }
 
-// A fault of the moment, by errno, and not of the file.
-bool is_passing(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
-}
-
 TokensRead cannot_read(const char* path, std::span<char> err) {
   const int cause = errno;
   (void)fail(err, "cannot read %s: %s", path, std::strerror(cause));

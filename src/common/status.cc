@@ -37,4 +37,9 @@ ErrorCode error_from_errno(int error_number) {
   }
 }
 
+bool is_passing(int error_number) {
+  return error_number == EMFILE || error_number == ENFILE || error_number == ENOMEM ||
+         error_number == EIO || error_number == EINTR;
+}
+
 }  // namespace orv

@@ -18,6 +18,10 @@ const char* error_text(ErrorCode code);
 // own.
 const char* failure_text(ErrorCode code);
 
+// Whether a call that failed with this errno may well succeed when it is tried again later: for
+// want of descriptors or memory, after an I/O error or a signal.
+bool is_passing(int error_number);
+
 // The code that stands for a system error number: ENOENT, EAGAIN, ENOMEM, EEXIST and EINVAL have
 // codes of their own, every other value is IoError.
 ErrorCode error_from_errno(int error_number);

@@ -120,8 +120,11 @@ struct Config {
   std::vector<Job> jobs;  // in the order of the file, at most kMaxJobs
 };
 
-// Loads the file at `path` into `out`, which must be new or released. 0; -1 with one message, `out`
-// then partly filled and only good to be released. Give `err` kConfigMessageSize bytes.
+// Loads the file at `path` into `out`, which must be new or released. 0; else one message, `out`
+// then partly filled and only good to be released: kConfigUnreadNow when it, or a password file,
+// could not be read for a reason that may pass by itself, -1 for any other fault. Give `err`
+// kConfigMessageSize bytes.
+inline constexpr int kConfigUnreadNow = -2;
 [[nodiscard]] int config_load(const char* path, Config& out, std::span<char> err);
 
 // The same for a text in memory; `path` is what the messages name.

@@ -1,6 +1,7 @@
 // Reading of the file: lines, section headers, and which section a line belongs to.
 #include <fcntl.h>
 
+#include <cerrno>
 #include <new>
 #include <string>
 #include <unordered_set>
@@ -9,6 +10,7 @@
 #include "common/line_syntax.h"
 #include "common/message.h"
 #include "common/secret.h"
+#include "common/status.h"
 #include "common/text.h"
 #include "config/config.h"
 #include "config/cross_checks.h"
@@ -178,9 +180,13 @@ int run_load(const char* path, Config& out, std::span<char> err, const Body& bod
   LinePlace place{path, 0};
   try {
     Load load(place, out, err);
-    return body(load);
+    errno = 0;
+    const int rc = body(load);
+    // errno is still that of the call that failed, if one did: a fault of the text sets none.
+    return rc != 0 && is_passing(errno) ? kConfigUnreadNow : rc;
   } catch (const std::bad_alloc&) {
-    return fail(err, "%s:%zu: out of memory", place.path, place.number);
+    (void)fail(err, "%s:%zu: out of memory", place.path, place.number);
+    return kConfigUnreadNow;
   }
 }
 

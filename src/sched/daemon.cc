@@ -38,7 +38,7 @@ ErrorCode start_up(Dispatch& d) {
             reason.data());
     return ErrorCode::Invalid;
   }
-  dispatch_adopt_config(d);
+  dispatch_adopt_config(d, std::time(nullptr));
   d.lock.reset();
   return ErrorCode::Ok;
 }

@@ -51,6 +51,7 @@ void read_queue(Dispatch& d) {
   if (!d.lock.valid()) {
     log_msg(LogLevel::Error, "orv_sched: cannot lock the queue %s -- using the in-memory copy",
             d.queue.path.c_str());
+    d.unsaved = true;  // whatever this pass changes
     return;
   }
   QueueState fresh;
@@ -71,34 +72,36 @@ void note_own_save(Dispatch& d, ErrorCode rc) {
   if (rc != ErrorCode::Ok) note_save(d, rc);
 }
 
-void reconcile(Dispatch& d) {
-  note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, std::time(nullptr)));
+void reconcile(Dispatch& d, std::int64_t now) {
+  note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, now));
 }
 
-void reload_config(Dispatch& d) {
+void reload_config(Dispatch& d, std::int64_t now) {
   std::array<char, kConfigMessageSize> reason{};
-  if (dispatch_load_config(d, reason) != 0) {
+  const int rc = dispatch_load_config(d, reason);
+  if (rc != 0) {
     log_msg(LogLevel::Error, "orv_sched: config reload failed, keeping previous config: %s",
             reason.data());
-    reconcile(d);
+    if (rc == kConfigUnreadNow) d.identity = {};  // no file's: the next pass tries again
+    reconcile(d, now);
     return;
   }
   log_msg(LogLevel::Info, "orv_sched: reloaded %s", d.settings.config_path.c_str());
-  dispatch_adopt_config(d);
+  dispatch_adopt_config(d, now);
   dispatch_apply_network(d);
 }
 
 // The identity is read before the file: an edit that comes between the two is seen by the next
 // pass.
-void follow_config_file(Dispatch& d) {
+void follow_config_file(Dispatch& d, std::int64_t now) {
   const bool changed_by_api = std::exchange(d.live.config_changed, false);
   const FileIdentity identity = file_identity(d.settings.config_path.c_str());
   const bool same = identity == d.identity;
   d.identity = identity;
   if (changed_by_api || !same) {
-    reload_config(d);
+    reload_config(d, now);
   } else {
-    reconcile(d);
+    reconcile(d, now);
   }
 }
 
@@ -142,9 +145,14 @@ JobRunResult run(Dispatch& d, const Job& job) {
   return result;
 }
 
-// The end of every run: what happened is written before anybody is told.
+// The end of every run: what happened is written before anybody hears of it. Without the lock it
+// waits for the next pass, which tries to have it: others may have changed the queue meanwhile.
 void finish_run(Dispatch& d, const Job& job, const JobRunResult& result) {
-  note_save(d, queue_save(d.queue));
+  if (d.lock.valid()) {
+    note_save(d, queue_save(d.queue));
+  } else {
+    d.unsaved = true;
+  }
   d.lock.reset();
   send_result_mail(*d.live.config, job.name.view(), result, &d.live.net);
 }
@@ -231,16 +239,15 @@ int dispatch_load_config(Dispatch& d, std::span<char> reason) {
   } else {
     // The loader takes files that are too large for a snapshot, and has its own words for faults.
     const auto config = std::make_shared<Config>();
-    if (config_load(path.c_str(), *config, reason) != 0) return -1;
+    if (const int rc = config_load(path.c_str(), *config, reason); rc != 0) return rc;
     live.config = config;
   }
   if (!live.config->api.enabled) live.snapshot.reset();  // nobody will ask for it
   return 0;
 }
 
-void dispatch_adopt_config(Dispatch& d) {
-  reconcile(d);
-  const std::int64_t now = std::time(nullptr);
+void dispatch_adopt_config(Dispatch& d, std::int64_t now) {
+  reconcile(d, now);
   note_own_save(d, queue_refresh_schedules_and_save(d.queue, *d.live.config, now));
   queue_warn_of_times(d.queue, *d.live.config, now);
 }
@@ -254,7 +261,7 @@ void dispatch_apply_network(Dispatch& d) {
 
 PassEnd dispatch_pass(Dispatch& d) {
   read_queue(d);
-  follow_config_file(d);
+  follow_config_file(d, std::time(nullptr));
   dispatch_sweep(d);
   PassEnd end = PassEnd::Wait;
   if (!busy_elsewhere(d) && !guard_trips(d)) {

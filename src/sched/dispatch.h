@@ -48,12 +48,12 @@ enum class PassEnd { Again, Wait };
 [[nodiscard]] PassEnd dispatch_pass(Dispatch& dispatch);
 
 // Loads the configuration file into live.config, without a parse when the API has met this very
-// text already. 0; -1 with the reason, live.config as it was.
+// text already. 0; else what config_load() says, with the reason, and live.config as it was.
 [[nodiscard]] int dispatch_load_config(Dispatch& dispatch, std::span<char> reason);
 
 // After a load of the configuration: reconciles the queue, recomputes the next runs of edited
 // schedules, and warns of times with which jobs would not run. Needs the lock.
-void dispatch_adopt_config(Dispatch& dispatch);
+void dispatch_adopt_config(Dispatch& dispatch, std::int64_t now);
 
 // Marks the runs FAILED whose scheduler is gone. Needs the lock.
 void dispatch_sweep(Dispatch& dispatch);

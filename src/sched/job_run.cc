@@ -182,12 +182,6 @@ void conclude_log(JobLog& log, std::uint32_t keep, const ToolRun& run, const Job
   rotate_job_logs(log.directory, keep, log.path);
 }
 
-void reload_queue(QueueState& queue) {
-  if (queue_reload(queue) == ErrorCode::Ok) return;
-  log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
-          queue.path.c_str());
-}
-
 }  // namespace
 
 JobRunResult run_job(const Job& job, const JobRunSettings& settings, QueueState& queue,
@@ -220,10 +214,18 @@ JobRunResult run_job(const Job& job, const JobRunSettings& settings, QueueState&
           job.name.c_str(), result.exit_code, result.timed_out ? 1 : 0,
           run.outcome.cancelled ? " cancelled=1" : "", result_word(result.result));
 
-  lock = queue_lock(queue.path.c_str());
-  reload_queue(queue);
-  store_outcome(queue, job, result);
+  run_store_outcome(job, result, queue, lock);
   return result;
+}
+
+void run_store_outcome(const Job& job, const JobRunResult& result, QueueState& queue,
+                       ScopedFd& lock) {
+  if (!lock.valid()) lock = queue_lock(queue.path.c_str());
+  if (queue_reload(queue) != ErrorCode::Ok) {
+    log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
+            queue.path.c_str());
+  }
+  store_outcome(queue, job, result);
 }
 
 }  // namespace orv

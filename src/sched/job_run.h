@@ -49,6 +49,12 @@ struct CancelSlot {
                                    QueueState& queue, ScopedFd& lock, const Poller* poller,
                                    CancelSlot* slot);
 
+// Puts the outcome into the job's record of the queue as it is on disk now, taking the lock unless
+// it is held. When the lock or the queue cannot be had (which is logged), the copy in memory is
+// used.
+void run_store_outcome(const Job& job, const JobRunResult& result, QueueState& queue,
+                       ScopedFd& lock);
+
 }  // namespace orv
 
 #endif  // ORV_SCHED_JOB_RUN_H_

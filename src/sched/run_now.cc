@@ -1,10 +1,13 @@
 #include "sched/run_now.h"
 
+#include <poll.h>
 #include <signal.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
+#include "common/clock.h"
 #include "common/log.h"
 #include "sched/obstacle.h"
 #include "sched/queue_file.h"
@@ -22,13 +25,36 @@ StopRequest requested_stop(void*) {
   return stop_is_urgent() ? StopRequest::Kill : StopRequest::Terminate;
 }
 
+constexpr std::int64_t kSavePatienceMs = 10'000;
+constexpr int kSaveRetryMs = 500;
+
+// Saves the outcome that the queue in memory holds. Without it the next scheduler would take the
+// run for a lost one: a full disk, or a lock that cannot be had, is given some time to pass. In
+// between others may have the queue, which is read anew.
+void save_outcome(const Job& job, const JobRunResult& result, QueueState& queue, ScopedFd& lock) {
+  const std::int64_t deadline = monotonic_ms() + kSavePatienceMs;
+  for (bool said = false;;) {
+    const bool last = monotonic_ms() >= deadline;
+    // At the very end without the lock, too: an outcome that nobody knows is worse.
+    if (lock.valid() || last) {
+      const ErrorCode rc = queue_save(queue);
+      if (rc == ErrorCode::Ok || last) return queue_log_unsaved(queue, rc);
+      if (!said) queue_log_unsaved(queue, rc, " -- trying again for 10 seconds");
+      said = true;
+      lock.reset();
+    }
+    (void)::poll(nullptr, 0, kSaveRetryMs);
+    run_store_outcome(job, result, queue, lock);
+  }
+}
+
 // Signals are caught until the outcome is saved; the mail after it may be interrupted.
 JobRunResult run_and_save(const Job& job, const JobRunSettings& settings, QueueState& queue,
                           ScopedFd& lock) {
   const StopSignals signals({SIGINT, SIGTERM, SIGHUP}, IfIgnored::StaysIgnored);
   const Poller poller{requested_stop, nullptr, nullptr};
   JobRunResult result = run_job(job, settings, queue, lock, &poller, nullptr);
-  queue_log_unsaved(queue, queue_save(queue));
+  save_outcome(job, result, queue, lock);
   lock.reset();
   return result;
 }

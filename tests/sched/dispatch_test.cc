@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -41,7 +42,7 @@ class DispatchTest : public ::testing::Test {
     char err[kConfigMessageSize] = "";
     dispatch_->identity = file_identity(settings_.config_path.c_str());
     ASSERT_EQ(dispatch_load_config(*dispatch_, err), 0) << err;
-    dispatch_adopt_config(*dispatch_);
+    dispatch_adopt_config(*dispatch_, std::time(nullptr));
   }
   // One cycle of passes; what it logged.
   std::string cycle() {
@@ -191,6 +192,24 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
   EXPECT_TRUE(std::filesystem::is_symlink(settings_.queue_path + ".run.4194304")) << "not ours";
 }
 
+TEST_F(DispatchTest, TriesAgainWhatItCouldNotReadForWantOfDescriptors) {
+  configure("[a]\nprofile=a\nonce=4000000000\n");
+  start();
+  configure("[a]\nprofile=a\nonce=4000000000\n[b]\nprofile=b\nonce=1\n");
+  struct rlimit before {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const ScopedFd next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const struct rlimit full = {static_cast<rlim_t>(next.get()) + 2, before.rlim_max};
+  ::testing::internal::CaptureStderr();  // takes the two that are left
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &full), 0);
+  EXPECT_EQ(dispatch_pass(*dispatch_), PassEnd::Wait);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(contains(log, "ERROR orv_sched: config reload failed, keeping previous")) << log;
+  EXPECT_TRUE(contains(cycle(), "INFO  orv_sched: reloaded "));
+  EXPECT_EQ(runs(), "b\n");
+}
+
 TEST_F(DispatchTest, RemembersWhatItCannotSave) {
   configure("[a]\nprofile=a\nonce=1\n[b]\nprofile=b\nschedule=0 0 1 1 *\n[c]\nprofile=c\nonce=2\n");
   std::filesystem::create_directory(dir_.file("queue.tmp"));  // as bad as a full disk
@@ -238,7 +257,7 @@ TEST_F(DispatchTest, WarnsOfTimesWithWhichJobsWouldNotRun) {
   record("future")->started_at = now + 3600;
   record("waits")->after_stamp = now + 3600;
   ::testing::internal::CaptureStderr();
-  dispatch_adopt_config(*dispatch_);
+  dispatch_adopt_config(*dispatch_, std::time(nullptr));
   const std::string log = ::testing::internal::GetCapturedStderr();
   const std::pair<const char*, const char*> expected[] = {
       {"cron", "has a schedule, but its next run in the queue is \"never\" -- disable and enable"},
