@@ -16,6 +16,7 @@
 #include "sched/queue_schedule.h"
 #include "sched/queue_warnings.h"
 #include "sched/result_mail.h"
+#include "sched/stop_signals.h"
 
 namespace orv {
 namespace {
@@ -196,6 +197,15 @@ void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t d
   if (!job.after.empty()) record->after_stamp = dependency_finish;
 }
 
+// A signal that is to stop the daemon does not stop the job: whoever sent it wants to know what it
+// waits for, which may take hours.
+void report_waiting_stop(Dispatch& d) {
+  if (!stop_requested() || d.stop_reported) return;
+  d.stop_reported = true;
+  log_msg(LogLevel::Info, "orv_sched: stopping after job '%s', which is still running",
+          d.live.running.job.c_str());
+}
+
 // Runs the first job that is due; false when none is.
 bool run_due(Dispatch& d) {
   for (const Job& job : d.live.config->jobs) {
@@ -222,9 +232,10 @@ Dispatch::Dispatch(const DaemonSettings& settings_in, LiveState& live_in, ApiHan
       handler_context(handler_context_in) {
   poller.context = this;
   poller.poll = [](void* context) {
-    LiveState& l = static_cast<Dispatch*>(context)->live;
-    net_pump(l.net);
-    return l.running.cancel_requested ? StopRequest::Terminate : StopRequest::None;
+    auto& d = *static_cast<Dispatch*>(context);
+    net_pump(d.live.net);
+    report_waiting_stop(d);
+    return d.live.running.cancel_requested ? StopRequest::Terminate : StopRequest::None;
   };
   poller.wait_fd = [](void* context) {
     return net_wait_fd(static_cast<Dispatch*>(context)->live.net);

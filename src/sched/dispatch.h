@@ -39,6 +39,7 @@ struct Dispatch {
   std::size_t passes_since_wait = 0;
   std::size_t starts_by_dependency = 0;       // in a row, without one by the clock
   std::optional<Obstacle> reported_obstacle;  // the foreign run last reported
+  bool stop_reported = false;                 // that a stop waits for the running job
 };
 
 // What the loop does next.

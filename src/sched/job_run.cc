@@ -100,17 +100,27 @@ void write_to_log(const JobLog& log, const std::string& text) {
   log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
 }
 
-void start_log(JobLog& log, const Job& job, const std::vector<const char*>& argv,
-               JobRunResult& result) {
+// Opens the log; logs why it cannot be. The directory is made when the file cannot be opened, which
+// is so for a job's first run only.
+void open_log(JobLog& log) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND;
+  log.fd = open_file(log.path.c_str(), kFlags, 0644);
+  if (log.fd.valid()) return;
   if (make_directories(log.directory) != ErrorCode::Ok) {
     log_msg(LogLevel::Warn, "orv_sched: cannot create job log dir %s", log.directory.c_str());
     return;
   }
-  log.fd = open_file(log.path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  log.fd = open_file(log.path.c_str(), kFlags, 0644);
   if (!log.fd.valid()) {
     log_msg(LogLevel::Warn, "orv_sched: cannot write job log %s", log.path.c_str());
-    return;
   }
+}
+
+// Without a log the job runs all the same.
+void start_log(JobLog& log, const Job& job, const std::vector<const char*>& argv,
+               JobRunResult& result) {
+  open_log(log);
+  if (!log.fd.valid()) return;
   result.log_path.set_truncated(log.path);
   write_to_log(log, job_log_header(job, argv, result.started));
 }

@@ -18,13 +18,13 @@ namespace {
 constexpr std::size_t kMaxComm = 31;        // bytes read of a process's name
 constexpr std::size_t kBootNameLength = 8;  // of the 32 digits; enough to tell two boots apart
 
-// The beginning of a file of /proc, which has no size; nothing when it cannot be read.
+// The beginning of a file of /proc, which comes in one piece; nothing when it cannot be read.
 std::optional<std::string> read_start(const std::string& path, std::size_t most) {
   const ScopedFd fd = open_file(path.c_str(), O_RDONLY);
   if (!fd.valid()) return std::nullopt;
   std::string text(most, '\0');
   std::size_t got = 0;
-  if (read_at(fd.get(), 0, text, got) != ErrorCode::Ok || got == 0) return std::nullopt;
+  if (read_up_to(fd.get(), text, got) != ErrorCode::Ok || got == 0) return std::nullopt;
   text.resize(got);
   return text;
 }

@@ -13,6 +13,7 @@
 
 #include "common/files.h"
 #include "common/log.h"
+#include "common/replacement_file.h"
 
 namespace orv {
 namespace {
@@ -67,9 +68,10 @@ ErrorCode create_empty(QueueState& state) {
 
 ScopedFd queue_lock(const char* path) {
   const std::string lock_path = std::string(path) + ".lock";
-  // What is wrong with the directory shows when the file is opened.
-  (void)make_parent_directories(path);
   ScopedFd fd = open_file(lock_path.c_str(), O_RDWR | O_CREAT, 0644);
+  if (!fd.valid() && errno == ENOENT && make_parent_directories(path) == ErrorCode::Ok) {
+    fd = open_file(lock_path.c_str(), O_RDWR | O_CREAT, 0644);
+  }
   if (!fd.valid()) {
     log_msg(LogLevel::Error, "orv_sched: cannot open queue lock %s: %s", lock_path.c_str(),
             std::strerror(errno));
@@ -97,16 +99,17 @@ ErrorCode queue_load_readonly(QueueState& state, const char* path) {
 }
 
 ErrorCode queue_save(const QueueState& state) {
-  const std::string temporary = state.path + ".tmp";
-  if (ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
-  ScopedFd fd = open_file(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (!fd.valid()) return error_from_errno(errno);
-  const auto bytes = std::as_bytes(state.records());
-  if (ErrorCode rc = write_all(fd.get(), bytes); rc != ErrorCode::Ok) return rc;
-  if (::fsync(fd.get()) != 0) return error_from_errno(errno);
-  fd.reset();
-  return ::rename(temporary.c_str(), state.path.c_str()) == 0 ? ErrorCode::Ok
-                                                              : error_from_errno(errno);
+  const std::span<const char> bytes(reinterpret_cast<const char*>(state.records().data()),
+                                    state.records().size_bytes());
+  // The directory is not flushed: after a power loss an older queue is a complete one, too, and a
+  // second flush for each step of each run would be felt.
+  const auto save = [&] {
+    return replace_file(state.path, state.path + ".tmp", {bytes.data(), bytes.size()}, 0644,
+                        DirectoryFlush::No);
+  };
+  if (const ErrorCode rc = save(); rc != ErrorCode::NotFound) return rc;
+  if (const ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
+  return save();
 }
 
 void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark) {

@@ -95,8 +95,11 @@ std::string own_path(const std::string& queue_path, const ProcessId& self) {
 // Makes the link, replacing the one that is there.
 bool put_link(const std::string& text, const std::string& path) {
   const std::string fresh = path + kNewSuffix;
-  (void)::unlink(fresh.c_str());  // left by a run that was killed in here
-  if (::symlink(text.c_str(), fresh.c_str()) != 0) return false;
+  int rc = ::symlink(text.c_str(), fresh.c_str());
+  if (rc != 0 && errno == EEXIST && ::unlink(fresh.c_str()) == 0) {
+    rc = ::symlink(text.c_str(), fresh.c_str());  // one was left by a run that was killed in here
+  }
+  if (rc != 0) return false;
   if (::rename(fresh.c_str(), path.c_str()) == 0) return true;
   const int error = errno;
   (void)::unlink(fresh.c_str());

@@ -34,6 +34,7 @@ TEST_F(DaemonTest, LetsARunningJobEndBeforeItStops) {
   start_daemon();
   ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("up")); }));
   daemon_->signal(SIGINT);
+  EXPECT_TRUE(daemon_says("INFO  orv_sched: stopping after job 'a', which is still running\n"));
   home_.write("go", "");
   EXPECT_EQ(daemon_->wait(), 0);
   EXPECT_EQ(record_state(record("a")), JobState::Done);
