@@ -18,7 +18,10 @@ struct Obstacle {
   std::string job;    // empty when not known
   pid_t pid = 0;      // of the runner; of the tool when the run is lost
   std::string log;    // path of the job log, empty when not known
-  friend bool operator==(const Obstacle&, const Obstacle&) = default;
+  // Whether both are the same run: what is known of its log does not matter.
+  friend bool operator==(const Obstacle& a, const Obstacle& b) {
+    return a.lost == b.lost && a.job == b.job && a.pid == b.pid;
+  }
 };
 
 // The first run of another process that no other may be started beside: by the queue's RUNNING

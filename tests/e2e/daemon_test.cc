@@ -74,6 +74,23 @@ TEST_F(DaemonTest, SaysWhatWasLostAfterItWasKilledDuringARun) {
   EXPECT_EQ(std::filesystem::file_size(home_.file("state/queue")), kRecordSize);
 }
 
+TEST_F(DaemonTest, StartsNothingBesideARunWhoseJobIsNoLongerConfigured) {
+  tool("orv_agent", "while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done");
+  configure("[a]\nschedule=0 0 1 1 *\n");
+  Program run(command_line("run", {"a"}), env());
+  ASSERT_TRUE(reaches("a", JobState::Running));
+  configure("[b]\ncommand=verify\nonce=1\n");
+  start_daemon();
+  ASSERT_TRUE(daemon_says("INFO  orv_sched: job 'a' removed from config, dropping its queue"));
+  EXPECT_TRUE(daemon_says("INFO  orv_sched: job 'a' is running in another process (pid " +
+                          std::to_string(run.pid()) + ") -- no job is started before it ends\n"));
+  EXPECT_EQ(record_state(record("b")), JobState::Pending);
+  home_.write("go", "");
+  EXPECT_EQ(run.wait(), 0);
+  EXPECT_TRUE(daemon_says("INFO  orv_sched: job 'b' starting"));
+  EXPECT_EQ(stop_daemon(), 0);
+}
+
 TEST_F(DaemonTest, ComesThroughToolsThatMisbehave) {
   tool("orv_agent", "head -c 3000000 /dev/zero; sleep 60 & echo $! >" + home_.file("left"));
   tool("orv_verifier", "ls /proc/$$/fd; readlink /proc/$$/fd/0");
