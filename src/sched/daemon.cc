@@ -108,8 +108,11 @@ ErrorCode daemon_loop(const DaemonSettings& settings, LiveState& live, ApiHandle
           settings.config_path.c_str(), settings.queue_path.c_str(), settings.poll_interval_s);
   fill_live_state(dispatch);
   dispatch_apply_network(dispatch);
+  // Only now: a start that fails is then seen as one by whoever asked for it.
+  dispatch.manager.ready(kIdleStatus);
   dispatch_until_stopped(dispatch);
   log_msg(LogLevel::Info, "orv_sched daemon stopping (signal received)");
+  dispatch.manager.stopping("stopping");
   net_shutdown(live.net);
   live.config.reset();
   return ErrorCode::Ok;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/times.h"
 #include "config/config.h"
 #include "config/job_command.h"
 #include "sched/queue_file.h"
@@ -132,9 +133,17 @@ bool guard_trips(Dispatch& d) {
   return true;
 }
 
+// What the service manager shows for the time of a run; nothing is made up when there is none.
+void report_running(const Dispatch& d, const Job& job) {
+  if (!d.manager.present()) return;
+  d.manager.status("running job '" + std::string(job.name.view()) + "' since " +
+                   local_time_cell(std::time(nullptr)));
+}
+
 // A run reads the queue again at its end. What could not be saved before it is carried over it; of
 // the job itself the run knows better.
 JobRunResult run(Dispatch& d, const Job& job) {
+  report_running(d, job);
   const auto run_it = [&] {
     return run_job(job, d.settings.run, d.queue, d.lock, &d.poller, &d.live.running);
   };
@@ -202,8 +211,9 @@ void plan_next_run(Dispatch& d, const Job& job, RunResult result, std::int64_t d
 void report_waiting_stop(Dispatch& d) {
   if (!stop_requested() || d.stop_reported) return;
   d.stop_reported = true;
-  log_msg(LogLevel::Info, "orv_sched: stopping after job '%s', which is still running",
-          d.live.running.job.c_str());
+  const std::string text = "stopping after job '" + std::string(d.live.running.job.view()) + "'";
+  log_msg(LogLevel::Info, "orv_sched: %s, which is still running", text.c_str());
+  d.manager.stopping(text);
 }
 
 // Runs the first job that is due; false when none is.
@@ -282,6 +292,7 @@ PassEnd dispatch_pass(Dispatch& d) {
     } else if (run_due(d)) {
       end = PassEnd::Again;
     }
+    if (end == PassEnd::Again && !stop_requested()) d.manager.status(kIdleStatus);
   }
   d.lock.reset();
   return end;

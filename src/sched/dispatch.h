@@ -8,6 +8,7 @@
 
 #include "common/files.h"
 #include "common/scoped_fd.h"
+#include "common/service_manager.h"
 #include "net/supervisor.h"
 #include "sched/daemon.h"
 #include "sched/job_run.h"
@@ -31,6 +32,7 @@ struct Dispatch {
   ApiHandler handler;
   void* handler_context;
   Poller poller;  // serves the network process during a run
+  ServiceManager manager;
   QueueState queue;
   ScopedFd lock;          // held during a pass
   bool unsaved = false;   // the records hold changes that could not be written yet
@@ -58,6 +60,9 @@ void dispatch_adopt_config(Dispatch& dispatch, std::int64_t now);
 
 // Marks the runs FAILED whose scheduler is gone. Needs the lock.
 void dispatch_sweep(Dispatch& dispatch);
+
+// What the service manager is to show while no job runs.
+inline constexpr const char* kIdleStatus = "waiting for the next job";
 
 // Hands the settings of [mail] and [api] to the network process.
 void dispatch_apply_network(Dispatch& dispatch);

@@ -1,4 +1,6 @@
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -31,10 +33,25 @@ TEST_F(DaemonTest, LetsARunningJobEndBeforeItStops) {
   tool("orv_agent", "echo up >" + home_.file("up") + "; while ! [ -e " + home_.file("go") +
                         " ]; do sleep 0.05; done");
   configure("[a]\nonce=1\n[b]\nonce=1\n");
+  // This test stands for the service manager.
+  const ScopedFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un at{AF_UNIX, {}};
+  home_.file("notify").copy(at.sun_path, sizeof at.sun_path - 1);
+  ASSERT_EQ(::bind(manager.get(), reinterpret_cast<const sockaddr*>(&at), sizeof at), 0);
+  const auto told = [&] {
+    std::string text(4096, '\0');
+    const ssize_t got = ::recv(manager.get(), text.data(), text.size(), 0);
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return text;
+  };
+  const ScopedEnv socket("NOTIFY_SOCKET", home_.file("notify"));
   start_daemon();
+  EXPECT_EQ(told(), "READY=1\nSTATUS=waiting for the next job");
+  EXPECT_TRUE(told().starts_with("STATUS=running job 'a' since 2"));
   ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("up")); }));
   daemon_->signal(SIGINT);
   EXPECT_TRUE(daemon_says("INFO  orv_sched: stopping after job 'a', which is still running\n"));
+  EXPECT_EQ(told(), "STOPPING=1\nSTATUS=stopping after job 'a'");
   home_.write("go", "");
   EXPECT_EQ(daemon_->wait(), 0);
   EXPECT_EQ(record_state(record("a")), JobState::Done);
