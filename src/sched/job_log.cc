@@ -24,7 +24,7 @@ constexpr std::string_view kRunIdForm = "ddddddddTddddddZ";
 static_assert(kRunIdForm.size() == kRunIdLength);
 constexpr std::size_t kMaxLogName = 63;  // bytes of a name that rotation keeps
 
-// The number behind the first `label`, in the way of strtoll(); 0 when the label is not there.
+// The number after the first `label`, in the way of strtoll(); 0 when the label is not there.
 std::int64_t number_after(const std::string& text, std::string_view label) {
   const std::size_t at = text.find(label);
   if (at == std::string::npos) return 0;

@@ -125,7 +125,7 @@ void start_log(JobLog& log, const Job& job, const std::vector<const char*>& argv
   write_to_log(log, job_log_header(job, argv, result.started));
 }
 
-// What the tool's run has left behind besides its exit code.
+// How the tool's run ended, besides its exit code.
 struct ToolRun {
   bool started = false;
   RunOutcome outcome;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kMaxSubject = 511;    // bytes
 constexpr std::size_t kMaxBody = 40959;     // bytes
-constexpr std::size_t kTailWindow = 16384;  // bytes at the end of a log that are looked at
+constexpr std::size_t kTailWindow = 16384;  // bytes at the end of a log that are read
 constexpr int kTailLines = 40;
 constexpr std::size_t kMailMessageSize = 512;
 
