@@ -17,7 +17,10 @@ void certificate(std::string_view input);
 void config(std::string_view input);
 void config_text(std::string_view input);
 void ipc(std::string_view input);
+void job_log(std::string_view input);
 void json(std::string_view input);
+void queue(std::string_view input);
+void request(std::string_view input);
 
 // Of the network process; not there when its libraries are missing.
 void http(std::string_view input);

@@ -17,11 +17,13 @@ TEST(FuzzCorpus, GoesThroughWithoutAFault) {
     const char* name;
     void (*run)(std::string_view input);
   } targets[] = {
-      {"auth", fuzz::auth},     {"certificate", fuzz::certificate},
-      {"config", fuzz::config}, {"config_text", fuzz::config_text},
-      {"ipc", fuzz::ipc},       {"json", fuzz::json},
+      {"auth", fuzz::auth},       {"certificate", fuzz::certificate},
+      {"config", fuzz::config},   {"config_text", fuzz::config_text},
+      {"ipc", fuzz::ipc},         {"job_log", fuzz::job_log},
+      {"json", fuzz::json},       {"queue", fuzz::queue},
+      {"request", fuzz::request},
 #ifdef ORV_HAVE_NETPROC
-      {"http", fuzz::http},     {"mail", fuzz::mail},
+      {"http", fuzz::http},       {"mail", fuzz::mail},
       {"smtp", fuzz::smtp},
 #endif
   };
