@@ -27,6 +27,7 @@ constexpr const char* kResultTexts[] = {
     "too many signed requests in the last minutes",
 };
 
+// key=NAME, ts=TIME, nonce=NONCE, sig=SIGNATURE: the pieces, borrowed from the header.
 struct SignedHeader {
   std::string_view name, timestamp, nonce, signature;
 };
@@ -46,11 +47,14 @@ bool is_lower_hex(std::string_view text, std::size_t length) {
          text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
+// One time has one spelling: the text is signed, and leading zeros would make many of it.
 bool is_timestamp(std::string_view text) {
   if (text.find_first_not_of("0123456789") != std::string_view::npos) return false;
   return text == "0" || text.front() != '0';
 }
 
+// Order and separators are fixed. A piece that is too long is malformed before anything is looked
+// up by it; what it must look like is checked once all are there.
 bool parse_signed(std::string_view text, SignedHeader& out) {
   if (!take_piece(text, "key=", kMaxTokenName, out.name)) return false;
   if (!take_piece(text, ", ts=", 23, out.timestamp)) return false;
@@ -73,6 +77,7 @@ AuthResult check_bearer(const TokenStore& store, std::string_view text, Authenti
   const ApiToken* token = find_token(store, text.substr(0, dot));
   if (token == nullptr) return AuthResult::UnknownToken;
   const std::string_view secret = text.substr(dot + 1);
+  // The length is no secret; only texts of equal length can be compared in constant time.
   if (secret.size() != kTokenSecretLength || !equal_constant_time(secret, token->secret.view()))
     return AuthResult::WrongSecret;
   if (token->role == TokenRole::Admin) return AuthResult::AdminMustSign;
@@ -91,8 +96,9 @@ AuthResult check_signed(const TokenStore& store, NonceCache& nonces, std::int64_
     return AuthResult::Malformed;
   HexDigest expected = hmac_sha256_hex(token->secret.view(), canonical);
   const bool matches = equal_constant_time(expected.view(), header.signature);
-  expected.wipe();  // for a forged request it is what the forger lacks
+  expected.wipe();  // for a forged request this is the signature the attacker wants
   if (!matches) return AuthResult::WrongSecret;
+  // Time and nonce only now: without the secret nobody learns about the clock, or fills the ring.
   if (!in_window(header.timestamp, now)) return AuthResult::OutsideWindow;
   if (const AuthResult rc = nonces.accept(header.nonce, now); rc != AuthResult::Ok) return rc;
   out.token = token;
@@ -153,6 +159,7 @@ struct NonceCache::Ring {
     return at == kNone ? nullptr : &slots[at];
   }
 
+  // Takes a slot that is about to be reused out of its bucket's chain.
   void drop(Link index) {
     Slot& slot = slots[index];
     if (!slot.used) return;
@@ -185,6 +192,8 @@ NonceCache::~NonceCache() = default;
 AuthResult NonceCache::accept(std::string_view nonce, std::int64_t now) {
   if (nonce.size() != kNonceLength) return AuthResult::Malformed;
   if (!ring_) ring_ = std::make_unique<Ring>();
+  // An expired nonce may come again. A slot that is still young must not be given away: its nonce
+  // could then be replayed.
   const Ring::Slot* known = ring_->latest(nonce);
   if (known != nullptr && known->young(now)) return AuthResult::NonceUsed;
   const Ring::Slot& oldest = ring_->slots[ring_->position];

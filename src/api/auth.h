@@ -22,6 +22,7 @@ inline constexpr std::size_t kNonceSlots = 4096;
 inline constexpr std::size_t kNonceLength = 32;         // lower-case hexadecimal digits
 inline constexpr std::size_t kMaxCanonicalText = 4095;  // bytes
 
+// In the order in which the checks are made.
 enum class AuthResult : std::uint32_t {
   Ok = 0,
   NoCredentials = 1,
@@ -33,6 +34,7 @@ enum class AuthResult : std::uint32_t {
   NonceUsed = 7,
   TooManyRequests = 8,
 };
+// What the client and the log are told; "?" for any other value.
 [[nodiscard]] const char* auth_result_text(AuthResult result);
 
 // The nonces of the last kNonceSlots signed requests. Checking and storing one costs the same
@@ -64,11 +66,14 @@ struct Authenticated {
 [[nodiscard]] AuthResult authenticate(const TokenStore& store, NonceCache& nonces, std::int64_t now,
                                       const ApiRequest& request, Authenticated& out);
 
-// The text that a request's signature covers. False when it is longer than kMaxCanonicalText.
+// The text that a request's signature covers: "ORV1", then method, path, query, timestamp, nonce,
+// the body's SHA-256 and If-Match, each after a line feed. False when it is longer than
+// kMaxCanonicalText, `out` then of no use.
 [[nodiscard]] bool canonical_request(const ApiRequest& request, std::string_view timestamp,
                                      std::string_view nonce, std::string& out);
 
-// The signature of a response to the request that carried `nonce`, under its token's secret.
+// Over "ORV1-R", the nonce, the status and the body's SHA-256, likewise: the signature of a
+// response to the request that carried `nonce`, under its token's secret.
 [[nodiscard]] HexDigest sign_response(std::string_view secret, std::string_view nonce,
                                       std::uint32_t status, std::string_view body);
 

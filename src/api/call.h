@@ -19,7 +19,7 @@
 
 namespace orv {
 
-// One authenticated request.
+// One authenticated request. All of it is borrowed for the time of the call.
 struct RoutedRequest {
   const ApiRequest& http;
   std::string_view token_name;
@@ -36,6 +36,8 @@ struct PageQuery {
   std::optional<std::int64_t> count;
 };
 
+// A request with all that an endpoint works on. An endpoint changes `live` only as its operation
+// says, and never keeps a reference beyond the call.
 struct ApiCall {
   LiveState& live;
   ApiReply& reply;
@@ -43,6 +45,7 @@ struct ApiCall {
   std::array<PathSegment, 2> variables;  // what stands in the place of the pattern's "*"s
   PageQuery page;
 
+  // The first variable: the job's name, or the mail's id.
   [[nodiscard]] std::string_view name() const { return variables[0].view(); }
 };
 

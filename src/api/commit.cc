@@ -33,6 +33,8 @@ std::shared_ptr<const Config> replace_or_reply(ApiCall& call, const ConfigSnapsh
   }
   std::shared_ptr<const Config> proved;
   char err[kConfigMessageSize];
+  // The policy of the loaded configuration holds, not that of the text: a change cannot lift it for
+  // itself.
   switch (replace_config({.path = live.config_path,
                           .before = before.text,
                           .text = text,
@@ -75,6 +77,7 @@ void send_change_mail(ApiCall& call, std::string_view description, std::string_v
 
 bool check_if_match(ApiCall& call, const ConfigSnapshot& snapshot) {
   const ApiRequest& http = call.request.http;
+  // Both are compared byte for byte, so that "*" and weak tags match nothing.
   if (http.if_match.empty()) {
     return refuse(call, 428, "precondition_required",
                   "If-Match with the current config_etag is required for changes");
@@ -95,7 +98,7 @@ bool validate_change(ApiCall& call, const ConfigSnapshot& before, std::string_vi
 
 SnapshotPtr commit_change(ApiCall& call, const SnapshotPtr& before, SecretString text,
                           std::string_view description) {
-  if (text == before->text) return before;
+  if (text == before->text) return before;  // no copy, no mail, no reload
   remove_config_leftovers(call.live.config_path);
   auto after = std::make_shared<ConfigSnapshot>();  // first: nothing may fail after the rename
   after->etag = entity_tag(text);
@@ -105,6 +108,7 @@ SnapshotPtr commit_change(ApiCall& call, const SnapshotPtr& before, SecretString
   LiveState& live = call.live;
   live.config_changed = true;
   live.snapshot = after;  // the daemon's reload finds it parsed
+  // The file is replaced: from here on the change stands, whatever else fails.
   log_msg(LogLevel::Info, "orv_sched API: token '%.*s' from %s changed %s: %.*s",
           static_cast<int>(call.request.token_name.size()), call.request.token_name.data(),
           call.request.http.client.c_str(), live.config_path.c_str(),

@@ -75,6 +75,7 @@ int keep_copy(std::string_view text, const std::string& directory, std::int64_t 
   }
   const std::string stamp = format_utc(now, kUtcStampFormat);
   unsigned number = next_number(directory, stamp);
+  // Under another name first: a copy that a kill or a full disk cut short would count as one.
   ReplacementFile file(copy_temporary_prefix(directory) + std::to_string(::getpid()));
   if (file.create(0600) != ErrorCode::Ok) {
     return fail(err, "cannot write into %s: %s", directory.c_str(), std::strerror(errno));
@@ -85,6 +86,7 @@ int keep_copy(std::string_view text, const std::string& directory, std::int64_t 
   errno = EEXIST;  // what is reported when all numbers are taken
   for (; number < kCopiesPerSecond && errno == EEXIST; ++number) {
     if (!name_copy(file, copy_path(directory, stamp, number))) continue;
+    // Before the file itself is replaced, or a power loss could take both versions' only copy.
     flush_directory(directory);
     return 0;
   }

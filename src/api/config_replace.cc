@@ -53,6 +53,8 @@ ReplaceResult write_temporary(ReplacementFile& file, std::string_view text,
   if (file.create(0600) != ErrorCode::Ok) {
     return io_failure(fail(err, "cannot write %s: %s", path, std::strerror(errno)));
   }
+  // Owner before mode: a change of owner clears set-id bits. All before the flush and the rename,
+  // so that the file never stands in place with other rights, not even for a moment.
   const bool good = file.write(text) == ErrorCode::Ok &&
                     (::geteuid() != 0 || ::fchown(file.fd(), old.st_uid, old.st_gid) == 0) &&
                     copy_acl(target, file.fd()) &&
@@ -70,6 +72,7 @@ ReplaceResult prove(const std::string& temporary, const std::string& path,
     proved = std::move(config);
     return ReplaceResult::Ok;
   }
+  // Whoever reads the message knows the file by its own name; the temporary one is gone by then.
   std::string text = message.data();
   for (std::size_t at = text.find(temporary); at != std::string::npos;
        at = text.find(temporary, at + path.size())) {

@@ -13,6 +13,7 @@
 
 namespace orv {
 
+// What is to be done; the texts are borrowed.
 struct Replacement {
   const std::string& path;
   std::string_view before;         // what the file holds, as far as the client knows
@@ -22,6 +23,7 @@ struct Replacement {
   std::int64_t now = 0;            // Unix seconds; names the copy
 };
 
+// The client's fault, the server's, or neither's.
 enum class ReplaceResult : int {
   Ok = 0,
   InvalidConfig = -1,

@@ -17,6 +17,7 @@ struct Line {
   std::string_view content;  // trimmed, without comment; empty for a line that says nothing
 };
 
+// A line with a quote fault says nothing to an edit and stays: the loader will complain about it.
 std::vector<Line> split_lines(std::string_view text) {
   std::vector<Line> lines;
   while (!text.empty()) {
@@ -45,6 +46,7 @@ struct Extent {
   std::size_t end = 0;
 };
 
+// Of several sections of one name the first counts; the loader takes no such file anyway.
 std::optional<Extent> find_section(const std::vector<Line>& lines, std::string_view section) {
   const auto is_header = [](const Line& line) { return header_of(line).has_value(); };
   const auto first = std::find_if(lines.begin(), lines.end(),
@@ -55,6 +57,8 @@ std::optional<Extent> find_section(const std::vector<Line>& lines, std::string_v
                 static_cast<std::size_t>(last - lines.begin())};
 }
 
+// Without quotes the loader would take a leading quote for one, and cut the value at a comment
+// sign.
 bool needs_quotes(std::string_view value) {
   if (value.starts_with('"') || value.starts_with('\'')) return true;
   for (std::size_t i = 0; i < value.size(); ++i) {
@@ -73,6 +77,7 @@ std::string_view tail_of(const Line& line) {
 
 std::string_view line_ending(std::string_view raw) { return raw.ends_with("\r\n") ? "\r\n" : "\n"; }
 
+// Single quotes where they will do, because they know no escapes.
 void append_value(SecretString& out, std::string_view value) {
   const bool quoted = needs_quotes(value);
   const char quote = value.find('\'') == std::string_view::npos ? '\'' : '"';
@@ -100,6 +105,7 @@ void append_setting(SecretString& out, const KeyEdit& edit, std::string_view tai
   out.append(tail.substr(taken));
 }
 
+// A key that would read back as another one, as a comment or as a header.
 bool writable_key(std::string_view key) {
   return !key.empty() && key.find_first_of("=#[] \t\r\n") == std::string_view::npos;
 }
@@ -199,6 +205,7 @@ std::optional<SecretString> set_keys(std::string_view text, std::string_view sec
     return out;
   }
   out.append(text);
+  // One empty line sets the new section off, also when the last line lacks its end.
   if (!text.empty()) out.append(text.ends_with('\n') ? "\n" : "\n\n");
   out.append("[").append(section).append("]\n");
   PendingEdits(edits).append_rest(out, "\n");

@@ -10,6 +10,7 @@
 
 namespace orv {
 
+// What one reply may hold, so that it fits its buffer.
 inline constexpr std::int64_t kJobsPageMax = 50;        // jobs
 inline constexpr std::int64_t kLogChunkMax = 49152;     // bytes of the log
 inline constexpr std::size_t kLogChunkEscaped = 60928;  // bytes of its JSON string

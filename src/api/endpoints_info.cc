@@ -11,6 +11,7 @@
 namespace orv {
 namespace {
 
+// "time" lets clients with a wrong clock sign with the server's.
 void write_server(JsonWriter& json, const ApiCall& call) {
   std::array<char, kMaxHostName + 1> host;
   json.integer_member("api_version", 1);
@@ -27,6 +28,7 @@ void write_server(JsonWriter& json, const ApiCall& call) {
   json.end_array();
 }
 
+// Of the loaded configuration, because that is what requests are judged by.
 void write_policy(JsonWriter& json, const ApiSection& api) {
   json.key("policy");
   json.begin_object();
@@ -47,6 +49,7 @@ void write_commands(JsonWriter& json) {
   for (const JobCommandRow& row : job_commands()) {
     json.begin_object();
     json.text_member("name", row.name);
+    // The same commands take a profile and --background.
     json.boolean_member("profile", row.takes_background);
     json.boolean_member("retention", row.takes_retention);
     json.end_object();
@@ -54,6 +57,7 @@ void write_commands(JsonWriter& json) {
   json.end_array();
 }
 
+// So that a client need not know them: they are the constants that requests are checked against.
 void write_limits(JsonWriter& json) {
   json.key("limits");
   json.begin_object();
@@ -67,6 +71,8 @@ void write_limits(JsonWriter& json) {
 }  // namespace
 
 void get_info(ApiCall& call) {
+  // Only the tag is needed of it. A file that cannot be read is worth an error here, too: a client
+  // that starts with this request learns of it at once.
   const SnapshotPtr snapshot = snapshot_of(call);
   if (!snapshot) return;
   JsonWriter& json = call.reply.json;

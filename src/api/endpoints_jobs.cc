@@ -39,6 +39,8 @@ bool is_running(const ApiCall& call, const JobName& job) {
   return job_runs_elsewhere(queue, job.view());
 }
 
+// The loader refuses an 'after' that names no job; this says it before the file is touched, and
+// says which job is in the way.
 const Job* find_dependant(const Config& config, const JobName& name) {
   for (const Job& job : config.jobs) {
     if (job.name == name) continue;
@@ -48,6 +50,7 @@ const Job* find_dependant(const Config& config, const JobName& name) {
 }
 
 bool may_delete(ApiCall& call, const ConfigSnapshot& snapshot, const Job& job) {
+  // The tag first: what follows is only true of the configuration that the client has seen.
   if (!check_if_match(call, snapshot)) return false;
   if (is_running(call, job.name)) {
     reply_error(call.reply, 409, "job_running", "job '%s' is running", job.name.c_str());
@@ -88,6 +91,7 @@ void get_jobs(ApiCall& call) {
   }
   const SnapshotPtr snapshot = snapshot_of(call);
   if (!snapshot) return;
+  // One view of the queue for the whole page, so that the jobs' states fit together.
   const QueueState queue = load_queue_view(call.live, *snapshot->config, call.request.now);
   const std::vector<Job>& jobs = snapshot->config->jobs;
   const auto total = static_cast<std::int64_t>(jobs.size());
@@ -127,10 +131,12 @@ void put_job(ApiCall& call) {
   const Job* const existing = find_job(*before->config, call.name());
   std::optional<SecretString> text = changed_job_text(call, *before, call.name(), existing, *body);
   if (!text) return;
+  // In the log and in the subject of the change mail.
   std::string description = existing == nullptr ? "created job '" : "updated job '";
   description.append(call.name()).append("'");
   const SnapshotPtr after = commit_change(call, before, std::move(*text), description);
   if (!after) return;
+  // As it was proved to load before the file was replaced; nothing is read again.
   const Job* const job = find_job(*after->config, call.name());
   if (job != nullptr) reply_job(call, *after, *job, existing == nullptr ? 201 : 200);
 }

@@ -23,11 +23,13 @@ const char* mail_state_name(TestMailState state) {
 
 void send_test_mail(ApiCall& call) {
   LiveState& live = call.live;
+  // The loaded settings are tested, not the file's: the network process has those.
   if (!live.config->mail.present) {
     reply_error(call.reply, 409, "mail_not_configured",
                 "there is no [mail] section (in the configuration the daemon has loaded)");
     return;
   }
+  // Between two lives of the network process a mail would only wait, and the client with it.
   if (net_wait_fd(live.net) < 0) {
     reply_error(call.reply, 503, "unavailable", "mail cannot be sent right now");
     return;
@@ -44,7 +46,7 @@ void send_test_mail(ApiCall& call) {
                 "the mail could not be handed to the network process");
     return;
   }
-  test_mail_add(live.test_mails, id);
+  test_mail_add(live.test_mails, id);  // its outcome comes later, through the supervisor
   call.reply.json.begin_object();
   call.reply.json.integer_member("mail_id", id);
   call.reply.json.end_object();
@@ -57,6 +59,7 @@ void get_mail_result(ApiCall& call) {
     reply_error(call.reply, 404, "not_found", "no such mail");
     return;
   }
+  // Ids are 32 bits wide; a longer number must not be taken for the one that it ends in.
   const TestMail* mail = id <= UINT32_MAX
                              ? test_mail_find(call.live.test_mails, static_cast<std::uint32_t>(id))
                              : nullptr;

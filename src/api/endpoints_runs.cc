@@ -21,6 +21,7 @@ bool job_exists(ApiCall& call) {
   return snapshot && job_of(call, *snapshot) != nullptr;
 }
 
+// Without a trailer a run goes on or was lost: what a trailer would say is null.
 void write_run(JsonWriter& json, std::string_view id, const JobLogFile& log) {
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
@@ -51,6 +52,8 @@ bool read_chunk(const ApiCall& call, const JobLogFile& log, std::int64_t length,
   return true;
 }
 
+// "finished" and "size" are of the same moment as the data: a client that has read to "size" of a
+// finished log has read all of it.
 void write_chunk(ApiCall& call, const JobLogFile& log, std::string_view chunk) {
   JobLogTrailer trailer;
   read_job_log_trailer(log.file.get(), log.size, trailer);
@@ -73,6 +76,7 @@ void log_action(const ApiCall& call, const char* action) {
           call.request.http.client.c_str(), action, call.variables[0].c_str());
 }
 
+// Counted from 1.
 std::size_t queue_position(const LiveState& live, std::string_view job) {
   const auto found = std::find_if(live.run_queue.begin(), live.run_queue.end(),
                                   [job](const RunRequest& run) { return run.job == job; });
@@ -129,6 +133,7 @@ void cancel_running(ApiCall& call) {
   }
   log_action(call, "cancels running job");
   CancelSlot& slot = call.live.running;
+  // The first who asks is the one that the log names.
   if (!slot.cancel_requested) slot.cancelled_by.set_truncated(call.request.token_name);
   slot.cancel_requested = true;
   reply_cancelled(call, "stop_requested");
@@ -147,7 +152,7 @@ void get_runs(ApiCall& call) {
   std::size_t listed = 0;
   for (const std::string& id : list_run_ids(directory)) {
     JobLogFile log;
-    if (!open_job_log(directory, id, log)) continue;
+    if (!open_job_log(directory, id, log)) continue;  // a link, a directory, or just rotated away
     write_run(json, id, log);
     if (++listed == kRunsListed) break;
   }
@@ -164,6 +169,7 @@ void get_log_chunk(ApiCall& call) {
     return;
   }
   const std::string_view id = call.variables[1].view();
+  // The form is checked before a path is made of it: no id leads out of the directory.
   if (!is_run_id(id)) {
     reply_no_run(call);
     return;
@@ -190,6 +196,7 @@ void run_job_now(ApiCall& call) {
     reply_queued(call, true);
     return;
   }
+  // Bounded: a client must not fill the daemon's memory, nor its night.
   if (live.run_queue.size() >= kMaxQueuedRuns) {
     reply_error(call.reply, 503, "run_queue_full", "too many queued runs");
     return;
@@ -203,6 +210,7 @@ void run_job_now(ApiCall& call) {
 
 void cancel_job(ApiCall& call) {
   LiveState& live = call.live;
+  // The running job first, and without the file: a run must be stoppable while the file is broken.
   if (live.running.job == call.name() && !live.running.job.empty()) {
     cancel_running(call);
     return;

@@ -44,6 +44,7 @@ bool read_password(ApiReply& reply, const JsonValue& object, const BodyField& fi
   return false;
 }
 
+// The addresses are checked one by one, so that none of them can hold a comma and become two.
 bool read_recipients(ApiReply& reply, const JsonValue& object, const BodyField& field,
                      std::optional<SecretString>& value) {
   const JsonValue* list = json_member(&object, field.name);
@@ -84,6 +85,8 @@ constexpr BodyField kMailFields[] = {
 };
 // clang-format on
 
+// As the file has it, defaults filled in by the loader. The password is not shown to anybody, only
+// whether and where it is kept.
 void write_mail(JsonWriter& json, const MailSection& mail) {
   json.begin_object();
   json.text_member("smtp_host", mail.smtp_host.view());
@@ -132,6 +135,7 @@ void set_mail(ApiCall& call, const JsonValue& mail) {
   if (!before) return;
   std::vector<KeyEdit> edits;
   if (!read_body_fields(call.reply, mail, kMailFields, edits)) return;
+  // Whole or not at all: the loader would refuse a [mail] without them, in less helpful words.
   if (!has_value(edits, "smtp-host") || !has_value(edits, "from") || !has_value(edits, "to")) {
     (void)refuse(call, 400, "invalid_value", "'smtp_host', 'from' and 'to' are required");
     return;
@@ -173,6 +177,7 @@ void put_sched_settings(ApiCall& call) {
     reply_error(call.reply, 400, "invalid_value", "body must be {\"sched\": {...}}");
     return;
   }
+  // Also null is refused: the daemon writes there as root, and clients are not to choose where.
   if (json_member(sched, "job_log_dir") != nullptr) {
     reply_error(call.reply, 403, "read_only", "job_log_dir cannot be changed through the API");
     return;

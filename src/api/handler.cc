@@ -22,6 +22,7 @@ void reply_unavailable(ApiContext& context, const char* why) {
 // cannot be used.
 bool tokens_current(ApiContext& context) {
   const FixedText<kMaxPath>& path = context.live.config->api.tokens_file;
+  // Read before the file: a change between the two is seen by the next request.
   const FileIdentity identity = file_identity(path.c_str());
   if (context.tokens_state != TokenFileState::NotLoaded && path == context.tokens_path &&
       identity == context.tokens_identity)
@@ -53,6 +54,7 @@ bool tokens_current(ApiContext& context) {
 void refuse(ApiContext& context, const ApiRequest& request, AuthResult result,
             ApiResponse& response) {
   const char* text = auth_result_text(result);
+  // The credentials were good: neither a line of refusal nor a mark against the client's address.
   if (result == AuthResult::TooManyRequests) return reply_unavailable(context, text);
   log_msg(LogLevel::Warn, "orv_sched API: %s %s from %s refused: %s", request.method.c_str(),
           request.path.c_str(), request.client.c_str(), text);
@@ -62,6 +64,7 @@ void refuse(ApiContext& context, const ApiRequest& request, AuthResult result,
 
 void answer(ApiContext& context, std::int64_t now, const ApiRequest& request,
             const ApiToken& token) {
+  // Before it is carried out: the log names the client also when the daemon dies of the request.
   if (request.method != "GET")
     log_msg(LogLevel::Info, "orv_sched API: token '%s' from %s: %s %s", token.name.c_str(),
             request.client.c_str(), request.method.c_str(), request.path.c_str());
@@ -92,6 +95,7 @@ void handle(ApiContext& context, std::int64_t now, const ApiRequest& request,
   response.status = reply.status;
   response.body = reply.body;
   response.etag = reply.etag;
+  // Errors are signed, too: a client believes no unsigned reply to a signed request.
   if (auth.is_signed)
     response.signature =
         sign_response(auth.token->secret.view(), auth.nonce.view(), reply.status, reply.body);

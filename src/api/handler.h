@@ -15,8 +15,11 @@
 
 namespace orv {
 
+// NotLoaded is also the state after a fault that passes: the next request reads the file again.
 enum class TokenFileState : int { NotLoaded = 0, Loaded = 1, Failed = -1 };
 
+// Made once by the daemon; `live` outlives it. Its tokens and nonces are never written to disk by
+// it.
 struct ApiContext {
   explicit ApiContext(LiveState& live_state) : live(live_state) {}
   LiveState& live;

@@ -18,7 +18,7 @@ constexpr std::int64_t kMaxTimeout = 10'000'000;  // seconds
 bool read_command(ApiReply& reply, const JsonValue& object, const BodyField& field,
                   std::optional<SecretString>& value) {
   if (!read_text_value(reply, object, field, value)) return false;
-  JobCommand command = JobCommand::Agent;
+  JobCommand command = JobCommand::Agent;  // not used: only whether it is one
   if (!value || parse_command(*value, command) == 0) return true;
   reply_error(reply, 400, "invalid_value", "unknown command '%s'", value->c_str());
   return false;
@@ -48,7 +48,7 @@ bool read_after(ApiReply& reply, const JsonValue& object, const BodyField& field
     if (!names.empty()) names += ',';
     names += *name;
   }
-  if (!names.empty()) value = std::move(names);
+  if (!names.empty()) value = std::move(names);  // an empty list removes the setting
   return true;
 }
 
@@ -86,6 +86,7 @@ bool is_alphanumeric(char c) {
   return is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
+// Sections that are no jobs.
 bool is_reserved_section(std::string_view name) {
   return name == "sched" || name == "mail" || name == "api";
 }
@@ -94,6 +95,8 @@ bool is_reserved_section(std::string_view name) {
 
 std::span<const BodyField> job_body_fields() { return kJobFields; }
 
+// Narrower than what the file takes: a name becomes a directory of logs, a section header and a
+// segment of a path, and is shown on terminals.
 bool is_api_job_name(std::string_view name) {
   if (name.empty() || name.size() > kMaxApiJobName || is_reserved_section(name)) return false;
   return is_alphanumeric(name.front()) && std::all_of(name.begin(), name.end(), [](char c) {

@@ -17,8 +17,10 @@ namespace orv {
 [[nodiscard]] bool check_job_name(ApiCall& call, std::string_view name);
 
 // The file's text with the job `name` as the body defines it: created when `existing` is null, else
-// that job with the body's fields changed. Nothing after an error reply. Whether the text loads is
-// for the caller to find out.
+// that job with the body's fields changed; lines of fields that the body does not have stay, with
+// their comments and spacing. Nothing after an error reply: a bad field (400), a command outside
+// [api] allowed-commands or arguments without allow-args (403). Whether the text loads is for the
+// caller to find out.
 [[nodiscard]] std::optional<SecretString> changed_job_text(ApiCall& call,
                                                            const ConfigSnapshot& snapshot,
                                                            std::string_view name,

@@ -8,6 +8,7 @@
 namespace orv {
 namespace {
 
+// Not set is null, which is another thing than "no".
 void write_tristate(JsonWriter& json, std::string_view key, Tristate value) {
   json.key(key);
   if (value == Tristate::Unset) {
@@ -25,10 +26,12 @@ void write_state(JsonWriter& json, const Job& job, const LiveState& live, const 
     return;
   }
   const QueueRecord& record = *found;
+  // The record on disk says so as well, but a moment later and not when it could not be saved.
   const bool runs_now = live.running.job == job.name;
   const bool has_run = record.finished_at != 0;
   json.begin_object();
   json.text_member("status", state_name(runs_now ? JobState::Running : record_state(record)));
+  // A time that never comes is null, as is one that was never computed.
   json.integer_member("next_run", record.next_run,
                       record.next_run != kNever && record.next_run != 0);
   json.integer_member("last_run", record.started_at, record.started_at != 0);
@@ -79,6 +82,7 @@ void write_job(JsonWriter& json, const Job& job, const LiveState& live, const Qu
   write_tristate(json, "start_background", job.start_background);
   json.text_member("retention", job.retention.view());
   json.text_member("retention_class", job.retention_class.view());
+  // By the loaded policy, like every request for a run.
   json.boolean_member("api_allowed",
                       command_allowed(live.config->api.allowed_commands, job.command));
   write_state(json, job, live, queue);

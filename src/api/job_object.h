@@ -17,7 +17,8 @@ namespace orv {
 [[nodiscard]] QueueState load_queue_view(const LiveState& live, const Config& config,
                                          std::int64_t now);
 
-// Writes the job as one JSON object.
+// Writes the job as one JSON object: every setting, null where it is not set, and "state", null
+// when the queue has no record of it.
 void write_job(JsonWriter& json, const Job& job, const LiveState& live, const QueueState& queue);
 
 // Whether an API client has asked for a run of this job that has not begun yet.

@@ -67,6 +67,7 @@ class TailTable {
 };
 static_assert(kMaxDiffLines <= UINT16_MAX);
 
+// Also the line of a password that was commented out: it may be in use again tomorrow.
 std::string masked(std::string_view line) {
   constexpr std::string_view kPasswordKey = "smtp-password";
   const std::size_t key_start = std::min(line.find_first_not_of("#; \t\v\f\r"), line.size());
@@ -91,10 +92,12 @@ std::string differences(const Lines& old_lines, const Lines& new_lines) {
     a.pop_back();
     b.pop_back();
   }
+  // At most 2,000 by 2,000 numbers of 16 bits: 8 MB, for the moment of a mail.
   const TailTable tails(a, b);
   std::string out;
   std::size_t i = 0;
   std::size_t j = 0;
+  // Of equally long ways the one that removes first: old lines stand before what replaces them.
   while ((i < a.size() || j < b.size()) && out.size() < kMaxDiffSize) {
     if (i < a.size() && j < b.size() && a[i] == b[j]) {
       ++i;

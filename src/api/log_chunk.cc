@@ -5,6 +5,7 @@
 namespace orv {
 
 std::size_t whole_utf8(std::string_view chunk) {
+  // A sequence has at most four bytes: the last lead byte, if any counts, is among the last four.
   std::size_t lead = chunk.size();
   for (std::size_t back = 0; back < 4 && lead > 0; ++back) {
     --lead;

@@ -10,7 +10,7 @@ constexpr std::size_t kMaxErrorMessage = 1023;  // bytes
 
 void write_error(ApiReply& reply, const char* code, const char* message) {
   JsonWriter& json = reply.json;
-  json.reset();
+  json.reset();  // what was written so far goes, and with it an overflow
   json.begin_object();
   json.key("error");
   json.begin_object();
@@ -39,6 +39,8 @@ void ApiReply::reset() {
 
 void reply_finish(ApiReply& reply, std::uint32_t status) {
   reply.status = status;
+  // Found here once instead of after every write. The tag goes, too: an error shows no
+  // configuration.
   if (reply.json.overflow()) {
     reply.status = 500;
     reply.etag.clear();

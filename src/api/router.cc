@@ -70,6 +70,7 @@ struct Path {
   std::size_t count = 0;
 };
 
+// A decoded slash is refused, so that a segment can never become two path components.
 bool decode_segment(std::string_view text, PathSegment& out) {
   std::string decoded;
   for (std::size_t at = 0; at < text.size(); ++at) {
@@ -88,6 +89,7 @@ bool decode_segment(std::string_view text, PathSegment& out) {
   return !decoded.empty() && out.set(decoded);
 }
 
+// An empty segment (a double or a trailing slash) does not decode, nor does a seventh one fit.
 bool split_path(std::string_view text, Path& out) {
   for (;;) {
     if (out.count == kMaxSegments) return false;
@@ -143,11 +145,13 @@ bool parse_query_part(std::string_view part, std::span<const char* const, 2> nam
   return false;
 }
 
+// Every deviation gets the one complaint that lists what is allowed.
 bool read_page_query(ApiCall& call, const char* count_name) {
   const char* const names[] = {"offset", count_name};
   std::array<std::optional<std::int64_t>, 2> values;
   std::string_view rest = call.request.http.query.view();
   bool good = true;
+  // A trailing "&" leaves an empty part, which is as wrong as any other.
   for (bool more = !rest.empty(); more && good;) {
     const std::size_t end = std::min(rest.find('&'), rest.size());
     good = parse_query_part(rest.substr(0, end), names, values);
@@ -219,6 +223,7 @@ void route(ApiCall& call) {
     (void)refuse(call, 404, "not_found", "unknown path");
     return;
   }
+  // The row's order decides which of several faults a client is told of.
   for (const Check check : row->checks) {
     if (!pass(check, call, *row)) return;
   }

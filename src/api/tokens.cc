@@ -39,7 +39,7 @@ struct TokenWords {
 };
 
 bool scan_words(std::string_view content, TokenWords& words) {
-  if (content.find('\0') != std::string_view::npos) return false;
+  if (content.find('\0') != std::string_view::npos) return false;  // it would hide what follows
   const SecretString text(content);  // ended by a NUL, as the scan needs it
   char surplus[2];
   const ScopedWipe wipe(surplus, sizeof surplus);
@@ -53,6 +53,7 @@ int read_token_line(const char* path, int number, std::string_view raw, TokenSto
   if (!content) return fail(err, "%s:%d: unterminated quote", path, number);
   const std::string_view text = trim(raw.substr(0, *content));
   if (text.empty()) return 0;
+  // From here on the secret is in several places; each wipes itself, whichever way this is left.
   TokenWords words{};
   const ScopedWipe wipe(&words, sizeof words);
   if (!scan_words(text, words))
@@ -78,6 +79,7 @@ int read_token_lines(const char* path, std::string_view text, TokenStore& out,
   for (int number = 1; !text.empty(); ++number) {
     const std::size_t feed = text.find('\n');
     const std::string_view line = text.substr(0, feed == std::string_view::npos ? feed : feed + 1);
+    // Counted with its end, as lines read into a buffer of 512 bytes would be.
     if (line.size() > kMaxTokenLine) return fail(err, "%s:%d: line too long", path, number);
     if (read_token_line(path, number, line, out, err) != 0) return -1;
     text.remove_prefix(line.size());
@@ -128,6 +130,7 @@ bool parse_role(std::string_view text, TokenRole& out) {
   return true;
 }
 
+// Names are no secrets: this need not take the same time for each.
 const ApiToken* find_token(const TokenStore& store, std::string_view name) {
   for (const std::unique_ptr<ApiToken>& token : store.tokens)
     if (token->name == name) return token.get();
@@ -171,6 +174,7 @@ int new_token_secret(FixedSecret<kTokenSecretLength>& out) {
   const ScopedWipe wipe_random(random, sizeof random);
   const ScopedWipe wipe_text(text, sizeof text);
   if (RAND_bytes(random, kSecretBytes) != 1) return -1;
+  // 33 bytes give 44 digits; the last one, of the zero byte, is what padding would stand for.
   for (std::size_t group = 0; group < sizeof random / 3; ++group) {
     const unsigned char* in = random + 3 * group;
     const unsigned bits = static_cast<unsigned>(in[0] << 16 | in[1] << 8 | in[2]);

@@ -18,10 +18,13 @@ namespace orv {
 
 inline constexpr std::size_t kMaxTokens = 256;
 
+// Read may show and check, Admin also change, run and cancel; an admin's requests must be signed.
 enum class TokenRole : std::uint32_t { Read = 0, Admin = 1 };
 [[nodiscard]] const char* role_name(TokenRole role);  // "admin" or "read"
+// These two words, exactly; `out` is written on success only.
 [[nodiscard]] bool parse_role(std::string_view text, TokenRole& out);
 
+// One line of the file.
 struct ApiToken {
   FixedText<kMaxTokenName> name;
   TokenRole role = TokenRole::Read;

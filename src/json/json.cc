@@ -62,6 +62,7 @@ class Parser {
   }
 
   // Counts the value that begins at `offset` and makes its node.
+  // The count, not the size in bytes, is what bounds the memory of a hostile document.
   Node new_node(JsonKind kind, std::size_t offset) {
     if (values_ >= limits_.max_values) return fail_node(offset, "too many values");
     ++values_;
@@ -83,6 +84,7 @@ class Parser {
     return literal();
   }
 
+  // The byte after the word is not looked at: "nullx" fails with whatever comes next.
   Node literal() {
     const std::size_t start = pos_;
     struct Row {
@@ -104,6 +106,7 @@ class Parser {
     return fail_node(start, "unexpected character");
   }
 
+  // The depth is left raised by a failure: the whole parse ends with it.
   Node container(bool is_object) {
     const std::size_t start = pos_;
     if (depth_ >= limits_.max_depth) return fail_node(start, "nesting too deep");
@@ -116,6 +119,7 @@ class Parser {
     return node;
   }
 
+  // After the opening bracket; takes the closing one.
   bool elements(JsonValue& array) {
     skip_blanks();
     if (take(']')) return true;
@@ -142,6 +146,7 @@ class Parser {
       if (!take(':')) return fail_at(pos_, "expected :");
       Node member = value();
       if (!member) return false;
+      // A linear search, at most 512 times 512: two readers must not see two values of one key.
       if (json_member(&object, key) != nullptr) return fail_at(pos_, "duplicate key");
       object.values.push_back(std::move(member));
       object.keys.emplace_back(key);
@@ -205,6 +210,8 @@ class Parser {
     return true;
   }
 
+  // A code point beyond the first plane comes as two escapes, a high and a low surrogate. NUL is
+  // refused so that every string can be handed on as a C string.
   bool unicode_escape(SecretString& out) {
     std::uint32_t point = 0;
     if (!hex4(point)) return fail_at(pos_, "bad \\u escape");
@@ -257,11 +264,13 @@ class Parser {
     if (digits_text.size() > kMaxJsonNumber) return fail_node(start, "number too long");
     Node node = new_node(JsonKind::Number, start);
     if (!node) return nullptr;
+    // strtod() needs an end; the input has none behind the number.
     char copy[kMaxJsonNumber + 1];
     std::memcpy(copy, digits_text.data(), digits_text.size());
     copy[digits_text.size()] = '\0';
     errno = 0;
     node->number = std::strtod(copy, nullptr);
+    // Underflow as well: 1e-400 is not the number that was meant.
     if (errno == ERANGE || !(std::fabs(node->number) <= DBL_MAX))
       return fail_node(start, "number out of range");
     if (!is_integer) return node;

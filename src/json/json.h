@@ -1,5 +1,8 @@
 // A strict, bounded reader of JSON (RFC 8259). Every failure is one message; but for "document too
 // large" it ends "at byte <n>", the offset at which reading stopped. Clients see these messages.
+//
+// Stricter than the RFC: keys are unique within an object, no string holds a NUL, a number must fit
+// a double. Raw bytes of 0x80 and above pass unchecked. Nothing is shared between parses.
 #ifndef ORV_JSON_JSON_H_
 #define ORV_JSON_JSON_H_
 
@@ -16,6 +19,7 @@
 
 namespace orv {
 
+// The values are fixed; Null comes first because an absent member reads as null.
 enum class JsonKind : std::uint32_t {
   Null = 0,
   Boolean = 1,
@@ -40,19 +44,24 @@ struct JsonValue {
 inline constexpr std::size_t kMaxJsonString = 65535;  // bytes of a decoded string
 inline constexpr std::size_t kMaxJsonNumber = 40;     // bytes of a number's text
 
+// What a document may cost. Depth bounds the stack, values bound the heap; containers count as
+// values, too.
 struct JsonLimits {
   std::size_t max_bytes = 4194304;
   std::uint32_t max_depth = 32;
   std::uint32_t max_values = 200000;
 };
+// Of a request's body.
 inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
 
-// 0 with the root in `out`; -1 with one message, `out` empty. `text` needs no NUL.
+// The caller owns the tree. 0 with the root in `out`; -1 with one message, `out` empty. `text`
+// needs no NUL.
 [[nodiscard]] int json_parse(std::string_view text, const JsonLimits& limits,
                              std::unique_ptr<JsonValue>& out, std::span<char> err);
 
 // Accessors; each takes an absent node (null) and one of another kind, and finds nothing in it.
 [[nodiscard]] JsonKind json_kind(const JsonValue* node);  // absent reads as Null
+// Linear, in document order.
 [[nodiscard]] const JsonValue* json_member(const JsonValue* object, std::string_view key);
 // Borrowed from the node.
 [[nodiscard]] std::optional<std::string_view> json_string(const JsonValue* node);

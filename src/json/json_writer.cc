@@ -50,6 +50,7 @@ Piece escape(std::string_view rest) {
     const char code[] = {'\\', 'u', '0', '0', kHexDigits[byte >> 4], kHexDigits[byte & 0xf]};
     return make_piece({code, sizeof code}, 1);
   }
+  // Of a broken sequence only the first byte is replaced; the next may begin a good one.
   const std::size_t length = utf8_sequence(rest);
   return length != 0 ? make_piece(rest.substr(0, length), length) : make_piece("\\ufffd", 1);
 }
@@ -66,6 +67,8 @@ void JsonWriter::reset() {
   if (!buffer_.empty()) buffer_[0] = '\0';
 }
 
+// After the first piece that does not fit nothing more is written: what came later would make no
+// sense without it.
 void JsonWriter::put(std::string_view text) {
   if (overflow_) return;
   if (length_ + text.size() + 1 > buffer_.size()) {
@@ -91,7 +94,7 @@ void JsonWriter::separate() {
 void JsonWriter::open(char bracket) {
   separate();
   put({&bracket, 1});
-  depth_ = std::min(depth_ + 1, kLevels - 1);
+  depth_ = std::min(depth_ + 1, kLevels - 1);  // deeper levels share the last one's commas
   first_[depth_] = true;
 }
 
@@ -118,6 +121,7 @@ std::size_t JsonWriter::put_escaped(std::string_view text, std::size_t limit) {
   std::size_t done = 0;
   while (done < text.size()) {
     const std::string_view rest = text.substr(done);
+    // Runs of plain characters, nearly all of a log, are copied as a whole.
     if (const std::size_t run = std::min(plain_run(rest), room); run > 0) {
       put(rest.substr(0, run));
       room -= run;
@@ -140,6 +144,7 @@ void JsonWriter::string(std::string_view text) {
   put("\"");
 }
 
+// Here what does not fit is no overflow: the caller is told where the text was cut.
 std::size_t JsonWriter::string_limited(std::string_view text, std::size_t limit) {
   separate();
   put("\"");

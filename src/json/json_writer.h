@@ -11,6 +11,9 @@
 
 namespace orv {
 
+// The caller balances brackets and puts a key before each member; commas come by themselves. Text
+// that is no valid UTF-8 is written with U+FFFD in the place of each bad byte. What does not fit
+// sets the overflow, after which nothing more is written. Deeper than 15 levels commas go wrong.
 class JsonWriter {
  public:
   // Writes from the start of `buffer`, which is borrowed and always NUL-terminated.
