@@ -68,16 +68,17 @@ Ipv6Bytes ipv6_bytes(const asio::ip::address& address) {
 }  // namespace
 
 HttpsServer::HttpsServer(asio::io_context& loop, const HttpsLimits& limits,
-                         SendRequest send_request)
+                         SendRequest send_request, std::function<void()> on_empty)
     : loop_(loop), send_request_(std::move(send_request)), acceptor_(loop), retry_timer_(loop) {
   host_.limits = limits;
   host_.submit = [this](const ApiRequest& request, const std::shared_ptr<Connection>& connection) {
     return submit(request, connection);
   };
   host_.abandon = [this](std::uint32_t id) { waiting_.erase(id); };
-  host_.closed = [this](const std::shared_ptr<Connection>& connection) {
+  host_.closed = [this, on_empty = std::move(on_empty)](const auto& connection) {
     host_.clients.leave(connection->client().key);
     connections_.erase(connection);
+    if (connections_.empty()) on_empty();
     seat_waiting_client();
     await_clients();
   };

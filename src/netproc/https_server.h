@@ -24,7 +24,9 @@ class HttpsServer {
   // Sends a request to the scheduler under the id; false when it is not keeping up.
   using SendRequest = std::function<bool(std::uint32_t id, const ApiRequest& request)>;
 
-  HttpsServer(boost::asio::io_context& loop, const HttpsLimits& limits, SendRequest send_request);
+  // `on_empty` is called when the last connection has closed.
+  HttpsServer(boost::asio::io_context& loop, const HttpsLimits& limits, SendRequest send_request,
+              std::function<void()> on_empty);
 
   // Takes the listening socket, an empty owner when there is none.
   [[nodiscard]] int listen_on(ScopedFd listener, std::span<char> err);

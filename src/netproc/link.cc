@@ -64,7 +64,7 @@ void Link::await_output() {
 }
 
 void Link::flush() {
-  const auto record = std::make_unique<IpcMessage>();
+  const auto record = std::make_unique_for_overwrite<IpcMessage>();
   while (!waiting_.empty() && !ended_) {
     const std::string_view bytes = waiting_.front();
     ::memcpy(record->bytes.data(), bytes.data(), bytes.size());

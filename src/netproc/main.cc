@@ -1,6 +1,7 @@
 // orv_sched_net: speaks SMTP and HTTPS for orv_sched, which starts it with one end of a socket
 // pair.
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -74,8 +75,11 @@ int run(const ArgList& args) {
   }
   log_init(kNetProgramName, LogLevel::Info);
   (void)::signal(SIGPIPE, SIG_IGN);  // a client that goes away is an error of one write
+  // One heap for both threads: the mail thread's own would keep its pages apart for good.
+  (void)::mallopt(M_ARENA_MAX, 1);
   smtp_init();
   sandbox_enter();
+  (void)::malloc_trim(0);  // what only the start needed
   return net_process_run(std::move(ipc), std::move(listener), HttpsLimits{}, leave_at_once);
 }
 

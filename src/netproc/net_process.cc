@@ -1,5 +1,6 @@
 #include "netproc/net_process.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,6 +20,7 @@ namespace {
 
 // Below the time that the scheduler waits for our end before it kills.
 constexpr std::chrono::milliseconds kFinishGrace{4500};
+constexpr std::chrono::seconds kQuiet{1};
 
 class NetProcess {
  public:
@@ -26,10 +28,12 @@ class NetProcess {
       : link_(
             loop_, std::move(ipc), [this](const IpcParsed& record) { on_record(record); },
             [this](const char* reason) { on_end(reason); }),
-        https_(loop_, limits,
-               [this](std::uint32_t id, const ApiRequest& request) {
-                 return send_request(id, request);
-               }),
+        https_(
+            loop_, limits,
+            [this](std::uint32_t id, const ApiRequest& request) {
+              return send_request(id, request);
+            },
+            [this] { await_quiet(); }),
         mails_(deliver_mail, [this](std::uint32_t id, const SmtpOutcome& outcome) {
           // From the queue's thread: the answer goes out on the loop's.
           boost::asio::post(loop_, [this, id, outcome] { on_mail_done(id, outcome); });
@@ -45,6 +49,7 @@ class NetProcess {
   void on_api_config(const IpcParsed& record);
   void on_api_response(const IpcParsed& record);
   void on_end(const char* reason);
+  void await_quiet();
   void finish_mails();
   void on_mail_done(std::uint32_t id, const SmtpOutcome& outcome);
   bool send_request(std::uint32_t id, const ApiRequest& request);
@@ -53,12 +58,11 @@ class NetProcess {
   boost::asio::io_context loop_{1};
   int result_ = 0;
   bool has_listener_ = false;
-  std::unique_ptr<IpcMessage> out_ = std::make_unique<IpcMessage>();
+  std::unique_ptr<IpcMessage> out_ = std::make_unique_for_overwrite<IpcMessage>();
   std::array<char, 512> err_{};
-  std::string subject_ = std::string(kIpcMaxRecord, '\0');
-  std::string body_ = std::string(kIpcMaxRecord, '\0');
   Link link_;
   HttpsServer https_;
+  boost::asio::steady_timer quiet_{loop_};
   boost::asio::steady_timer finishing_{loop_};
   bool finishing_begun_ = false;
   MailQueue mails_;  // last: its thread ends before what it answers to
@@ -75,6 +79,7 @@ int NetProcess::run(ScopedFd listener) {
   link_.start();
   loop_.run();
   https_.stop();
+  quiet_.cancel();
   return result_;
 }
 
@@ -98,10 +103,12 @@ void NetProcess::on_mail_config(const IpcParsed& record) {
 }
 
 void NetProcess::on_mail_send(const IpcParsed& record) {
-  if (ipc_decode_mail_send(record, subject_, body_, err_) != 0) {
+  std::string subject(record.payload.size() + 1, '\0');  // room for all that may be in the record
+  std::string body(record.payload.size() + 1, '\0');
+  if (ipc_decode_mail_send(record, subject, body, err_) != 0) {
     return send_mail_result(record.id, {.status = 1, .error = err_.data()});
   }
-  mails_.submit({.id = record.id, .subject = subject_.c_str(), .body = body_.c_str()});
+  mails_.submit({.id = record.id, .subject = subject.c_str(), .body = body.c_str()});
 }
 
 void NetProcess::on_api_config(const IpcParsed& record) {
@@ -134,6 +141,15 @@ void NetProcess::on_end(const char* reason) {
   finish_mails();
 }
 
+// Clients and mail servers come rarely: what their TLS needed goes back to the system soon after
+// the last one, not in between.
+void NetProcess::await_quiet() {
+  quiet_.expires_after(kQuiet);
+  quiet_.async_wait([](const boost::system::error_code& ec) {
+    if (!ec) (void)::malloc_trim(0);
+  });
+}
+
 // The scheduler has gone, or is about to: mails that it handed over are still sent while it waits
 // for our end, and no new client is served.
 void NetProcess::finish_mails() {
@@ -145,6 +161,7 @@ void NetProcess::finish_mails() {
 
 void NetProcess::on_mail_done(std::uint32_t id, const SmtpOutcome& outcome) {
   send_mail_result(id, outcome);
+  await_quiet();
   if (finishing_begun_ && !mails_.busy()) loop_.stop();
 }
 
