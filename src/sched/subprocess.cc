@@ -23,9 +23,11 @@ namespace orv {
 namespace {
 
 constexpr int kExecFailed = 127;
-// How often the served descriptor may still be readable right after it was served before the next
-// wait leaves it out: whoever floods it, or a descriptor that stays hung up, cannot make us spin.
+// How often the served descriptor may still be readable right after it was served before one wait
+// leaves it out: whoever floods it, or a descriptor that stays hung up, cannot make us spin. That
+// wait is short, because many clients at once look the same, and they wait for their answers.
 constexpr int kMaxHotRounds = 8;
+constexpr int kHotPauseMs = 2;
 
 std::int64_t whole_seconds_since(std::int64_t start_ns) {
   return (monotonic_ns() - start_ns) / 1'000'000'000;
@@ -286,9 +288,10 @@ void wait_serving(Child& child, const CommandOptions& options, const Poller* pol
     return served.wait_fd != nullptr ? served.wait_fd(served.context) : -1;
   };
   for (;;) {
-    const int fd = hot_rounds < kMaxHotRounds ? served_fd() : -1;
-    if (hot_rounds >= kMaxHotRounds) hot_rounds = 0;
-    const bool woken = wait_for_child_or(child, fd, kServeIntervalMs);
+    const bool pause = hot_rounds >= kMaxHotRounds;
+    if (pause) hot_rounds = 0;
+    const bool woken = wait_for_child_or(child, pause ? -1 : served_fd(),
+                                         pause ? kHotPauseMs : kServeIntervalMs);
     // Served before the child is reaped: a request that came in during the run belongs to the run.
     const StopRequest request =
         served.poll != nullptr ? served.poll(served.context) : StopRequest::None;
