@@ -84,6 +84,8 @@ struct AlternativeName {
 
 AlternativeName classify(const char* common_name) {
   AlternativeName name;
+  // As strictly as inet_pton(3) reads: "10.1" is a name, though some resolvers take it for an
+  // address.
   const auto parses = [&](int family) {
     return ::inet_pton(family, common_name, name.address.data()) == 1;
   };
@@ -118,6 +120,7 @@ bool add_alternative_name(X509* cert, const char* common_name) {
 
 Certificate make_certificate(EVP_PKEY* key, const char* common_name, int days) {
   Certificate cert(::X509_new());
+  // The signature comes last: it covers everything before it.
   if (!cert || !set_serial(cert.get())) return nullptr;
   if (::X509_set_version(cert.get(), X509_VERSION_3) != 1) return nullptr;
   if (!set_validity(cert.get(), days) || ::X509_set_pubkey(cert.get(), key) != 1) return nullptr;
@@ -146,6 +149,7 @@ Bio certificate_text(X509* cert) {
   return memory && ::PEM_write_bio_X509(memory.get(), cert) == 1 ? std::move(memory) : nullptr;
 }
 
+// In the directory of the file itself: only there can it be renamed into place.
 std::string temporary_name(const char* path) {
   return std::string(path) + ".tmp." + std::to_string(::getpid());
 }
@@ -199,6 +203,7 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   if (cert_path == nullptr || key_path == nullptr || common_name == nullptr) {
     return ErrorCode::Invalid;
   }
+  // Half a pair counts too: what is there may be the half that has no copy.
   if (!force && (exists(cert_path) || exists(key_path))) return ErrorCode::AlreadyExists;
   const ErrorQueue errors;
   const Key key(::EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
@@ -210,6 +215,7 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   return replaced ? ErrorCode::Ok : ErrorCode::IoError;
 }
 
+// Of a chain, the first certificate counts, as it does for a TLS server.
 PairFault cert_check_pair(std::string_view cert_pem, std::string_view key_pem) {
   const ErrorQueue errors;
   const Certificate cert = parse_certificate(cert_pem);
@@ -228,6 +234,7 @@ CertPair cert_load_pair(const char* cert_path, const char* key_path, SecretStrin
       read_pem_file(key_path, key_text, err) != 0) {
     return CertPair::Unreadable;
   }
+  // The message names the file that has to be mended, not what the library calls the fault.
   switch (cert_check_pair(cert_text, key_text)) {
     case PairFault::NoCertificate:
       (void)fail(err, "%s holds no certificate", cert_path);

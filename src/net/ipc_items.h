@@ -56,6 +56,7 @@ struct RecordType {
 
 inline bool has_nul(std::string_view value) { return value.find('\0') != std::string_view::npos; }
 
+// False when the value has not the 4 bytes of a number.
 inline bool read_u32(std::string_view value, std::uint32_t& out) {
   if (value.size() != 4) return false;
   unsigned char bytes[4];
@@ -75,8 +76,10 @@ struct MemberOf<V R::*> {
 template <auto kField>
 using RecordOf = typename MemberOf<decltype(kField)>::Record;
 
+// Whether an empty field is sent as an empty item or left out.
 enum class Sent { Always, IfSet };
 
+// A number of 4 bytes between kMin and kMax.
 template <auto kField, std::uint32_t kMin = 0, std::uint32_t kMax = UINT32_MAX>
 struct Number {
   using Record = RecordOf<kField>;
@@ -91,8 +94,9 @@ struct Number {
   }
 };
 
+// A number that is only zero or not. Sent as 1 when it is true and else left out.
 template <auto kField>
-struct Flag {  // sent only when it is true
+struct Flag {
   using Record = RecordOf<kField>;
   static const char* store(Record& out, std::string_view value, const char* fault) {
     std::uint32_t n = 0;
@@ -105,6 +109,7 @@ struct Flag {  // sent only when it is true
   }
 };
 
+// What a text may be: a string has no NUL in it, for the fields end at the first one.
 inline bool any_text(std::string_view value) { return !has_nul(value); }
 inline bool some_text(std::string_view value) { return !value.empty() && !has_nul(value); }
 
@@ -138,11 +143,13 @@ struct Bytes {
   }
 };
 
+// The row of a field of that kind.
 template <typename Kind>
 constexpr ItemRow<typename Kind::Record> row(Tag tag, const char* fault, bool repeatable = false) {
   return {tag, Kind::store, Kind::put, fault, repeatable};
 }
 
+// An item as it lies in the received record.
 struct Item {
   std::uint16_t tag = 0;
   std::string_view value;
@@ -176,6 +183,7 @@ int take_item(const RecordType<Record>& type, const Item& item, Record& out, See
   return fault == nullptr ? 0 : fail(err, "%s: %s", type.name, fault);
 }
 
+// Type, items in any order, completeness. 0; -1 with the first fault.
 template <typename Record>
 int walk(const RecordType<Record>& type, const IpcParsed& in, Record& out, std::span<char> err) {
   if (in.type != static_cast<std::uint16_t>(type.type)) {

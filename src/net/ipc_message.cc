@@ -10,6 +10,7 @@ constexpr std::size_t kPayloadLengthAt = 12;  // in the header
 
 }  // namespace
 
+// Up to the longest record so far: a short one may have been written over a long one.
 void IpcMessage::wipe() noexcept {
   ::explicit_bzero(bytes.data(), std::max(length, dirty));
   length = 0;
@@ -51,6 +52,7 @@ void ipc_begin(IpcMessage& msg, MessageType type, std::uint32_t id) {
 }
 
 int ipc_put_bytes(IpcMessage& msg, std::uint16_t tag, std::string_view bytes) {
+  // Compared without a sum, which could wrap around.
   const std::size_t room = kIpcMaxRecord - msg.length;
   if (room < ipc::kItemHeaderSize || bytes.size() > room - ipc::kItemHeaderSize) return -1;
   unsigned char* p = msg.bytes.data() + msg.length;
@@ -58,6 +60,7 @@ int ipc_put_bytes(IpcMessage& msg, std::uint16_t tag, std::string_view bytes) {
   store_le32(p + 2, static_cast<std::uint32_t>(bytes.size()));
   if (!bytes.empty()) ::memcpy(p + ipc::kItemHeaderSize, bytes.data(), bytes.size());
   msg.length += ipc::kItemHeaderSize + bytes.size();
+  // Kept right after every item: the record can be sent as it is at any time.
   store_le32(msg.bytes.data() + kPayloadLengthAt,
              static_cast<std::uint32_t>(msg.length - kIpcHeaderSize));
   return 0;
@@ -76,6 +79,7 @@ int ipc_put_u32(IpcMessage& msg, std::uint16_t tag, std::uint32_t value) {
 }
 
 int ipc_parse(std::span<const unsigned char> record, IpcParsed& out) {
+  // The size first: nothing else may be read before it is known to be there.
   if (record.size() < kIpcHeaderSize || record.size() > kIpcMaxRecord) return -1;
   const unsigned char* p = record.data();
   if (!std::equal(kIpcMagic.begin(), kIpcMagic.end(), p)) return -1;

@@ -19,6 +19,7 @@ constexpr RecordType<IpcHello> kHello = {.type = MessageType::Hello,
                                          .missing = nothing_missing,
                                          .empty = "no pid"};
 
+// The one field that is a row of items.
 struct Recipients {
   using Record = IpcMailConfig;
   // Checks the count first: a 17th recipient is one too many even when it is malformed.
@@ -96,6 +97,7 @@ struct Subject : Text<&MailSend::subject, Sent::Always> {
   }
 };
 
+// Both may be empty, but not left out.
 const char* mail_send_missing(const MailSend& /*record*/, const Seen& seen) {
   return seen.has(kSendSubject) && seen.has(kSendBody) ? nullptr : "incomplete";
 }
@@ -127,6 +129,7 @@ struct ErrorText : Text<&MailResult::error, Sent::Always> {
   }
 };
 
+// A success has no text and a failure has one, so that neither can pass for the other.
 const char* mail_result_missing(const MailResult& record, const Seen& seen) {
   if (!seen.has(kResultStatus)) return "no status";
   if (seen.has(kResultError) == (record.status != 0)) return nullptr;
@@ -178,11 +181,13 @@ constexpr RecordType<IpcApiConfig> kApiConfig = {.type = MessageType::ApiConfig,
                                                  .empty = "malformed or incomplete",
                                                  .malformed = "malformed or incomplete"};
 
+// What comes from clients of the API goes to logs and terminals: no byte beyond printable ASCII.
 bool some_printable(std::string_view value) { return !value.empty() && ipc_printable(value); }
 bool absolute_path(std::string_view value) {
   return value.starts_with('/') && ipc_printable(value);
 }
 
+// The method is looked up last: a request that is incomplete is that, whatever its method.
 const char* api_request_missing(const ApiRequest& record, const Seen& /*seen*/) {
   if (record.method.empty() || record.path.empty() || record.client.empty()) return "incomplete";
   return is_api_method(record.method.view()) ? nullptr : "method not allowed";
@@ -213,6 +218,7 @@ const char* api_response_missing(const ApiResponse& /*record*/, const Seen& seen
 }
 
 // clang-format off
+// The body goes last, after the flag with the higher number: a reader sees what the response is first.
 constexpr ItemRow<ApiResponse> kApiResponseItems[] = {
     row<Number<&ApiResponse::status, kIpcMinHttpStatus, kIpcMaxHttpStatus>>(kResponseStatus, "bad status"),
     row<Text<&ApiResponse::etag, Sent::IfSet, ipc_printable>>(kResponseEtag, "bad etag"),
@@ -257,6 +263,7 @@ int ipc_encode_mail_send(IpcMessage& msg, std::uint32_t id, std::string_view sub
 
 int ipc_decode_mail_send(const IpcParsed& in, std::span<char> subject, std::span<char> body,
                          std::span<char> err) {
+  // The texts point into the record until all of it is known to be good; only then are they copied.
   MailSend out = {{"", subject.size()}, {"", body.size()}};
   const auto forget = [](MailSend& record) { record.subject.text = record.body.text = {}; };
   const int rc = decode(kMailSend, in, out, err, forget);
@@ -280,6 +287,7 @@ int ipc_decode_mail_result(const IpcParsed& in, std::uint32_t& status, std::span
   const int rc = decode(kMailResult, in, out, err, forget);
   status = out.status;
   copy_line(out.error, error_text);
+  // A server's answer may have several lines; a log line must stay one.
   const auto line_break = [](char c) { return c == '\r' || c == '\n'; };
   std::ranges::replace_if(error_text.first(out.error.text.size()), line_break, ' ');
   return rc;

@@ -30,7 +30,9 @@ IpcReceived ipc_recv(int fd, IpcMessage& msg, bool nonblocking) {
     got = ::recv(fd, msg.bytes.data(), msg.bytes.size(), flags);
   } while (got < 0 && errno == EINTR);
   if (got < 0 && errno == EAGAIN) return IpcReceived::Nothing;
+  // An empty record cannot be told from the end; the codec never makes one.
   if (got <= 0) return IpcReceived::Closed;
+  // MSG_TRUNC reports the record's real length; what did not fit is gone, the buffer is full.
   if (static_cast<std::size_t>(got) > msg.bytes.size()) {
     msg.dirty = msg.bytes.size();
     return IpcReceived::Oversized;

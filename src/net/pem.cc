@@ -15,6 +15,8 @@ int read_pem_file(const char* path, SecretString& out, std::span<char> err) {
   const ScopedFd file = open_file(path, O_RDONLY | O_NONBLOCK);
   if (!file.valid()) return fail(err, "cannot read %s: %s", path, ::strerror(errno));
   SecretString text;
+  // A file that is too large is worded like one that holds something else; a failure to read is
+  // not.
   const ErrorCode rc = read_whole(file.get(), kIpcMaxPem, text);
   if (rc != ErrorCode::Ok && errno != EFBIG) {
     return fail(err, "cannot read %s: %s", path, ::strerror(errno));

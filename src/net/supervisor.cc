@@ -104,6 +104,7 @@ const char* on_mail_result(NetSupervisor& sup, const IpcParsed& in) {
 }
 
 void answer(NetSupervisor& sup, std::uint32_t id, const ApiResponse& response) {
+  // A slow child only loses this answer; its client runs into a time limit of its own.
   OutgoingRecord record;
   const int encoded = ipc_encode_api_response(record.message(), id, response);
   const char* failure = hand_over(sup, encoded, record.message());
@@ -175,6 +176,7 @@ bool look_after_child(NetSupervisor& sup) {
   int status = 0;
   const pid_t pid = sup.child.pid;
   if (!reap(sup, status)) return false;
+  // With the socket closed already, the loss was logged and the back-off set then.
   if (pid > 0 && sup.child.fd.valid()) {
     sup.child.fd.reset();
     log_msg(LogLevel::Warn, "orv_sched: network process pid=%d exited (status=%d)", pid, status);

@@ -62,6 +62,7 @@ void net::send_mail_config(NetSupervisor& sup) {
 }
 
 void net::give_up_mails(NetSupervisor& sup) {
+  // Taken out first: the callback may queue another mail, which must not be given up with these.
   for (const std::uint32_t id : std::exchange(sup.mail.unanswered, {})) {
     log_msg(LogLevel::Warn, "orv_sched: mail #%u: %s", id, kNoOutcome);
     if (sup.on_mail_result != nullptr) {
@@ -71,6 +72,7 @@ void net::give_up_mails(NetSupervisor& sup) {
 }
 
 void net::finish_mails(NetSupervisor& sup) {
+  // Inside the pump nothing would be received, and a child that has gone answers nothing.
   const std::int64_t deadline = monotonic_ms() + kMailGrace * 1000;
   for (std::int64_t left = kMailGrace * 1000;
        left > 0 && !sup.mail.unanswered.empty() && sup.child.fd.valid() && !sup.child.in_pump;
@@ -86,6 +88,8 @@ void net::finish_mails(NetSupervisor& sup) {
 void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
   store_mail_settings(sup, mail);
   if (!sup.mail.settings.valid) return;
+  // A new child gets the settings when it starts, a running one now; a child that is wanted and
+  // waits for its restart gets them then.
   if (!sup.child.wanted) {
     sup.child.wanted = true;
     sup.child.next_restart = 0;
@@ -96,8 +100,8 @@ void net_set_mail(NetSupervisor& sup, const MailSection& mail) {
 }
 
 std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::string_view body) {
-  net_pump(sup);
-  const std::string name(subject);
+  net_pump(sup);                    // a child that is due is started, one that died is noticed
+  const std::string name(subject);  // for printf
   if (!sup.child.fd.valid()) {
     log_msg(LogLevel::Error, "orv_sched: mail \"%s\" not sent: the network process is not running",
             name.c_str());
@@ -121,6 +125,7 @@ std::uint32_t net_queue_mail(NetSupervisor& sup, std::string_view subject, std::
 int net_wait_mail_result(NetSupervisor& sup, std::uint32_t mail_id, std::uint32_t timeout_s,
                          std::span<char> err) {
   sup.mail.last_mail_id = 0;
+  // In steps, so that a child that has gone is noticed also when its socket says nothing.
   const std::int64_t deadline = monotonic_ms() + std::int64_t{timeout_s} * 1000;
   while (sup.mail.last_mail_id != mail_id) {
     const std::int64_t left = deadline - monotonic_ms();

@@ -45,10 +45,12 @@ void ClientLimits::leave(const Ipv6Bytes& key) {
 ClientLimits::Failures& ClientLimits::failures_of(const Ipv6Bytes& key, std::int64_t now) {
   const auto known = failures_by_key_.find(key);
   if (known != failures_by_key_.end()) {
+    // To the end of the list, which thereby stays in the order of the last failure.
     failures_.splice(failures_.end(), failures_, known->second);
     if (now - known->second->last > kAuthMemory) *known->second = Failures{.key = key};
     return *known->second;
   }
+  // Room for the new one: the oldest go, and with them all that are forgotten by now.
   while (!failures_.empty() &&
          (failures_.size() >= kMaxAuthRecords || now - failures_.front().last > kAuthMemory)) {
     failures_by_key_.erase(failures_.front().key);
@@ -67,6 +69,7 @@ std::int64_t ClientLimits::auth_failed(const Ipv6Bytes& key, std::int64_t now) {
   }
   record.last = now;
   if (++record.count < kAuthFailuresAllowed) return 0;
+  // A client that goes on after its block gets one twice as long.
   record.block = record.block == 0 ? kFirstBlock : std::min(record.block * 2, kMaxBlock);
   record.blocked_until = now + record.block;
   record.count = 0;

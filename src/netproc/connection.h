@@ -2,21 +2,18 @@
 // stage has an absolute deadline, so that a client that feeds its bytes one by one gains nothing.
 // What is malformed or too large is answered here and never reaches the scheduler.
 //
-//   stage      waits for                            deadline   goes on to
-//   Handshake  the TLS handshake, then the first    handshake, Request; Farewell at its end of
-//   input
-//              byte of a request                    request
-//   Idle       the first byte of a further request  idle       Request; Farewell at its end of
-//   input Request    a head, then its body                request    Answer; Reply when it is
-//   refused Answer     the scheduler                        answer     Reply, with the answer or a
-//   504 Reply      the client to take the reply         reply      Request when more has come
-//   already,
-//                                                              Idle; Farewell when it is the last
-//   Farewell   the client to close                  farewell   Closed
-//   Closed     nothing: what still completes finds the stage and does nothing
+//   stage      waits for                             deadline   goes on to
+//   Handshake  the TLS handshake, then a first byte  handshake  Request
+//   Idle       the first byte of a further request   idle       Request
+//   Request    a head, then its body                 request    Answer; Reply when it is refused
+//   Answer     the scheduler                         answer     Reply; with a 504 when time is up
+//   Reply      the client to take the reply          reply      Idle, or Request when one is there;
+//                                                               Farewell after the last
+//   Farewell   the client to close                   farewell   Closed
+//   Closed     nothing; what still completes finds the stage and does nothing
 //
-// Every stage goes to Closed when its deadline passes, but Answer, which replies 504; and when the
-// connection breaks.
+// Where a request could begin, the end of the client's input leads to Farewell. A deadline that
+// passes in any other stage than Answer, and a broken connection, lead to Closed.
 #ifndef ORV_NETPROC_CONNECTION_H_
 #define ORV_NETPROC_CONNECTION_H_
 

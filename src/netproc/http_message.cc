@@ -95,6 +95,8 @@ void append_date(std::string& out, std::int64_t now) {
 
 const HttpError* http_map_head(const HttpHead& head, ApiRequest& out) {
   if (!is_api_method(head.method)) return &kHttpMethodNotAllowed;
+  // The checks that make a request well-formed come before those of its size: the error that helps
+  // most is the one about what was meant.
   std::string_view path = head.target;
   if (head.ambiguous || !ipc_printable(path) || !origin_form(path)) return &kHttpBadRequest;
   std::string_view query;
@@ -117,9 +119,10 @@ std::string http_reply_text(const HttpReply& reply) {
   append_date(out, reply.now);
   append_header(out, "Content-Type", "application/json");
   append_header(out, "Content-Length", std::to_string(reply.body.size()));
-  append_header(out, "Cache-Control", "no-store");
+  append_header(out, "Cache-Control", "no-store");  // replies show the configuration
   append_header(out, "ETag", reply.etag);
   append_header(out, "ORV-Signature", reply.signature);
+  // Headers that their status requires (RFC 9110, sections 11.6.1 and 15.5.6).
   if (reply.status == 401) append_header(out, "WWW-Authenticate", "ORV-HMAC-SHA256, Bearer");
   if (reply.status == 405) append_header(out, "Allow", "GET, PUT, POST, DELETE");
   if (reply.retry_after_s > 0) {

@@ -100,6 +100,7 @@ int HttpsServer::listen_on(ScopedFd listener, std::span<char> err) {
   return ec ? fail(err, "the listening socket cannot be used: %s", ec.message().c_str()) : 0;
 }
 
+// Everything is tried on a context of its own, so that a bad pair leaves the one in use alone.
 int HttpsServer::configure(const IpcApiConfig& config, std::span<char> err) {
   auto tls = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_server);
   const auto buffer = [](std::string_view text) { return asio::buffer(text.data(), text.size()); };

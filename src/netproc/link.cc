@@ -24,6 +24,7 @@ void Link::await_input() {
   });
 }
 
+// Bounded, so that a scheduler that never stops talking cannot keep the clients waiting.
 void Link::on_input() {
   for (int i = 0; i < kLinkRecordsPerTurn && !ended_ && !busy(); ++i) {
     IpcParsed record;
@@ -45,6 +46,7 @@ void Link::on_input() {
 void Link::send(IpcMessage& record) {
   if (!ended_) {
     const std::string_view bytes(reinterpret_cast<const char*>(record.bytes.data()), record.length);
+    // Behind those that wait already, so that records stay in order.
     if (!waiting_.empty() || ipc_send(socket_.native_handle(), record, true) != 0) {
       waiting_.emplace_back(bytes);
       waiting_bytes_ += bytes.size();
@@ -63,6 +65,8 @@ void Link::await_output() {
   });
 }
 
+// One record at a time through a buffer that can be wiped: what waits may be a request with a
+// secret.
 void Link::flush() {
   const auto record = std::make_unique_for_overwrite<IpcMessage>();
   while (!waiting_.empty() && !ended_) {
@@ -73,6 +77,7 @@ void Link::flush() {
     const int error = errno;
     record->wipe();
     if (!sent) {
+      // ENOBUFS: the kernel has no memory for it now. Anything else ends the link.
       if (error == EAGAIN || error == ENOBUFS) break;
       return end(nullptr);
     }
@@ -84,6 +89,7 @@ void Link::flush() {
 }
 
 void Link::end(const char* reason) {
+  // Sending may find the end while receiving has found it already.
   if (std::exchange(ended_, true)) return;
   boost::system::error_code ignored;  // closing is all that is left to do
   socket_.close(ignored);

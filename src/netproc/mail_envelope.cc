@@ -24,6 +24,7 @@ struct UrlFree {
 std::string ascii_domain(const std::string& domain) {
   const std::unique_ptr<CURLU, UrlFree> url(curl_url());
   char* text = nullptr;
+  // Both are needed: libcurl gives no part of a URL that has no scheme.
   const bool done = url &&
                     curl_url_set(url.get(), CURLUPART_HOST, domain.c_str(), 0) == CURLUE_OK &&
                     curl_url_set(url.get(), CURLUPART_SCHEME, "smtp", 0) == CURLUE_OK &&
@@ -48,6 +49,7 @@ int convert(std::string_view address, std::string& out, std::span<char> err) {
 }  // namespace
 
 int make_envelope(const IpcMailConfig& settings, MailEnvelope& out, std::span<char> err) {
+  // One address that cannot be written fails the whole mail: it is a fault of the configuration.
   if (convert(settings.from.view(), out.from, err) != 0) return -1;
   for (const auto& recipient : settings.recipients) {
     if (convert(recipient.view(), out.recipients.emplace_back(), err) != 0) return -1;
@@ -73,6 +75,7 @@ std::vector<std::string> remove_utf8_recipients(MailEnvelope& envelope) {
   return out;
 }
 
+// For this thread only: setlocale(3) would change it under the other one.
 Utf8Locale::Utf8Locale()
     : own_(::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)),
       before_(own_ != nullptr ? ::uselocale(own_) : nullptr) {}

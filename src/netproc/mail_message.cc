@@ -69,6 +69,7 @@ void append_encoded_words(std::string& out, std::string_view text) {
     out += "?=";
     word.clear();
   };
+  // A word ends between characters: a reader decodes each by itself (RFC 2047, section 5).
   while (!text.empty()) {
     const std::string_view character = next_character(text);
     if (word.size() + character.size() > kEncodedWordData) flush();
@@ -98,6 +99,7 @@ void append_subject(std::string& out, std::string_view raw) {
   std::string text = clean_line(raw);
   text.erase(text.find_last_not_of(' ') + 1);  // a fold must not end in a line of spaces
   out += "Subject: ";
+  // What looks like an encoded word would be decoded by the reader: then it is encoded, too.
   const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return c > 0; }) &&
                      text.find("=?") == std::string::npos && text.size() < kMaxPlainLine - 20;
   if (text.empty()) {
@@ -146,6 +148,7 @@ bool is_plain_body(std::string_view body) {
   return true;
 }
 
+// RFC 2045, section 6.7. A dot at the start is quoted too: some servers mishandle it.
 void append_quoted_line(std::string& out, std::string_view line) {
   std::size_t column = 0;
   const auto put = [&](std::string_view piece) {
@@ -192,6 +195,7 @@ std::string mail_message_text(const MailMessage& mail) {
   out += "Message-ID: <" + std::string(mail.unique_id) + from.substr(from.find('@')) + ">\r\n";
   out += "MIME-Version: 1.0\r\nContent-Type: text/plain; charset=utf-8\r\n";
   out += "Auto-Submitted: auto-generated\r\n";  // no vacation notes come back for it
+  // Plain where that is possible: logs are read in mailboxes with simple tools, too.
   const bool plain = is_plain_body(mail.body);
   out += plain ? "Content-Transfer-Encoding: 7bit\r\n\r\n"
                : "Content-Transfer-Encoding: quoted-printable\r\n\r\n";

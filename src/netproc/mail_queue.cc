@@ -33,6 +33,7 @@ std::string MailQueue::enqueue(QueuedMail mail) {
            " mails are waiting for the mail server";
   }
   try {
+    // Only with the first mail: a process that serves the API alone needs no second thread.
     if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
   } catch (const std::system_error& failure) {
     return std::string("no thread can be started for it: ") + failure.what();
@@ -49,6 +50,7 @@ void MailQueue::submit(QueuedMail mail) {
     const std::lock_guard lock(mutex_);
     refusal = enqueue(std::move(mail));
   }
+  // Without the lock: what takes the outcome may submit or ask.
   if (!refusal.empty()) done_(id, {.status = 1, .error = refusal});
 }
 
@@ -64,7 +66,7 @@ void MailQueue::run() {
     if (stop_) return;
     const QueuedMail mail = std::move(mails_.front());
     mails_.pop_front();
-    const auto settings = settings_;
+    const auto settings = settings_;  // a copy: they may be replaced while this mail is under way
     SmtpOutcome outcome{.status = 1, .error = no_settings_reason_};
     delivering_ = true;
     lock.unlock();

@@ -70,6 +70,7 @@ class NetProcess {
 
 int NetProcess::run(ScopedFd listener) {
   has_listener_ = listener.valid();
+  // Before HELLO: a process that cannot serve says so by ending, and is started again.
   if (https_.listen_on(std::move(listener), err_) != 0) {
     log_msg(LogLevel::Error, "%s", err_.data());
     return 1;
@@ -78,7 +79,7 @@ int NetProcess::run(ScopedFd listener) {
   link_.send(*out_);
   link_.start();
   loop_.run();
-  https_.stop();
+  https_.stop();  // here rather than in a destructor: connections refer to what is still alive now
   quiet_.cancel();
   return result_;
 }
@@ -98,6 +99,7 @@ void NetProcess::on_mail_config(const IpcParsed& record) {
   if (ipc_decode_mail_config(record, *settings, err_) == 0) {
     return mails_.set_settings(std::move(settings), {});
   }
+  // Mails that come are answered with the reason instead of being sent with the settings before.
   log_msg(LogLevel::Error, "%s: no mail", err_.data());
   mails_.set_settings(nullptr, std::string("the [mail] settings were refused: ") + err_.data());
 }
@@ -166,6 +168,7 @@ void NetProcess::on_mail_done(std::uint32_t id, const SmtpOutcome& outcome) {
 }
 
 bool NetProcess::send_request(std::uint32_t id, const ApiRequest& request) {
+  // A busy link takes no more requests: the clients are told at once instead of waiting in vain.
   if (link_.busy() || ipc_encode_api_request(*out_, id, request) != 0) {
     out_->wipe();
     return false;

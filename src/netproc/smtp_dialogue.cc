@@ -64,6 +64,8 @@ void SmtpDialogue::received(std::string_view line) {
   const std::string_view text = line.substr(std::min(line.size(), kCodeSize + 1));
   if (at_ == At::Ehlo) note_offer(text);
 
+  // A line joins the one before only when that announced it and the code is the same: whatever else
+  // comes is an answer of its own.
   const bool continued = answer_.size() > kCodeSize && answer_[kCodeSize] == '-' &&
                          answer_.compare(0, kCodeSize, line, 0, kCodeSize) == 0;
   if (continued) {
@@ -87,9 +89,10 @@ void SmtpDialogue::note_last_line() {
   if (answer_.size() > kCodeSize) answer_[kCodeSize] = ' ';
   const bool agreed = answer_[0] == '2';
   if (at_ == At::Ehlo) greeted_ = agreed;
+  // From the server's consent on, the greeting counts only when it is said again inside TLS.
   if (at_ == At::Starttls && agreed) {
     tls_ = true;
-    greeted_ = false;  // until EHLO is said again
+    greeted_ = false;
   }
   if (at_ == At::Recipient && refused() && refusals_++ == 0) {
     first_refused_ = recipients_ - 1;
