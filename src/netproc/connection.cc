@@ -217,6 +217,10 @@ void Connection::send(const HttpReply& reply) {
 // has not read yet, so the rest is read and dropped for a moment.
 void Connection::farewell() {
   stage_ = Stage::Farewell;
+  // Nothing of what was read is needed any more, and some of it was secret.
+  parser_.reset();
+  buffer_.clear();
+  buffer_.shrink_to_fit();
   limit(host_.limits.farewell);
   stream_.async_shutdown(then([](Connection& c, const error_code&, std::size_t) {
     error_code ignored;  // the client may be gone, which ends the draining at once

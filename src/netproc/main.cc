@@ -74,7 +74,9 @@ int run(const ArgList& args) {
     return kUsageExit;
   }
   log_init(kNetProgramName, LogLevel::Info);
-  (void)::signal(SIGPIPE, SIG_IGN);  // a client that goes away is an error of one write
+  // A client that goes away is an error of one write. The other signals reach the whole group or
+  // service when the scheduler is told to stop: it still has mails for us, and ends us by its socket.
+  for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) (void)::signal(number, SIG_IGN);
   // One heap for both threads: the mail thread's own would keep its pages apart for good.
   (void)::mallopt(M_ARENA_MAX, 1);
   smtp_init();
