@@ -1,8 +1,6 @@
 // Mails through the whole network process to a real SMTP server, and the queue by itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <semaphore>
@@ -123,6 +121,7 @@ TEST_F(Mail, FailsWithAReasonThatNamesTheStep) {
 TEST_F(Mail, TellsWhatTheServerSaidAndKeepsItsTimeLimit) {
   // clang-format off
   const struct { const char* script; std::string error; } cases[] = {  // empty: sent
+      {"GREETING=silence", "the time limit was reached at greeting: 2 s"},
       {"EHLO=hangup", "the connection was lost at EHLO"},
       {"MAIL=553_not_you", "refused at sender (MAIL FROM), the server said: 553 not you"},
       {"MAIL=553_not_you QUIT=hangup", "refused at sender (MAIL FROM), the server said: 553 not you"},
@@ -136,9 +135,9 @@ TEST_F(Mail, TellsWhatTheServerSaidAndKeepsItsTimeLimit) {
       {"EHLO=500_what HELO=250_hm", ""},
   };
   // clang-format on
-  timeout_s_ = 2;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.script);
+    timeout_s_ = test::contains(c.script, "silence") ? 2 : 20;  // a busy machine is slow, too
     const std::uint32_t port = start_server(std::string("script ") + c.script, own_);
     configure(port, kNone, "");
     const auto begun = std::chrono::steady_clock::now();
@@ -176,14 +175,11 @@ TEST_F(Mail, NeedsALoginWhereAUserIsSetAndUtf8ForAddressesBeyondAscii) {
   EXPECT_EQ(mail().error, "");
 }
 
-TEST_F(Mail, GivesUpOnASilentServer) {
-  const test::Listener silent = test::listen_on_loopback();
-  timeout_s_ = 1;
-  configure(silent.port, kNone, "");
-  EXPECT_THAT(mail().error, HasSubstr("the time limit was reached at greeting: 1 s"));
+TEST_F(Mail, EndsWithTheSchedulerEvenWhileAServerIsSilent) {
   timeout_s_ = 3600;
-  configure(silent.port, kNone, "");
-  driver_->send_mail(99, "never", "sent");  // the process ends all the same
+  configure(start_server("script GREETING=silence", own_), kNone, "");
+  driver_->send_mail(99, "never", "sent");
+  driver_.reset();
 }
 
 TEST_F(Mail, SendsWhatItWasGivenAlsoWhenTheSchedulerHasGone) {
