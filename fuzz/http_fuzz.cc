@@ -46,8 +46,10 @@ void http(std::string_view input) {
       std::min<std::size_t>(static_cast<unsigned char>(input[0]), input.size() - 1);
   boost::system::error_code ec;
   std::string_view rest = feed(parser, input.substr(1, cut), ec);
-  const std::string text = std::string(rest) + std::string(input.substr(1 + cut));
-  if (!ec || ec == boost::beast::http::error::need_more) {
+  const std::string_view more = input.substr(1 + cut);
+  const std::string text = std::string(rest) + std::string(more);
+  // As a connection does it: the parser is asked again only when there is more for it.
+  if (!more.empty() && (!ec || ec == boost::beast::http::error::need_more)) {
     ec = {};
     rest = feed(parser, text, ec);
   }
