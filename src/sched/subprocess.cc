@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/clock.h"
@@ -284,14 +285,14 @@ void wait_serving(Child& child, const CommandOptions& options, const Poller* pol
   const Poller& served = poller != nullptr ? *poller : kNobody;
   StopWatch watch;
   int hot_rounds = 0;
+  int pause_ms = 0;  // how long the next wait leaves the descriptor out; 0: it does not
   const auto served_fd = [&served] {
     return served.wait_fd != nullptr ? served.wait_fd(served.context) : -1;
   };
   for (;;) {
-    const bool pause = hot_rounds >= kMaxHotRounds;
-    if (pause) hot_rounds = 0;
+    const bool pause = pause_ms != 0;
     const bool woken = wait_for_child_or(child, pause ? -1 : served_fd(),
-                                         pause ? kHotPauseMs : kServeIntervalMs);
+                                         pause ? std::exchange(pause_ms, 0) : kServeIntervalMs);
     // Served before the child is reaped: a request that came in during the run belongs to the run.
     const StopRequest request =
         served.poll != nullptr ? served.poll(served.context) : StopRequest::None;
@@ -300,6 +301,10 @@ void wait_serving(Child& child, const CommandOptions& options, const Poller* pol
     if (woken) {
       pollfd again{served_fd(), POLLIN, 0};
       hot_rounds = ::poll(&again, 1, 0) > 0 ? hot_rounds + 1 : 0;
+      if (hot_rounds < kMaxHotRounds) continue;
+      hot_rounds = 0;
+      // Nothing comes of a descriptor that is hung up; of many clients' requests something does.
+      pause_ms = (again.revents & POLLIN) != 0 ? kHotPauseMs : kServeIntervalMs;
     }
   }
 }
