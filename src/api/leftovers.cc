@@ -29,7 +29,7 @@ void remove_dead(const std::string& prefix) {
     std::uint32_t pid = 0;
     const std::string_view digits = std::string_view(name).substr(name_prefix.size());
     if (!parse_u32(digits, pid) || pid == 0 || pid > INT32_MAX || !process_gone(pid)) continue;
-    (void)::unlink((directory + "/" + name).c_str());
+    (void)::unlink(std::string(directory).append("/").append(name).c_str());
   }
 }
 

@@ -249,6 +249,7 @@ class ApiConnection::State::Turn {
   }
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
+  // NOLINTNEXTLINE(bugprone-exception-escape): a timer is never refused its cancel()
   ~Turn() {
     auto& waiting = state_.waiting_;
     const bool was_first = is_mine();

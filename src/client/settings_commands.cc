@@ -73,9 +73,10 @@ CommandResult mail_test_command(Session& session, const Arguments& given) {
     if (state != "pending" || std::chrono::steady_clock::now() >= end) {
       session.show(reply.get(), [&] {
         const JsonValue* const error = json_member(reply.get(), "error");
-        const std::string why =
-            json_kind(error) == JsonKind::String ? ": " + readable({}, error) : "";
-        return printable("test mail " + id + ": " + state + why) + "\n";
+        std::string line("test mail ");
+        line.append(id).append(": ").append(state);
+        if (json_kind(error) == JsonKind::String) line.append(": ").append(readable({}, error));
+        return printable(line) + "\n";
       });
       co_return state == "sent" ? kExitDone : kExitRefused;
     }

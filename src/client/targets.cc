@@ -62,6 +62,7 @@ std::string choose_listed(const Arguments& given, Targets& out) {
   if (listed.empty()) return "no servers are listed in " + path + " ('orv_api pin' adds one)";
 
   std::vector<std::string_view> known;
+  known.reserve(listed.size());
   for (const Server& server : listed) known.emplace_back(server.name);
   std::set<std::string, std::less<>> wanted;
   const std::string names = given.value("--on");

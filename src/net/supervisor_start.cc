@@ -84,8 +84,8 @@ bool account_exists() {
 }
 
 // The scheduler's own environment is not for the child: variables there make libraries log TLS
-// keys, load modules or use proxies. Dates need the time zone, texts the character set, and messages
-// that go to the journal their priority.
+// keys, load modules or use proxies. Dates need the time zone, texts the character set, and
+// messages that go to the journal their priority.
 void choose_environment(ChildPlan& plan) {
   for (const char* name : {"TZ", "LANG", "JOURNAL_STREAM"}) {
     const char* value = ::getenv(name);
