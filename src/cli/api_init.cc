@@ -47,7 +47,7 @@ std::string cause_of(ErrorCode rc, const char* common_name, int error_number) {
   if (length < 1 || length > kMaxCommonName) {
     return "the common name must have 1.." + std::to_string(kMaxCommonName) + " characters";
   }
-  const std::string text = error_text(rc);
+  std::string text = error_text(rc);
   if (rc != ErrorCode::IoError || error_number == 0) return text;
   return text + ": " + std::strerror(error_number);
 }
