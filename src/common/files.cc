@@ -147,15 +147,24 @@ FileIdentity file_identity(const char* path) {
   return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ino, st.st_size};
 }
 
-std::vector<std::string> directory_names(const std::string& path) {
+ErrorCode read_directory(const std::string& path, std::vector<std::string>& names) {
   struct Closer {
     void operator()(DIR* dir) const { ::closedir(dir); }
   };
-  std::vector<std::string> names;
+  names.clear();
   const std::unique_ptr<DIR, Closer> dir(::opendir(path.c_str()));
-  while (const dirent* const entry = dir ? ::readdir(dir.get()) : nullptr) {
+  if (!dir) return error_from_errno(errno);
+  for (;;) {
+    errno = 0;  // the end and a failure look alike but for this
+    const dirent* const entry = ::readdir(dir.get());
+    if (entry == nullptr) return errno == 0 ? ErrorCode::Ok : error_from_errno(errno);
     names.emplace_back(entry->d_name);
   }
+}
+
+std::vector<std::string> directory_names(const std::string& path) {
+  std::vector<std::string> names;
+  if (read_directory(path, names) != ErrorCode::Ok) names.clear();
   return names;
 }
 

@@ -60,8 +60,11 @@ struct FileIdentity {
 };
 [[nodiscard]] FileIdentity file_identity(const char* path);
 
-// The names of the directory's entries, "." and ".." included, in no order; none when it cannot be
-// read.
+// The names of the directory's entries, "." and ".." included, in no order. After a failure errno
+// says why, and `names` has those that were read before it.
+[[nodiscard]] ErrorCode read_directory(const std::string& path, std::vector<std::string>& names);
+
+// The same for whoever can do without: none when the directory cannot be read.
 [[nodiscard]] std::vector<std::string> directory_names(const std::string& path);
 
 // Those of them that end in `suffix` and are longer than it.

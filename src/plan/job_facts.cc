@@ -74,8 +74,8 @@ JobFacts collect_facts(const Plan& plan, const Job& job, JobRuns& runs, LongestG
   if (record == nullptr || !facts.queue_known) return facts;
   facts.due_since = due_since(plan, job, *record);
   facts.next_run = next_run(plan, job, *record, facts.running_since.has_value());
-  facts.other_running =
-      plan.obstacle && !plan.obstacle->lost && plan.obstacle->job != job.name.view();
+  facts.other_running = plan.obstacle && plan.obstacle->unread == 0 && !plan.obstacle->lost &&
+                        plan.obstacle->job != job.name.view();
   return facts;
 }
 

@@ -1,6 +1,7 @@
 #include "plan/why_not.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "plan/describe.h"
 #include "sched/queue_schedule.h"
@@ -78,6 +79,10 @@ std::string due_before(const Plan& plan, const Job& job) {
 
 // What keeps any job from being started.
 std::string blocked_by_others(const Obstacle& obstacle) {
+  if (obstacle.unread != 0) {
+    return "the run files beside the queue cannot be read: " +
+           std::string(std::strerror(obstacle.unread)) + " - another job may be running";
+  }
   const std::string pid = "(pid " + std::to_string(obstacle.pid) + ")";
   return obstacle.lost ? "the tool of a run of job " + quoted(obstacle.job) +
                              " whose scheduler is gone is still running " + pid +

@@ -111,7 +111,8 @@ void follow_config_file(Dispatch& d, std::int64_t now) {
 bool busy_elsewhere(Dispatch& d) {
   std::optional<Obstacle> obstacle = find_obstacle(d.queue);
   if (obstacle && obstacle != d.reported_obstacle) {
-    log_msg(obstacle->lost ? LogLevel::Warn : LogLevel::Info, "orv_sched: %s",
+    const bool odd = obstacle->lost || obstacle->unread != 0;
+    log_msg(odd ? LogLevel::Warn : LogLevel::Info, "orv_sched: %s",
             waiting_text(*obstacle).c_str());
   }
   d.reported_obstacle = std::move(obstacle);

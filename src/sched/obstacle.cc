@@ -1,6 +1,7 @@
 #include "sched/obstacle.h"
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "sched/queue_runner.h"
@@ -22,44 +23,60 @@ std::string lost_text(const Obstacle& obstacle) {
          (obstacle.log.empty() ? "" : ", log " + obstacle.log) + ")";
 }
 
+std::string unread_text(const Obstacle& obstacle) {
+  return "cannot tell whether a job runs: cannot read the run files beside the queue: " +
+         std::string(std::strerror(obstacle.unread));
+}
+
 }  // namespace
 
 std::optional<Obstacle> find_obstacle(const QueueState& queue) {
   if (const QueueRecord* const record = queue_find_live_runner(queue)) {
     const auto pid = static_cast<pid_t>(queue_get_runner_pid(*record));
-    return Obstacle{false, std::string(record_name(*record)), pid, {}};
+    return Obstacle{false, std::string(record_name(*record)), pid, {}, 0};
   }
-  const std::vector<OtherRun> runs = other_runs(queue.path);
-  if (runs.empty()) return std::nullopt;
+  const OtherRuns others = other_runs(queue.path);
+  const std::vector<OtherRun>& runs = others.runs;
+  if (runs.empty()) {
+    if (others.unread == 0) return std::nullopt;
+    Obstacle unknown;
+    unknown.unread = others.unread;
+    return unknown;
+  }
   // A run that still has its scheduler ends by itself; it is named first.
   const auto running = std::find_if(
       runs.begin(), runs.end(), [](const OtherRun& run) { return run.phase == RunPhase::Running; });
   const OtherRun& run = running != runs.end() ? *running : runs.front();
   const bool lost = run.phase == RunPhase::Lost;
-  return Obstacle{lost, run.note.job, lost ? run.note.tool.pid : run.note.runner.pid, run.note.log};
+  return Obstacle{lost, run.note.job, lost ? run.note.tool.pid : run.note.runner.pid, run.note.log,
+                  0};
 }
 
 bool job_runs_elsewhere(const QueueState& queue, std::string_view job) {
   const QueueRecord* const record = queue_find(queue, job);
   if (record != nullptr && queue_runner_alive(*record)) return true;
-  const std::vector<OtherRun> runs = other_runs(queue.path);
+  const std::vector<OtherRun> runs = other_runs(queue.path).runs;
   return std::any_of(runs.begin(), runs.end(),
                      [job](const OtherRun& run) { return run.note.job == job; });
 }
 
 std::string refusal_text(const Obstacle& obstacle, std::string_view wanted_job) {
-  if (!obstacle.lost && obstacle.job == wanted_job) {
+  const bool same = obstacle.unread == 0 && !obstacle.lost && obstacle.job == wanted_job;
+  if (same) {
     return "job " + quoted(wanted_job) + " is already RUNNING " + pid_text(obstacle) +
            "; use --force to override)";
   }
-  const std::string who =
-      obstacle.lost ? lost_text(obstacle)
-                    : "job " + quoted(obstacle.job) + " is RUNNING " + pid_text(obstacle) + ")";
+  std::string who = "job " + quoted(obstacle.job) + " is RUNNING " + pid_text(obstacle) + ")";
+  if (obstacle.lost) who = lost_text(obstacle);
+  if (obstacle.unread != 0) who = unread_text(obstacle);
   return who + " -- jobs run one at a time, try again later (or use --force to run " +
          quoted(wanted_job) + " alongside it)";
 }
 
 std::string waiting_text(const Obstacle& obstacle) {
+  if (obstacle.unread != 0) {
+    return unread_text(obstacle) + " -- no job is started before that is known";
+  }
   const std::string who = obstacle.lost
                               ? lost_text(obstacle)
                               : "job " + quoted(obstacle.job) + " is running in another process " +

@@ -87,7 +87,7 @@ bool is_scheduler(pid_t pid) {
 
 std::string boot_name() {
   const std::optional<std::string> id = read_start("/proc/sys/kernel/random/boot_id", 64);
-  return id && id->size() >= kBootNameLength ? id->substr(0, kBootNameLength) : "-";
+  return id && id->size() >= kBootNameLength ? id->substr(0, kBootNameLength) : kUnknownBoot;
 }
 
 }  // namespace orv

@@ -28,7 +28,8 @@ struct ProcessId {
 // Whether a process with this pid is called exactly "orv_sched". False when it cannot be read.
 [[nodiscard]] bool is_scheduler(pid_t pid);
 
-// Names this boot of the machine, 8 hexadecimal digits; "-" when the kernel does not say.
+// Names this boot of the machine, 8 hexadecimal digits; kUnknownBoot when it cannot be read.
+inline constexpr const char* kUnknownBoot = "-";
 [[nodiscard]] std::string boot_name();
 
 }  // namespace orv

@@ -66,18 +66,27 @@ std::optional<RunNote> read_note(const std::string& path) {
   return parse_note({text.data(), static_cast<std::size_t>(length)});
 }
 
-// Calls `visit(path, note)` for each run file of the queue.
+// Calls `visit(path, note)` for each run file of the queue. The errno of what could not be read,
+// else 0.
 template <typename Visit>
-void for_each_run_file(const std::string& queue_path, Visit visit) {
+int for_each_run_file(const std::string& queue_path, Visit visit) {
   const std::size_t slash = queue_path.rfind('/');
   const std::string directory = slash == std::string::npos ? "./" : queue_path.substr(0, slash + 1);
   const std::string prefix =
       (slash == std::string::npos ? queue_path : queue_path.substr(slash + 1)) + kInfix;
-  for (const std::string& name : directory_names(directory)) {
+  std::vector<std::string> names;
+  int unread = read_directory(directory, names) != ErrorCode::Ok && errno != ENOENT ? errno : 0;
+  for (const std::string& name : names) {
     if (!name.starts_with(prefix)) continue;
     const std::string path = directory + name;
-    if (const std::optional<RunNote> note = read_note(path)) visit(path, *note);
+    errno = 0;
+    if (const std::optional<RunNote> note = read_note(path)) {
+      visit(path, *note);
+    } else if (errno != 0 && errno != ENOENT && errno != EINVAL) {
+      unread = errno;  // neither gone meanwhile nor something else than a link
+    }
   }
+  return unread;
 }
 
 // The name of this process's run file. After many reboots of pids, a lost run's runner may have had
@@ -110,26 +119,30 @@ bool put_link(const std::string& text, const std::string& path) {
 }  // namespace
 
 RunPhase run_phase(const RunNote& note) {
-  if (note.boot != boot_name()) return RunPhase::Over;  // its processes went with that boot
+  // The processes of another boot went with it. While a boot cannot be told, the processes decide.
+  const std::string boot = boot_name();
+  const bool told = boot != kUnknownBoot && note.boot != kUnknownBoot;
+  if (told && note.boot != boot) return RunPhase::Over;
   if (process_lives(note.runner)) return RunPhase::Running;
   return process_lives(note.tool) ? RunPhase::Lost : RunPhase::Over;
 }
 
-std::vector<OtherRun> other_runs(const std::string& queue_path) {
-  std::vector<OtherRun> runs;
-  for_each_run_file(queue_path, [&runs](const std::string&, const RunNote& note) {
+OtherRuns other_runs(const std::string& queue_path) {
+  OtherRuns others;
+  const auto take = [&others](const std::string&, const RunNote& note) {
     const RunPhase phase = run_phase(note);
     // A file of our own is at most a leftover: asked is what others do.
     const bool own = phase == RunPhase::Running && note.runner.pid == ::getpid();
-    if (phase != RunPhase::Over && !own) runs.push_back({note, phase});
-  });
-  return runs;
+    if (phase != RunPhase::Over && !own) others.runs.push_back({note, phase});
+  };
+  others.unread = for_each_run_file(queue_path, take);
+  return others;
 }
 
 void remove_dead_run_files(const std::string& queue_path) {
-  for_each_run_file(queue_path, [](const std::string& path, const RunNote& note) {
-    const RunPhase phase = run_phase(note);
-    if (phase == RunPhase::Over) (void)::unlink(path.c_str());  // else tried again next time
+  // What cannot be read or removed now is tried again next time.
+  (void)for_each_run_file(queue_path, [](const std::string& path, const RunNote& note) {
+    if (run_phase(note) == RunPhase::Over) (void)::unlink(path.c_str());
   });
 }
 

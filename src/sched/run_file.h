@@ -39,12 +39,18 @@ enum class RunPhase {
 [[nodiscard]] RunPhase run_phase(const RunNote& note);
 
 // The runs of other processes that are not over, by the run files of the queue at `queue_path`.
-// Files that cannot be read as such are passed over. Changes nothing, needs no lock.
+// Files that are no run files are passed over. Changes nothing, needs no lock.
 struct OtherRun {
   RunNote note;
   RunPhase phase;
 };
-[[nodiscard]] std::vector<OtherRun> other_runs(const std::string& queue_path);
+struct OtherRuns {
+  std::vector<OtherRun> runs;
+  // errno of what could not be read (no descriptor, no memory, a broken disk), else 0: there may be
+  // runs that are not among these.
+  int unread = 0;
+};
+[[nodiscard]] OtherRuns other_runs(const std::string& queue_path);
 
 // Removes the run files of runs that are over. Needs the queue's lock.
 void remove_dead_run_files(const std::string& queue_path);

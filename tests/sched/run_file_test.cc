@@ -26,7 +26,7 @@ TEST(RunFile, SaysWhatMustBeKnownThoughThereIsNoRoomForMore) {
     run.add_tool(tool.pid());
     EXPECT_TRUE(contains(text(), "/" + std::to_string(tool.pid()) + "."));
     EXPECT_TRUE(text().ends_with("/job//logs/1.log"));
-    EXPECT_TRUE(other_runs(queue).empty()) << "it is this process's own";
+    EXPECT_TRUE(other_runs(queue).runs.empty()) << "it is this process's own";
     remove_dead_run_files(queue);
   }
   EXPECT_FALSE(std::filesystem::is_symlink(file));
@@ -42,8 +42,8 @@ TEST(RunFile, SaysWhatMustBeKnownThoughThereIsNoRoomForMore) {
   {
     const RunFile run(queue, "job", "");
     EXPECT_TRUE(std::filesystem::is_symlink(file + ".2"));
-    ASSERT_EQ(other_runs(queue).size(), 1U);
-    EXPECT_EQ(other_runs(queue)[0].phase, RunPhase::Lost);
+    ASSERT_EQ(other_runs(queue).runs.size(), 1U);
+    EXPECT_EQ(other_runs(queue).runs[0].phase, RunPhase::Lost);
   }
   EXPECT_EQ(text(), lost);
   EXPECT_FALSE(std::filesystem::is_symlink(file + ".2"));
