@@ -1,0 +1,117 @@
+// What must hold in every history, kept apart from the scheduler's code on purpose: its own reading
+// of the configuration and of the queue file, its own search for nominal times, and a few sets. It
+// believes what it sees from outside: tools that start and end, lines that are logged, mails that
+// are handed over, files on the disk.
+#ifndef ORV_TESTS_SIM_MODEL_H_
+#define ORV_TESTS_SIM_MODEL_H_
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/world.h"
+
+namespace orv::sim {
+
+struct ModelJob {
+  std::string name;
+  std::string schedule;
+  std::int64_t once = 0;  // Unix seconds; 0: none
+  std::vector<std::string> after;
+  bool after_finished = false;
+  bool enabled = true;
+  std::int64_t serial = -1;  // of the newest change through the API
+};
+
+// The jobs of a configuration text, read as plainly as it can be done.
+[[nodiscard]] std::vector<ModelJob> read_config(const std::string& text);
+
+// The first minute after `after` that the schedule names, or INT64_MAX. Knows what the histories
+// write: a number, "*" and "*/n" for minute and hour, a number or "*" for the day of the week.
+[[nodiscard]] std::int64_t next_nominal(const std::string& schedule, std::int64_t after);
+
+struct ModelRecord {
+  std::string name;
+  int state = 0;
+  std::int64_t next_run = 0;
+  std::int64_t started = 0;
+  std::int64_t finished = 0;
+  std::int64_t after_stamp = 0;
+};
+[[nodiscard]] std::vector<ModelRecord> read_queue(const std::string& bytes);
+
+struct Start {
+  std::string job;
+  std::int64_t at = 0;  // Unix seconds
+};
+
+class Model : public Observer {
+ public:
+  // `poll_s`: the daemon's poll interval; `verbose` prints the story.
+  void attach(World& world, std::int64_t poll_s, bool verbose);
+
+  void tool_started(const Tool& tool) override;
+  void tool_ended(const Tool& tool) override;
+  void logged(const Process& process, std::string_view line) override;
+  void process_ended(const Process& process, bool killed) override;
+  void mail_handed_over(const Process& process, std::string_view subject);
+  void requested(const std::string& job) { ++requests_[job]; }
+  void change_told(const std::string& job, std::int64_t serial) { told_serials_[job] = serial; }
+  void people_edited() { told_serials_.clear(); }
+  void clock_set(std::int64_t seconds);
+  void rebooted(bool power_lost);
+  // From now until `calm`, writing may fail: what was reported may be missing on the disk.
+  void trouble() { troubled_ = true; }
+  void calm();
+
+  // Whether everything that was due has run; to be asked when nothing runs.
+  void check_nothing_waits();
+  void check_files();
+  void story(const std::string& line);
+  void fail(const std::string& what);
+
+  // The first thing that did not hold; empty while all is well.
+  std::string failure;
+  std::uint64_t runs = 0;
+  std::vector<Start> starts;
+
+ private:
+  struct Track {
+    std::string schedule;
+    std::int64_t once = 0;
+    std::int64_t covered = 0;  // nominal times up to here are done with
+    std::int64_t next = 0;     // the first nominal time after `covered`
+    std::int64_t wanted = 0;   // the first of them that the wall clock shows but once
+    bool loose = true;         // the clock was put back: its next time is not known from outside
+    bool interrupted = false;  // the outcome of its last run was not kept
+    bool busy = false;
+    std::int64_t consumed = 0;  // the newest dependency finish that a run was made for
+    std::int64_t about_to_consume = 0;
+  };
+  void adopt(const std::string& text);
+  void cover(Track& track, std::int64_t until);
+  void check_cause(const Tool& tool, const ModelJob& job);
+  void finished(const Process& process, const std::string& job, const std::string& result);
+  void note_settled(const Process& process);
+  [[nodiscard]] const ModelJob* job_of(const std::string& name) const;
+  // The newest end of what the job waits for, when all of that is as it must be.
+  [[nodiscard]] std::optional<std::int64_t> dependency_stamp(const ModelJob& job) const;
+
+  World* world_ = nullptr;
+  std::int64_t poll_s_ = 30;
+  bool verbose_ = false;
+  bool troubled_ = false;
+  std::vector<ModelJob> jobs_;  // in force
+  std::map<std::string, Track> tracks_;
+  std::map<std::string, int> requests_;
+  std::map<std::string, std::int64_t> told_serials_;
+  std::map<int, std::string> mail_owed_;  // by runner: the job whose end it must report
+  std::int64_t idle_since_ = 0;           // nanoseconds since boot
+};
+
+}  // namespace orv::sim
+
+#endif  // ORV_TESTS_SIM_MODEL_H_

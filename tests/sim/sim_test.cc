@@ -1,0 +1,74 @@
+// Short stories of bad days, each of which once went wrong.
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include "sim/history.h"
+
+namespace orv::sim {
+namespace {
+
+constexpr std::int64_t kMinute = 60 * kSecond;
+constexpr const char* kEveryFiveMinutes = "*/5 * * * *";
+
+// A run of 'b' by hand that lasts for two hours, while 'a' is due every five minutes. With a disk
+// that is full at its start, only the run file knows of it.
+class BesideALongRun {
+ public:
+  explicit BesideALongRun(bool full_disk = false) {
+    history.set_jobs({{"a", kEveryFiveMinutes}, {"b", "0 0 1 1 *"}});
+    history.world.shape = [this](Tool& tool) {
+      tool.ends = history.world.mono + (tool.job == "b" ? 120 : 1) * kMinute;
+    };
+    history.start_daemon();
+    pass(2);
+    history.world.disk.full = full_disk;
+    history.run_by_hand("run", "b", false);
+    pass(1);
+    history.world.disk.full = false;
+  }
+  void pass(std::int64_t minutes) {
+    history.world.run_until(history.world.mono + minutes * kMinute);
+  }
+  Process& daemon() { return *history.world.find_process("daemon"); }
+
+  History history{{.seed = 1, .days = 0, .jobs = 1}};
+};
+
+TEST(Stories, NothingStartsBesideARunWhileAnyCallOfThePassFails) {
+  for (const int error : {EMFILE, EIO, ENOMEM}) {
+    for (std::uint64_t call = 1; call < 60; ++call) {
+      BesideALongRun story(true);
+      story.pass(6);  // 'a' is due
+      story.history.world.at(story.history.world.mono, [&] {
+        story.daemon().fails_at = story.daemon().calls + call;
+        story.daemon().fails_with = error;
+      });
+      story.pass(2);
+      ASSERT_EQ(story.history.model.failure, "") << "call " << call << ": " << error;
+    }
+  }
+}
+
+TEST(Stories, AJobForcedTwiceKeepsOthersOutUntilBothHaveEnded) {
+  BesideALongRun story;
+  story.history.world.shape = [&](Tool& tool) {
+    tool.ends = story.history.world.mono + kMinute;  // the second run of 'b' ends long before
+  };
+  story.history.run_by_hand("run", "b", true);
+  story.pass(30);
+  EXPECT_EQ(story.history.model.failure, "");
+  EXPECT_EQ(story.history.model.starts.size(), 2U);
+}
+
+TEST(Stories, NothingStartsBesideTheToolOfAKilledRunner) {
+  BesideALongRun story;
+  story.history.world.kill_process(*story.history.world.find_process("run b"));
+  story.pass(30);
+  EXPECT_EQ(story.history.model.failure, "");
+  EXPECT_EQ(story.history.model.starts.size(), 1U);
+  story.pass(120);
+  EXPECT_GT(story.history.model.starts.size(), 1U);
+}
+
+}  // namespace
+}  // namespace orv::sim
