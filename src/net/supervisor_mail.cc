@@ -73,8 +73,8 @@ void net::give_up_mails(NetSupervisor& sup) {
 
 void net::finish_mails(NetSupervisor& sup) {
   // Inside the pump nothing would be received, and a child that has gone answers nothing.
-  const std::int64_t deadline = monotonic_ms() + kMailGrace * 1000;
-  for (std::int64_t left = kMailGrace * 1000;
+  const std::int64_t deadline = monotonic_ms() + kMailGrace * std::int64_t{1000};
+  for (std::int64_t left = kMailGrace * std::int64_t{1000};
        left > 0 && !sup.mail.unanswered.empty() && sup.child.fd.valid() && !sup.child.in_pump;
        left = deadline - monotonic_ms()) {
     net_wait(sup, static_cast<int>(left));

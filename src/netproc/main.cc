@@ -75,7 +75,8 @@ int run(const ArgList& args) {
   }
   log_init(kNetProgramName, LogLevel::Info);
   // A client that goes away is an error of one write. The other signals reach the whole group or
-  // service when the scheduler is told to stop: it still has mails for us, and ends us by its socket.
+  // service when the scheduler is told to stop: it still has mails for us, and ends us by its
+  // socket.
   for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) (void)::signal(number, SIG_IGN);
   // One heap for both threads: the mail thread's own would keep its pages apart for good.
   (void)::mallopt(M_ARENA_MAX, 1);
