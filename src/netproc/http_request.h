@@ -18,7 +18,7 @@ using HttpBody =
 using HttpParser = boost::beast::http::request_parser<HttpBody, WipingAllocator<char>>;
 
 // Bytes that may be read ahead of the parser.
-inline constexpr std::size_t kMaxHttpBuffered = 2 * kMaxHttpHead;
+inline constexpr std::size_t kMaxHttpBuffered = std::size_t{2} * kMaxHttpHead;
 
 // Sets the limits of head and body. Needs a parser that has read nothing yet.
 void http_set_limits(HttpParser& parser);
