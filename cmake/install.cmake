@@ -9,7 +9,7 @@ foreach(program orv_sched orv_sched_net orv_plan)
 endforeach()
 
 # For the administrator's machine, in a package of their own.
-if(ORV_NETWORK_LIBRARIES)
+if(TARGET orv_console)
   install(TARGETS orv_api_program orv_console RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES docs/orv_api.1 docs/orv_console.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES packaging/completion/orv_api packaging/completion/orv_console
