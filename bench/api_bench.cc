@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -57,7 +58,7 @@ class Server {
   void reload() {
     char err[kConfigMessageSize];
     if (dispatch_load_config(dispatch_, err) != 0) std::abort();
-    dispatch_adopt_config(dispatch_);
+    dispatch_adopt_config(dispatch_, std::time(nullptr));
   }
 
   // Sends a request; `tag` takes the tag of the reply.
