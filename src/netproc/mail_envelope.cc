@@ -68,10 +68,10 @@ bool needs_utf8(const MailEnvelope& envelope) {
 
 std::vector<std::string> remove_utf8_recipients(MailEnvelope& envelope) {
   std::vector<std::string>& all = envelope.recipients;
-  const auto removed = std::ranges::stable_partition(
-      all, [](const std::string& address) { return !needs_utf8(address); });
-  std::vector<std::string> out(removed.begin(), removed.end());
-  all.erase(removed.begin(), removed.end());
+  const auto removed = std::stable_partition(
+      all.begin(), all.end(), [](const std::string& address) { return !needs_utf8(address); });
+  std::vector<std::string> out(removed, all.end());
+  all.erase(removed, all.end());
   return out;
 }
 

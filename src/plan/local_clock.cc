@@ -10,9 +10,9 @@
 namespace orv {
 namespace {
 
-constexpr std::int64_t kStretch = 6 * 3600;
-constexpr std::int64_t kMargin = 3 * 3600;      // no change of a clock is larger
-constexpr std::int64_t kLatest = 253402214400;  // the end of the year 9999, a day early
+constexpr std::int64_t kStretch = std::int64_t{6} * 3600;
+constexpr std::int64_t kMargin = std::int64_t{3} * 3600;  // no change of a clock is larger
+constexpr std::int64_t kLatest = 253402214400;            // the end of the year 9999, a day early
 
 }  // namespace
 
