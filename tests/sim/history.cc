@@ -461,7 +461,11 @@ std::vector<Start> History::forecast() {
 
 // A day of peace must go as the forecast said.
 void History::live_as_forecast() {
-  while (!world.tools.empty()) world.run_until(world.mono + 60 * kSecond);
+  const std::int64_t latest = world.mono + kDay;
+  while (!world.tools.empty()) {
+    if (world.mono > latest) return model.fail("the tools never come to an end");
+    world.run_until(world.mono + 60 * kSecond);
+  }
   const std::vector<Start> said = forecast();
   model.starts.clear();
   world.run_until(world.mono + kDay);

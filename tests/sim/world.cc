@@ -183,8 +183,9 @@ void World::end_process(Process& process, bool killed) {
   happened();
   process.gone = true;
   process.fds.clear();
-  // A tool that was not let go yet sees that its parent is gone, and leaves.
-  if (process.tool && process.tool->state == Tool::State::Held) {
+  // A tool that was not let go yet sees that its parent is gone, and leaves; one that has ended is
+  // reaped by the system.
+  if (process.tool && process.tool->state != Tool::State::Running) {
     process.tool->state = Tool::State::Reaped;
   }
   observer.process_ended(process, killed);
