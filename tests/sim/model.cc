@@ -220,7 +220,6 @@ void Model::check_cause(const Tool& tool, const ModelJob& job) {
 }
 
 void Model::tool_ended(const Tool& tool) {
-  idle_since_ = world_->mono;
   story("tool of '" + tool.job + "' ends with " + std::to_string(tool.status >> 8));
   tracks_[tool.job].interrupted = true;  // until its runner has said that it finished
 }
@@ -252,7 +251,6 @@ void Model::logged(const Process& process, std::string_view line) {
   if (line.find("orv_sched: reloaded ") != std::string_view::npos ||
       line.find("orv_sched daemon started") != std::string_view::npos) {
     adopt(world_->disk.read(kConfigPath));
-    if (line.find("daemon started") != std::string_view::npos) idle_since_ = world_->mono;
   } else if (line.find("safety guard tripped") != std::string_view::npos) {
     fail("the dispatch guard tripped");
   } else if (line.find("started on request of API token") != std::string_view::npos) {
@@ -304,7 +302,6 @@ void Model::process_ended(const Process& process, bool killed) {
   } else {
     note_settled(process);
   }
-  idle_since_ = world_->mono;
 }
 
 void Model::clock_set(std::int64_t seconds) {
@@ -315,20 +312,17 @@ void Model::clock_set(std::int64_t seconds) {
 void Model::rebooted(bool power_lost) {
   story(power_lost ? "the power is lost" : "the machine is restarted");
   for (auto& [name, track] : tracks_) track.loose = true;
-  idle_since_ = world_->mono;
   check_files();
   for (auto& [name, track] : tracks_) track.consumed = 0;
 }
 
-void Model::calm() {
-  troubled_ = false;
-  idle_since_ = world_->mono;
-}
+void Model::calm() { troubled_ = false; }
 
 void Model::check_nothing_waits() {
   const Process* const daemon = world_->find_process("daemon");
   const std::int64_t slack = poll_s_ + 70;
-  if (daemon == nullptr || troubled_ || world_->mono - idle_since_ < slack * kSecond) return;
+  if (daemon == nullptr || troubled_ || world_->mono - world_->last_change < slack * kSecond)
+    return;
   for (const auto& tool : world_->tools) {
     if (tool->state == Tool::State::Running) return;
   }

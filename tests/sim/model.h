@@ -109,7 +109,6 @@ class Model : public Observer {
   std::map<std::string, int> requests_;
   std::map<std::string, std::int64_t> told_serials_;
   std::map<int, std::string> mail_owed_;  // by runner: the job whose end it must report
-  std::int64_t idle_since_ = 0;           // nanoseconds since boot
 };
 
 }  // namespace orv::sim

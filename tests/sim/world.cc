@@ -320,7 +320,7 @@ void World::run_until(std::int64_t until) {
 
 std::int64_t World::quiet_until(std::int64_t least) const {
   // After whatever happened, the process goes on at its own pace for some of its looks.
-  if (mono - last_change_ < 120 * kSecond) return mono + least;
+  if (mono - last_change < 120 * kSecond) return mono + least;
   constexpr std::size_t kRecord = 172;
   constexpr std::size_t kNextRun = 136;
   std::int64_t nap = kLongestNap;

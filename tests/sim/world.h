@@ -149,6 +149,7 @@ class World {
   std::int64_t mono = kSecond;  // nanoseconds since the world began; goes on over a reboot
   std::int64_t wall_offset = 0;
   std::uint64_t events = 0;
+  std::int64_t last_change = 0;  // when anything happened that a waiting process may react to
   std::string boot_id;
   Process* running = nullptr;
   std::vector<std::unique_ptr<Process>> processes;
@@ -158,7 +159,7 @@ class World {
  private:
   void happened() {
     ++events;
-    last_change_ = mono;
+    last_change = mono;
   }
   void resume(Process& process);
   void take_image(Process& process);
@@ -171,7 +172,6 @@ class World {
   std::vector<char> pristine_;
   std::multimap<std::int64_t, std::function<void()>> agenda_;
   int last_pid_ = 300;
-  std::int64_t last_change_ = 0;  // when anything happened that a waiting process may react to
 };
 
 // The world whose process is running; null outside of one, and inside the world's own code.
