@@ -16,7 +16,7 @@ constexpr std::int64_t kHorizonMinutes = std::int64_t{kCronHorizonDays} * 1440;
 CronSpec cron(const char* text) {
   CronSpec fields;
   std::array<char, 128> err{};
-  if (cron_parse(text, fields, err) != 0) std::abort();
+  if (!cron_parse(text, fields, err)) std::abort();
   return fields;
 }
 

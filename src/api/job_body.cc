@@ -19,7 +19,7 @@ bool read_command(ApiReply& reply, const JsonValue& object, const BodyField& fie
                   std::optional<SecretString>& value) {
   if (!read_text_value(reply, object, field, value)) return false;
   JobCommand command = JobCommand::Agent;  // not used: only whether it is one
-  if (!value || parse_command(*value, command) == 0) return true;
+  if (!value || parse_command(*value, command)) return true;
   reply_error(reply, 400, "invalid_value", "unknown command '%s'", value->c_str());
   return false;
 }

@@ -246,19 +246,19 @@ std::int64_t search(const CronSpec& cron, std::int64_t start, const std::tm& sta
 
 }  // namespace
 
-int cron_parse_field(std::string_view text, unsigned low, unsigned high,
-                     std::span<std::uint8_t> flags) {
+bool cron_parse_field(std::string_view text, unsigned low, unsigned high,
+                      std::span<std::uint8_t> flags) {
   std::string_view item;
   bool any = false;
   while (next_list_item(text, item)) {
-    if (!select_item(item, low, high, flags)) return -1;
+    if (!select_item(item, low, high, flags)) return false;
     any = true;
   }
-  return any ? 0 : -1;
+  return any;
 }
 
-int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
-  if (text.size() > kMaxCronText) return fail(err, "cron expression too long");
+bool cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
+  if (text.size() > kMaxCronText) return refuse(err, "cron expression too long");
   std::array<std::string_view, kFields> fields;
   std::string_view field;
   std::size_t count = 0;
@@ -266,8 +266,8 @@ int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
     if (count < kFields) fields[count] = field;
   }
   if (count != kFields) {
-    return fail(err, "expected 5 fields (minute hour day-of-month month day-of-week), got %d",
-                static_cast<int>(count));
+    return refuse(err, "expected 5 fields (minute hour day-of-month month day-of-week), got %d",
+                  static_cast<int>(count));
   }
 
   struct FieldRow {
@@ -286,13 +286,13 @@ int cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
   }};
   for (std::size_t i = 0; i < kFields; ++i) {
     const FieldRow& row = rows[i];
-    if (cron_parse_field(fields[i], row.low, row.high, row.flags) != 0) {
-      return fail(err, "invalid %s field '%.*s'", row.name, static_cast<int>(fields[i].size()),
-                  fields[i].data());
+    if (!cron_parse_field(fields[i], row.low, row.high, row.flags)) {
+      return refuse(err, "invalid %s field '%.*s'", row.name, static_cast<int>(fields[i].size()),
+                    fields[i].data());
     }
   }
   out = cron;
-  return 0;
+  return true;
 }
 
 std::int64_t cron_next_run(const CronSpec& cron, std::int64_t now, bool include_current_minute) {

@@ -29,13 +29,13 @@ struct CronSpec {
 };
 static_assert(sizeof(CronSpec) == 137);
 
-// Parses "minute hour day-of-month month day-of-week". 0 with `out` filled; -1 with a message.
-[[nodiscard]] int cron_parse(std::string_view text, CronSpec& out, std::span<char> err);
+// Parses "minute hour day-of-month month day-of-week". False with a message, `out` then as it was.
+[[nodiscard]] bool cron_parse(std::string_view text, CronSpec& out, std::span<char> err);
 
 // Parses one field whose values lie in low..high and sets the flag of each value that it selects.
-// -1 when any item is at fault, `flags` then partly set.
-[[nodiscard]] int cron_parse_field(std::string_view text, unsigned low, unsigned high,
-                                   std::span<std::uint8_t> flags);
+// False when any item is at fault, `flags` then partly set.
+[[nodiscard]] bool cron_parse_field(std::string_view text, unsigned low, unsigned high,
+                                    std::span<std::uint8_t> flags);
 
 // The first time at or after the minute of `now` (`include_current_minute`) or after that minute,
 // in Unix seconds; kCronNoRun when no date within the horizon has one. Local times that a

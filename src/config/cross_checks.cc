@@ -31,7 +31,7 @@ bool resolve_password(MailSection& mail, std::string_view written, std::span<cha
   }
   SecretReference reference;
   std::array<char, 128> reason{};
-  if (parse_secret_reference(written, true, reference, reason) != 0) {
+  if (!parse_secret_reference(written, true, reference, reason)) {
     return refuse(err, "[mail]: 'smtp-password': %s", reason.data());
   }
   mail.smtp_password_kind = reference.kind;
@@ -161,13 +161,13 @@ bool check_job(const Config& config, const Job& job, const JobIndex& index, std:
 
 }  // namespace
 
-int cross_check(Config& config, std::string_view written_password, std::span<char> err) {
-  if (!check_mail(config.mail, written_password, err)) return -1;
+bool cross_check(Config& config, std::string_view written_password, std::span<char> err) {
+  if (!check_mail(config.mail, written_password, err)) return false;
   const JobIndex index(config.jobs);
   for (const Job& job : config.jobs) {
-    if (!check_job(config, job, index, err)) return -1;
+    if (!check_job(config, job, index, err)) return false;
   }
-  return check_cycles(config, err) ? 0 : -1;
+  return check_cycles(config, err);
 }
 
 }  // namespace orv

@@ -10,9 +10,9 @@
 namespace orv {
 
 // Completes [mail] (port, timeout, and the password that the reference `written_password` points
-// to) and checks the loaded file. 0; -1 with the message of the first fault.
-[[nodiscard]] int cross_check(Config& config, std::string_view written_password,
-                              std::span<char> err);
+// to) and checks the loaded file. False with the message of the first fault.
+[[nodiscard]] bool cross_check(Config& config, std::string_view written_password,
+                               std::span<char> err);
 
 }  // namespace orv
 

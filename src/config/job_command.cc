@@ -88,13 +88,13 @@ const char* command_name(JobCommand command) {
   return row != nullptr ? row->name : "?";
 }
 
-int parse_command(std::string_view text, JobCommand& out) {
+bool parse_command(std::string_view text, JobCommand& out) {
   for (const JobCommandRow& row : kJobCommands) {
     if (text != row.name) continue;
     out = row.command;
-    return 0;
+    return true;
   }
-  return -1;
+  return false;
 }
 
 bool takes_background(JobCommand command) {

@@ -45,8 +45,8 @@ struct JobCommandRow {
 inline constexpr std::uint32_t kDefaultAllowedCommands = 967;
 
 [[nodiscard]] const char* command_name(JobCommand command);  // "?" outside the table
-// Exact, case-sensitive. -1 for an unknown name, `out` as it was.
-[[nodiscard]] int parse_command(std::string_view text, JobCommand& out);
+// Exact, case-sensitive. False for an unknown name, `out` then as it was.
+[[nodiscard]] bool parse_command(std::string_view text, JobCommand& out);
 [[nodiscard]] bool takes_background(JobCommand command);  // false outside the table
 [[nodiscard]] bool takes_retention(JobCommand command);   // false outside the table
 // Whether `mask` has the command's bit; false outside the table.

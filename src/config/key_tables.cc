@@ -130,7 +130,7 @@ bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char>
   for (std::string_view item; next_list_item(value, item);) {
     const std::string_view name = trim(item);
     JobCommand command{};
-    if (parse_command(name, command) != 0) {
+    if (!parse_command(name, command)) {
       return refuse(words, "unknown command '%.*s' in 'allowed-commands'",
                     static_cast<int>(name.size()), name.data());
     }
@@ -141,7 +141,7 @@ bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char>
 }
 
 bool job_command(KeyTarget& target, std::string_view value, std::span<char> words) {
-  if (parse_command(value, field<&Job::command>(target)) == 0) return true;
+  if (parse_command(value, field<&Job::command>(target))) return true;
   return refuse(words, "unknown command '%.*s'", static_cast<int>(value.size()), value.data());
 }
 
@@ -154,7 +154,7 @@ bool schedule(KeyTarget& target, std::string_view value, std::span<char> words) 
   // The parser comes first: its message is the one that helps, also for a text that is too long.
   CronSpec cron;
   std::array<char, 128> reason{};
-  if (cron_parse(value, cron, reason) != 0) {
+  if (!cron_parse(value, cron, reason)) {
     return refuse(words, "invalid 'schedule': %s", reason.data());
   }
   if (!field<&Job::schedule_text>(target).set(value)) {

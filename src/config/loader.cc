@@ -155,7 +155,8 @@ int take_bytes(Load& load, std::string_view bytes) {
 
 int finish(Load& load) {
   if (!load.line_start.empty() && take_line(load, load.line_start) != 0) return -1;
-  return cross_check(load.target.config, load.target.written_password.view(), load.err);
+  Config& config = load.target.config;
+  return cross_check(config, load.target.written_password.view(), load.err) ? 0 : -1;
 }
 
 int load_file(Load& load) {

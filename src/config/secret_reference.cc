@@ -31,8 +31,8 @@ bool read_secret_file(std::string_view path, FixedSecret<kMaxSecret>& out) {
 
 }  // namespace
 
-int parse_secret_reference(std::string_view text, bool literal_allowed, SecretReference& out,
-                           std::span<char> err) {
+bool parse_secret_reference(std::string_view text, bool literal_allowed, SecretReference& out,
+                            std::span<char> err) {
   struct Prefix {
     std::string_view text;
     SecretKind kind;
@@ -40,20 +40,21 @@ int parse_secret_reference(std::string_view text, bool literal_allowed, SecretRe
   };
   constexpr Prefix kPrefixes[] = {{"file:", SecretKind::File, "file: needs a path"},
                                   {"kms:", SecretKind::Kms, "kms: needs a url"}};
-  if (text.empty()) return fail(err, "empty secret value");
+  if (text.empty()) return refuse(err, "empty secret value");
   for (const Prefix& prefix : kPrefixes) {
     if (!text.starts_with(prefix.text)) continue;
-    if (text == prefix.text) return fail(err, "%s", prefix.nothing_after_it);
+    if (text == prefix.text) return refuse(err, "%s", prefix.nothing_after_it);
     out = {prefix.kind, text.substr(prefix.text.size())};
-    return 0;
+    return true;
   }
   if (!literal_allowed) {
-    return fail(err,
-                "a literal value is not accepted here (visible via /proc/ps) -- use file:<path> or "
-                "kms:<url>");
+    return refuse(
+        err,
+        "a literal value is not accepted here (visible via /proc/ps) -- use file:<path> or "
+        "kms:<url>");
   }
   out = {SecretKind::Literal, text};
-  return 0;
+  return true;
 }
 
 bool read_secret(const SecretReference& reference, FixedSecret<kMaxSecret>& out) {

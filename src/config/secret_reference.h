@@ -18,9 +18,9 @@ struct SecretReference {
   SecretKind kind = SecretKind::Literal;
   std::string_view text;  // after the prefix; borrowed from the parsed text
 };
-// 0; -1 with a message (an empty value, a prefix alone, a literal where none may stand).
-[[nodiscard]] int parse_secret_reference(std::string_view text, bool literal_allowed,
-                                         SecretReference& out, std::span<char> err);
+// False with a message (an empty value, a prefix alone, a literal where none may stand).
+[[nodiscard]] bool parse_secret_reference(std::string_view text, bool literal_allowed,
+                                          SecretReference& out, std::span<char> err);
 // Reads the secret itself: 1..kMaxSecret bytes. False: unreadable, empty, too long, or Kms.
 [[nodiscard]] bool read_secret(const SecretReference& reference, FixedSecret<kMaxSecret>& out);
 

@@ -18,14 +18,14 @@ using test::ScopedTimeZone;
 CronSpec cron(const std::string& text) {
   CronSpec fields;
   std::array<char, 128> err{};
-  EXPECT_EQ(cron_parse(text, fields, err), 0) << text << ": " << err.data();
+  EXPECT_TRUE(cron_parse(text, fields, err)) << text << ": " << err.data();
   return fields;
 }
 
 std::string message_of(const std::string& text) {
   CronSpec fields;
   std::array<char, 512> err{};
-  return cron_parse(text, fields, err) == 0 ? "" : err.data();
+  return cron_parse(text, fields, err) ? "" : err.data();
 }
 
 std::int64_t local(const char* text) {
@@ -140,7 +140,7 @@ TEST(CronField, SelectsValuesOrIsRefused) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     std::array<std::uint8_t, 60> flags{};
-    EXPECT_EQ(cron_parse_field(c.text, 0, 59, flags), c.values.empty() ? -1 : 0);
+    EXPECT_EQ(cron_parse_field(c.text, 0, 59, flags), !c.values.empty());
     if (c.values.empty()) continue;
     std::vector<unsigned> values;
     for (unsigned i = 0; i < flags.size(); ++i) {

@@ -81,14 +81,14 @@ TEST(JobCommands, AreFoundByNameAndByValue) {
   std::uint32_t taking_background = 0;
   for (const JobCommandRow& row : job_commands()) {
     JobCommand command{};
-    EXPECT_EQ(parse_command(row.name, command), 0);
+    EXPECT_TRUE(parse_command(row.name, command));
     EXPECT_EQ(command, row.command);
     EXPECT_STREQ(command_name(command), row.name);
     taking_background += takes_background(command) ? 1U : 0U;
   }
   EXPECT_EQ(taking_background, 3U);
   JobCommand command = JobCommand::Verify;
-  EXPECT_EQ(parse_command("Agent", command), -1);
+  EXPECT_FALSE(parse_command("Agent", command));
   EXPECT_EQ(command, JobCommand::Verify);
   EXPECT_STREQ(command_name(static_cast<JobCommand>(11)), "?");
   EXPECT_FALSE(command_allowed(UINT32_MAX, static_cast<JobCommand>(32)));

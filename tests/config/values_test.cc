@@ -141,7 +141,7 @@ TEST(Secret, IsALiteralOrTheFirstBytesOfAFile) {
     SCOPED_TRACE(c.content);
     const std::string text = "file:" + dir.write("secret", c.content);
     SecretReference reference;
-    ASSERT_EQ(parse_secret_reference(text, false, reference, {}), 0);
+    ASSERT_TRUE(parse_secret_reference(text, false, reference, {}));
     FixedSecret<kMaxSecret> secret;
     EXPECT_EQ(read_secret(reference, secret), c.secret != nullptr);
     EXPECT_EQ(secret.view(), c.secret != nullptr ? c.secret : "");
@@ -157,7 +157,7 @@ TEST(Secret, IsALiteralOrTheFirstBytesOfAFile) {
 TEST(SecretReference, RefusesALiteralWhereNoneMayStand) {
   SecretReference reference;
   std::array<char, 128> err{};
-  EXPECT_EQ(parse_secret_reference("hunter2", false, reference, err), -1);
+  EXPECT_FALSE(parse_secret_reference("hunter2", false, reference, err));
   EXPECT_STREQ(err.data(),
                "a literal value is not accepted here (visible via /proc/ps) -- use file:<path> or "
                "kms:<url>");

@@ -23,7 +23,7 @@ inline constexpr std::int64_t kDay = 86400;
 inline CronSpec cron(const char* text) {
   CronSpec fields;
   std::array<char, 128> err{};
-  EXPECT_EQ(cron_parse(text, fields, err), 0) << err.data();
+  EXPECT_TRUE(cron_parse(text, fields, err)) << err.data();
   return fields;
 }
 
