@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "common/message.h"
@@ -23,7 +25,7 @@ constexpr std::chrono::milliseconds kAcceptRetry{500};
 // How often a full house is looked through for a place for the client that waits.
 constexpr std::chrono::milliseconds kSeatRetry{250};
 // The finite-field groups would let a client make us work much harder than itself.
-constexpr const char* kGroups = "X25519:P-256:P-384";
+constexpr std::string_view kGroups = "X25519:P-256:P-384";
 constexpr const char* kCiphers = "ECDHE+AESGCM:ECDHE+CHACHA20";  // of TLS 1.2; 1.3 has no weak ones
 
 // A client that also speaks HTTP/2 must be told that this server does not.
@@ -45,7 +47,8 @@ int no_passphrase(char*, int, int, void*) { return 0; }
 // lives for months in memory that would open recorded connections.
 void harden(SSL_CTX* ctx) {
   SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
-  SSL_CTX_set1_groups_list(ctx, kGroups);
+  std::string groups(kGroups);  // OpenSSL's macro takes it as if it wrote to it
+  SSL_CTX_set1_groups_list(ctx, groups.data());
   SSL_CTX_set_cipher_list(ctx, kCiphers);
   SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET |
                                SSL_OP_CLEANSE_PLAINTEXT);
