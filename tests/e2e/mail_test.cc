@@ -46,7 +46,9 @@ class Syslog {
 class ResultMail : public DaemonFixture {
  protected:
   ResultMail() {
-    tool("orv_agent", "echo working; exit 3");
+    home_.write("go", "");
+    tool("orv_agent",
+         "echo working; until [ -e " + home_.file("go") + " ]; do sleep 0.05; done; exit 3");
     configure(
         "[mail]\nsmtp-host=mail.example.org\nfrom=backup@example.org\nto=root@example.org\n"
         "notify=failed\n[nightly]\nprofile=p\nonce=1\n");
@@ -82,6 +84,18 @@ TEST_F(ResultMail, ComesFromTheDaemon) {
   EXPECT_TRUE(daemon_says("INFO  orv_sched: mail #2 sent\n"));
   EXPECT_EQ(stop_daemon(), 0);
   EXPECT_TRUE(contains(file("net.log"), "\nend\n")) << "left by itself";
+}
+
+TEST_F(ResultMail, IsNotLostWhenTheDaemonIsToldToStopDuringTheRun) {
+  std::filesystem::remove(home_.file("go"));
+  daemon_ = launch("daemon", {}, false);
+  ASSERT_TRUE(reaches("nightly", JobState::Running)) << daemon_->err();
+  daemon_->signal(SIGTERM);
+  EXPECT_TRUE(daemon_says("stopping after job 'nightly'"));
+  home_.write("go", "");
+  EXPECT_TRUE(mail_arrives()) << daemon_->err();
+  EXPECT_EQ(daemon_->wait(), 0);
+  EXPECT_TRUE(contains(daemon_->err(), "INFO  orv_sched: mail #2 sent\n")) << daemon_->err();
 }
 
 TEST_F(ResultMail, ComesFromARunOnDemandWithSyslogOrWithout) {
