@@ -1,94 +1,68 @@
 // The command line from outside: what the built program prints, where, and how it exits.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "support/support.h"
+#include "e2e/daemon_fixture.h"
 
 namespace orv::test {
 namespace {
 
-class CliTest : public ::testing::Test {
- protected:
-  TempDir dir_;
-
-  ProgramResult sched(std::vector<std::string> words, std::map<std::string, std::string> env = {}) {
-    words.insert(words.begin(), ORV_SCHED_PROGRAM);
-    words.insert(words.end(), {"--no-syslog", "--log-path", dir_.file("log")});
-    return run_program(std::move(words), std::move(env));
-  }
-  // With the configuration and a queue of its own.
-  ProgramResult with_config(std::vector<std::string> words, const std::string& config) {
-    words.insert(words.end(),
-                 {"--config", dir_.write("cfg", config), "--queue", dir_.file("queue")});
-    return sched(std::move(words), {{"TZ", "UTC"}});
-  }
-};
+using CliTest = DaemonFixture;
+using Words = std::vector<std::string>;
 
 TEST_F(CliTest, TheSwitchesOfEveryToolComeBeforeEverything) {
-  ProgramResult result = run_program({ORV_SCHED_PROGRAM, "bogus", "--version", "--selftest"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "orv_sched 1.0.2-alpha028\n");
-  EXPECT_EQ(result.err, "");
-  result = run_program({ORV_SCHED_PROGRAM, "--selftest"});
-  EXPECT_EQ(result.out, "orv_sched 1.0.2-alpha028: selftest ok\n");
+  const ProgramResult version =
+      run_program({ORV_SCHED_PROGRAM, "bogus", "--version", "--selftest"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, "orv_sched 1.0.2-alpha028\n");
+  EXPECT_EQ(version.err, "");
+  EXPECT_EQ(run_program({ORV_SCHED_PROGRAM, "--selftest"}).out,
+            "orv_sched 1.0.2-alpha028: selftest ok\n");
 }
 
 TEST_F(CliTest, UsageGoesToStandardOutputAndTheFaultToStandardError) {
-  struct Case {
-    std::vector<std::string> words;
-    int status;
-    std::string fault;
+  configure("");
+  // clang-format off
+  const struct { Words words; int status; std::string fault; } cases[] = {
+      {{"bogus"},            2, "error: unknown command 'bogus'\n"},
+      {{"lsit"},             2, "error: unknown command 'lsit' (did you mean 'list'?)\n"},
+      {{"list", "-h"},       0, ""},
+      {{"start"},            2, "error: 'start' needs the name of a job before '--config'\n"},
+      {{"api-token", "lst"}, 2, "error: unknown api-token command 'lst' (did you mean 'list'?)\n"},
   };
-  const std::string config = dir_.write("cfg", "");
-  for (const Case& c :
-       std::vector<Case>{{{"bogus"}, 2, "unknown command 'bogus'"},
-                         {{"lsit"}, 2, "unknown command 'lsit' (did you mean 'list'?)"},
-                         {{"list", "-h"}, 0, ""},
-                         {{"start"}, 2, "'start' needs the name of a job before '--no-syslog'"},
-                         {{"api-token", "lst", "--config", config},
-                          2,
-                          "unknown api-token command 'lst' (did you mean 'list'?)"}}) {
+  // clang-format on
+  for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.words));
-    const ProgramResult result = sched(c.words);
+    const ProgramResult result = sched(c.words[0], {c.words.begin() + 1, c.words.end()});
     EXPECT_EQ(result.status, c.status);
-    EXPECT_EQ(result.err, c.fault.empty() ? "" : "error: " + c.fault + "\n");
+    EXPECT_EQ(result.err, c.fault);
     EXPECT_TRUE(result.out.starts_with("orv_sched 1.0.2-alpha028 (build 20261005-2)\n\n"));
     EXPECT_TRUE(contains(result.out, "--queue defaults to\n/var/lib/orv_sched/queue.state."));
     EXPECT_TRUE(contains(result.out,
                          "built-in defaults are\n"
                          "30s / poll-interval / 86400s / /var/log/orv/orv_sched-jobs / 20."));
-    EXPECT_FALSE(exists("queue.state"));
   }
 }
 
-TEST_F(CliTest, TheRunLogRecordsStartStopAndWarnings) {
-  const ProgramResult result = sched({"bogus"});
-  EXPECT_EQ(result.status, 2);
-  std::string log = read_file(dir_.file("log/sched.log"));
-  EXPECT_TRUE(contains(log, " started\n")) << log;
-  EXPECT_TRUE(contains(log, " stopped exit=2\n")) << log;
-  EXPECT_TRUE(contains(log, "[orv_sched] pid="));
-
-  const ProgramResult warned = with_config({"validate", "--x%s", "y"}, "");
+TEST_F(CliTest, WarningsGoToTheRunLogToo) {
+  configure("[a]\nenabled=no\n[b]\nonce=1\n");
+  const ProgramResult warned = sched("validate", {"--x%s", "y"});
   EXPECT_EQ(warned.status, 0);
+  EXPECT_EQ(warned.out, "OK: 2 job(s)\n");
   EXPECT_TRUE(contains(warned.err, "unknown option '--x%s' ignored (with the value after it)"));
-  log = read_file(dir_.file("log/sched.log"));
-  EXPECT_TRUE(contains(log, " unknown option '--x%s' ignored (with the value after it)\n"));
+  const std::string log = file("log/sched.log");
+  EXPECT_TRUE(contains(log, "[orv_sched] pid=")) << log;
+  EXPECT_TRUE(contains(log, " unknown option '--x%s' ignored (with the value after it)\n")) << log;
+  EXPECT_TRUE(log.ends_with(" stopped exit=0\n")) << log;
 }
 
 TEST_F(CliTest, MasksSelectWhatIsLogged) {
-  struct Case {
-    const char* mask;
-    bool logged;
-    bool warned;
-  };
   // Bits are looked at in the low 32 only.
-  for (const Case& c : {Case{"--log=0", false, false}, Case{"--log=0x3", true, false},
-                        Case{"--log=12abc", true, true}, Case{"--log=", true, false},
-                        Case{"--log=0x100000000", false, false}, Case{"--log=-1", true, true},
-                        Case{"--syslog=x", true, true}}) {
+  // clang-format off
+  static constexpr struct { const char* mask; bool logged, warned; } kCases[] = {
+      {"--log=0",           false, false}, {"--log=0x3", true,  false}, {"--log=12abc",  true, true},
+      {"--log=",            true,  false}, {"--log=-1",  true,  true},  {"--syslog=x",   true, true},
+      {"--log=0x100000000", false, false},
+  };
+  // clang-format on
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.mask);
     const TempDir dir;
     const ProgramResult result = run_program(
@@ -97,27 +71,40 @@ TEST_F(CliTest, MasksSelectWhatIsLogged) {
     EXPECT_EQ(contains(result.err, "warning: orv_runlog: invalid --"), c.warned) << result.err;
     EXPECT_TRUE(exists(dir.file("x/sched.log")));
   }
-  dir_.write("plain", "");
-  const ProgramResult no_directory =
-      run_program({ORV_SCHED_PROGRAM, "bogus", "--no-syslog", "--log-path", dir_.file("plain")});
-  EXPECT_TRUE(no_directory.err.starts_with("warning: orv_runlog: could not create log directory '" +
-                                           dir_.file("plain") +
-                                           "' -- continuing without logfile\n"));
+  home_.write("log", "no directory");
+  EXPECT_TRUE(
+      sched("bogus").err.starts_with("warning: orv_runlog: could not create log directory '" +
+                                     home_.file("log") + "' -- continuing without logfile\n"));
 }
 
-TEST_F(CliTest, ValidateTellsTheFirstFault) {
-  EXPECT_EQ(with_config({"validate"}, "[a]\nenabled=no\n[b]\nonce=1\n").out, "OK: 2 job(s)\n");
-  const ProgramResult bad = with_config({"validate"}, "[a]\nenabled=maybe\n");
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.err, "error: " + dir_.file("cfg") + ":2: 'enabled' must be yes or no\n");
-  EXPECT_FALSE(exists(dir_.file("queue")));
+TEST_F(CliTest, SaysWhatIsWrongWithTheConfigurationOrTheQueue) {
+  const std::string config = home_.file("sched.cfg");
+  const struct {
+    const char* text;
+    const char* command;
+    int status;
+    std::string err;
+  } cases[] = {
+      {"[a]\nenabled=maybe\n", "validate", 1, config + ":2: 'enabled' must be yes or no\n"},
+      {"[a]\n", "daemon", 2, "[a]: needs at least one of 'schedule', 'once' or 'after'"},
+      {"", "list", 1, "cannot read queue " + home_.file("state/queue") + "\n"},
+  };
+  home_.write("state/queue/is a directory", "");
+  for (const auto& c : cases) {
+    configure(c.text);
+    const ProgramResult result = sched(c.command);
+    EXPECT_EQ(result.status, c.status) << c.command;
+    EXPECT_TRUE(contains(result.err, "error: " + c.err)) << result.err;
+  }
+  std::filesystem::remove(config);
+  EXPECT_EQ(sched("list").err, "error: cannot read the configuration file " + config + "\n");
 }
 
 TEST_F(CliTest, ListShowsWhatTheDaemonWouldSeeAndCreatesNothing) {
-  const ProgramResult result =
-      with_config({"list"},
-                  "[nightly]\nonce=4102444800\n[check]\ncommand=verify\nafter=nightly,prune\n"
-                  "after-mode=finished\n[prune]\ncommand=maint-prune\nenabled=no\n");
+  configure(
+      "[nightly]\nonce=4102444800\n[check]\ncommand=verify\nafter=nightly,prune\n"
+      "after-mode=finished\n[prune]\ncommand=maint-prune\nenabled=no\n");
+  const ProgramResult result = sched("list");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out,
             "NAME                     COMMAND            STATUS     NEXT-RUN             LAST-RUN "
@@ -128,26 +115,14 @@ TEST_F(CliTest, ListShowsWhatTheDaemonWouldSeeAndCreatesNothing) {
             "            -                    -      nightly,prune (finished)\n"
             "prune                    maint-prune        DISABLED   -                    -        "
             "            -                    -      -\n");
-  EXPECT_FALSE(exists(dir_.file("queue")));
-  EXPECT_FALSE(exists(dir_.file("queue.lock")));
-}
-
-TEST_F(CliTest, ListReportsAQueueThatCannotBeRead) {
-  ASSERT_EQ(run_program({"mkdir", dir_.file("queue")}).status, 0);
-  const ProgramResult result = with_config({"list"}, "");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "error: cannot read queue " + dir_.file("queue") + "\n");
-  EXPECT_EQ(sched({"list", "--config", dir_.file("none")}).err,
-            "error: cannot read the configuration file " + dir_.file("none") + "\n");
+  EXPECT_FALSE(exists(home_.file("state")));
 }
 
 TEST_F(CliTest, ListIsColouredOnATerminalOnly) {
-  const std::string config = dir_.write("cfg", "[a]\nonce=4102444800\n[b]\nenabled=no\n");
-  const std::string command = std::string(ORV_SCHED_PROGRAM) +
-                              " list --no-syslog --no-log --config " + config + " --queue " +
-                              dir_.file("q");
+  configure("[a]\nonce=4102444800\n[b]\nenabled=no\n");
   const auto on_terminal = [&](const char* no_color) {
-    return run_program({"script", "-qec", command, "/dev/null"}, {{"NO_COLOR", no_color}}).out;
+    const Words line = {"script", "-qec", shell_line("list"), "/dev/null"};
+    return run_program(line, {{"NO_COLOR", no_color}}).out;
   };
   const std::string coloured = on_terminal("");
   if (coloured.empty()) GTEST_SKIP() << "no script(1) to make a terminal with";
@@ -158,28 +133,18 @@ TEST_F(CliTest, ListIsColouredOnATerminalOnly) {
 }
 
 TEST_F(CliTest, ClosedAndFullStreamsLoseNothing) {
-  const std::string config = dir_.write("cfg", "[a]\nonce=1\nprofile=p\n");
-  const std::string options = " --no-syslog --no-log --config " + config + " --queue " +
-                              dir_.file("queue") + " --job-log-dir " + dir_.file("logs");
-  const auto shell = [&](const std::string& command, const char* redirection) {
-    return run_program({"sh", "-c", ORV_SCHED_PROGRAM " " + command + options + " " + redirection});
-  };
+  configure("[a]\nonce=1\nprofile=p\n");
   // Without a standard error, messages must not be written into the first file that is opened.
-  EXPECT_EQ(shell("run a", "2>&-").status, 1);  // there is no tool
-  const std::string log = run_program({"sh", "-c", "cat " + dir_.file("logs") + "/a/*.log"}).out;
+  EXPECT_EQ(run_program({"sh", "-c", shell_line("run", {"a", "--no-log"}) + " 2>&-"}, env()).status,
+            1);
+  const auto logs = std::filesystem::directory_iterator(home_.file("job-logs/a"));
+  const std::string log = read_file(logs->path());
   EXPECT_TRUE(contains(log, "finish_unix: "));
   EXPECT_FALSE(contains(log, "[orv_sched]")) << log;
 
-  const ProgramResult full = shell("validate", ">/dev/full");
+  const ProgramResult full = run_program({"sh", "-c", shell_line("validate") + " >/dev/full"});
   EXPECT_EQ(full.status, 1);
   EXPECT_TRUE(full.err.ends_with("error: cannot write to standard output\n")) << full.err;
-}
-
-TEST_F(CliTest, TheDaemonNeedsAConfiguration) {
-  const ProgramResult result = with_config({"daemon"}, "[a]\n");
-  EXPECT_EQ(result.status, 2);
-  EXPECT_TRUE(
-      contains(result.err, "error: [a]: needs at least one of 'schedule', 'once' or 'after'"));
 }
 
 }  // namespace

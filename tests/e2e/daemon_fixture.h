@@ -40,6 +40,13 @@ class DaemonFixture : public ::testing::Test {
     }
     return argv;
   }
+  // The same for a shell.
+  [[nodiscard]] std::string shell_line(const std::string& command,
+                                       const std::vector<std::string>& words = {}) const {
+    std::string line;
+    for (const std::string& word : command_line(command, words)) line += "'" + word + "' ";
+    return line;
+  }
   [[nodiscard]] Env env() const {
     return {{"PATH", home_.file("bin") + ":/usr/bin:/bin"}, {"TZ", "UTC"}};
   }
@@ -85,6 +92,15 @@ class DaemonFixture : public ::testing::Test {
   }
   [[nodiscard]] std::string file(std::string_view name) const {
     return read_file(home_.file(name));
+  }
+  // Waits for text in the file: a tool creates it empty and writes it at once.
+  [[nodiscard]] bool appears(std::string_view name) const {
+    return wait_until(std::chrono::seconds(30), [&] { return !file(name).empty(); });
+  }
+  // Shell commands: they say that the tool is up, in the file "up", and wait for the file "go".
+  [[nodiscard]] std::string up_until_go() const {
+    return "echo $$ >" + home_.file("up") + "; while ! [ -e " + home_.file("go") +
+           " ]; do sleep 0.05; done";
   }
 
   TempDir home_;

@@ -28,7 +28,7 @@ TEST_F(Network, DeliversTheTestMailOrSaysWhyNot) {
   const KeyPair pair = make_certificate(home_, "localhost");
   const Program server(
       {kPython, ORV_SMTP_SERVER, "starttls", pair.certificate, pair.key, home_.path()});
-  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("port")); }));
+  ASSERT_TRUE(appears("port"));
   const auto mail_test = [&](const std::string& password) {
     configure("[mail]\nsmtp-host = localhost\nsmtp-port = " + file("port") +
               "\nca-file = " + pair.certificate + "\nsmtp-user = u\nsmtp-password = " + password +
@@ -37,8 +37,7 @@ TEST_F(Network, DeliversTheTestMailOrSaysWhyNot) {
   };
   const ProgramResult refused = mail_test("wrong");
   EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.err,
-              HasSubstr("the login was refused at login (AUTH), the server said: 535"));
+  EXPECT_THAT(refused.err, HasSubstr("the server said: 535"));
   EXPECT_EQ(mail_test("p").status, 0);
   EXPECT_THAT(file("1.eml"), HasSubstr("backup@example.org root@example.org True\n"));
 }

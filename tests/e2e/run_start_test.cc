@@ -59,36 +59,14 @@ TEST_F(RunStartTest, RunExitsWithTheOutcomeAndDecidesOnTheBackground) {
 }
 
 TEST_F(RunStartTest, ARunOutlivesWhoeverReadsItsMessages) {
-  tool("orv_agent", "while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done");
+  tool("orv_agent", up_until_go());
   configure("[a]\nonce=1\n");
-  std::string command = "{";
-  for (const std::string& word : command_line("run", {"a"})) command += " '" + word + "'";
-  command += "; echo $? >" + home_.file("code") + "; } 2>&1 | { head -c 1 >" + home_.file("first") +
-             "; exec <&-; : >" + home_.file("go") + "; }";
+  const std::string command = "{ " + shell_line("run", {"a"}) + "; echo $? >" + home_.file("code") +
+                              "; } 2>&1 | { head -c 1; exec <&-; : >" + home_.file("go") + "; }";
   EXPECT_EQ(run_program({"sh", "-c", command}, env()).status, 0);
-  EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return file("code") == "0\n"; }));
+  EXPECT_TRUE(appears("code"));
+  EXPECT_EQ(file("code"), "0\n");
   EXPECT_EQ(record_state(record("a")), JobState::Done);
-}
-
-TEST_F(RunStartTest, StartRefusesBesideAToolThatLostItsScheduler) {
-  tool("orv_agent", ": >" + home_.file("here") + "; while ! [ -e " + home_.file("go") +
-                        " ]; do sleep 0.05; done; : >" + home_.file("gone"));
-  configure("[a]\nonce=1\n[b]\nonce=1\n");
-  {
-    Program killed(command_line("run", {"a"}), env());
-    ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("here")); }));
-    killed.signal(SIGKILL);
-    killed.wait();
-  }
-  const ProgramResult refused = sched("start", {"b"});
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_TRUE(contains(refused.err,
-                       "error: job 'a': the tool of a run whose scheduler is gone is still "
-                       "running (pid "))
-      << refused.err;
-  EXPECT_TRUE(contains(refused.err, ".log) -- jobs run one at a time, try again later"));
-  home_.write("go", "");
-  EXPECT_TRUE(wait_until(std::chrono::seconds(30), [&] { return exists(home_.file("gone")); }));
 }
 
 TEST_F(RunStartTest, ASignalEndsTheToolAndTheRunHasFailed) {
@@ -99,7 +77,7 @@ TEST_F(RunStartTest, ASignalEndsTheToolAndTheRunHasFailed) {
     home_.write("pid", "");
     std::filesystem::remove_all(home_.file("job-logs"));
     Program run(command_line("run", {"a"}), env());
-    ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return !file("pid").empty(); }));
+    ASSERT_TRUE(appears("pid"));
     run.signal(number);
     EXPECT_EQ(run.wait(), 1);
     EXPECT_EQ(record_state(record("a")), JobState::Failed);
@@ -109,20 +87,22 @@ TEST_F(RunStartTest, ASignalEndsTheToolAndTheRunHasFailed) {
   }
   home_.write("pid", "");
   ASSERT_EQ(sched("start", {"a"}).status, 0);
-  ASSERT_TRUE(wait_until(std::chrono::seconds(30), [&] { return !file("pid").empty(); }));
+  ASSERT_TRUE(appears("pid"));
   ::kill(static_cast<pid_t>(queue_get_runner_pid(record("a"))), SIGTERM);
   EXPECT_TRUE(reaches("a", JobState::Failed));
 }
 
 TEST_F(RunStartTest, StartDetachesAndRefusesWhileAJobRuns) {
-  tool("orv_agent", "echo \"$* $(readlink /proc/$$/fd/0) $(pwd)\" >" + home_.file("args") +
-                        "; while ! [ -e " + home_.file("go") + " ]; do sleep 0.05; done; exit 3");
+  tool("orv_agent", "echo \"$* $(readlink /proc/$$/fd/0) $(pwd)\" >" + home_.file("args") + "; " +
+                        up_until_go() + "; exit 3");
   configure("[a]\nprofile=p\nonce=1\n[b]\nprofile=p\nonce=1\n");
   const ProgramResult started = sched("start", {"a"});
   EXPECT_EQ(started.status, 0);
   EXPECT_EQ(started.out.find("started job 'a' in the background (pid "), 0U);
   EXPECT_TRUE(started.out.ends_with(", with --background), log: " + home_.file("job-logs/a/\n")));
-  ASSERT_TRUE(reaches("a", JobState::Running));
+  ASSERT_TRUE(reaches("a", JobState::Running) && appears("up"));
+  EXPECT_EQ(file("args"),
+            "--name p --background /dev/null " + std::filesystem::current_path().string() + "\n");
   const std::string pid = std::to_string(queue_get_runner_pid(record("a")));
   EXPECT_TRUE(contains(started.out, "(pid " + pid + ","));
   EXPECT_TRUE(contains(sched("start", {"a"}).err, "error: job 'a' is already RUNNING (pid " + pid +
