@@ -48,10 +48,14 @@ std::vector<ClientReply> replies(asio::io_context& io, ApiConnection& connection
 
 class Connection : public ::testing::Test {
  protected:
-  ClientReply ask(LyingServer& server, const ClientRequest& request,
+  ApiConnection connect(const LyingServer& server) {
+    return connect(server.address(), server.fingerprint());
+  }
+  ApiConnection connect(const ServerAddress& at, const Sha256Digest& pin) {
+    return {io_.get_executor(), at, pin, LyingServer::token()};
+  }
+  ClientReply ask(ApiConnection connection, const ClientRequest& request = request_of("GET"),
                   std::chrono::milliseconds time = 10s) {
-    ApiConnection connection(io_.get_executor(), server.address(), server.fingerprint(),
-                             LyingServer::token());
     return replies(io_, connection, {request}, time).front();
   }
   asio::io_context io_;
@@ -65,8 +69,7 @@ TEST_F(Connection, SendsWhatItSignsAndKeepsItsConnection) {
     seen.push_back(request);
     return LyingServer::signed_reply(request, 200, "{\"n\":" + std::to_string(seen.size()) + "}");
   });
-  ApiConnection connection(io_.get_executor(), server.address(), server.fingerprint(),
-                           LyingServer::token());
+  ApiConnection connection = connect(server);
   ClientRequest put = request_of("PUT", "/api/v1/jobs/" + path_segment("a b/\xc3\xa4"));
   put.body = "{}";
   put.if_match = "\"tag\"";
@@ -89,91 +92,75 @@ TEST_F(Connection, SendsWhatItSignsAndKeepsItsConnection) {
 }
 
 TEST_F(Connection, BelievesNothingThatTheSchedulerDidNotSign) {
-  const std::string sig = "ORV-Signature: " + std::string(64, '0') + "\r\n";
-  const std::string body = "Content-Length: 2\r\n\r\n{}";
   const auto says = [](std::string text) {
     return [text = std::move(text)](const SeenRequest&) { return text; };
   };
-  const auto as_signed = [](const SeenRequest& request, int status, const std::string& text) {
-    return "ORV-Signature: " + LyingServer::signature(request, status, text) + "\r\n";
+  const std::string ok = "HTTP/1.1 200 OK\r\n", refused = "HTTP/1.1 503 No\r\n";
+  const std::string sig = "ORV-Signature: " + std::string(64, '0') + "\r\n";
+  const std::string body = "Content-Length: 2\r\n\r\n{}";
+  const std::string long_text(10'000'000, ' ');
+  // 200 and "{}", with the signature of another reply.
+  const auto signed_as = [&](int status, const char* text) {
+    return [&, status, text](const SeenRequest& r) {
+      return ok + "ORV-Signature: " + LyingServer::signature(r, status, text) + "\r\n" + body;
+    };
   };
-  struct Case {
-    const char* lie;
-    LyingServer::Answer answer;
-    ReplyKind kind;
-    const char* error;
+  const auto capitals = [&](const SeenRequest& r) {
+    std::string line = LyingServer::signature(r, 200, "{}");
+    for (char& c : line) c = static_cast<char>(::toupper(c));
+    return ok + "ORV-Signature: " + line + "\r\n" + body;
   };
+  const auto other_nonce = [](SeenRequest r) {
+    r.nonce[0] = r.nonce[0] == '0' ? '1' : '0';
+    return LyingServer::signed_reply(r, 200, "{}");
+  };
+  const auto twice = [&](const SeenRequest& r) {
+    return LyingServer::signed_reply(r, 200, "{}", sig);
+  };
+  const auto too_long = [&](const SeenRequest& r) {
+    return LyingServer::signed_reply(r, 200, long_text);
+  };
+  const auto half = [](const SeenRequest& r) {
+    return LyingServer::signed_reply(r, 200, "{}").substr(0, 60) + LyingServer::kHangUp;
+  };
+  std::string chunks = ok + "Transfer-Encoding: chunked\r\n\r\n";
+  for (int i = 0; i < 5000; ++i) chunks += "10\r\n0123456789abcdef\r\n";
   constexpr ReplyKind kNotTrusted = ReplyKind::NotTrusted, kUnreachable = ReplyKind::Unreachable;
   const char* const kNone = "carries no signature";
   const char* const kWrong = "the reply's signature is wrong";
   const char* const kNoAnswer = "no answer from the server: ";
-  const Case cases[] = {
-      {"unsigned", says("HTTP/1.1 200 OK\r\n" + body), kNotTrusted, kNone},
-      {"unsigned 404", says("HTTP/1.1 404 Not Found\r\n" + body), kNotTrusted, kNone},
-      {"unsigned 500", says("HTTP/1.1 500 Oh\r\n" + body), kNotTrusted, kNone},
-      {"redirect", says("HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1/\r\n" + body),
-       kNotTrusted, kNone},
-      {"continue", says("HTTP/1.1 100 Continue\r\n\r\n"), kNotTrusted, kNone},
-      {"upgrade", says("HTTP/1.1 101 Switching\r\nUpgrade: x\r\n\r\n"), kNotTrusted, kNone},
-      {"nothing there", says("HTTP/1.1 204 No Content\r\n\r\n"), kNotTrusted, kNone},
-      {"zeroes", says("HTTP/1.1 200 OK\r\n" + sig + body), kNotTrusted, kWrong},
-      {"refusal with zeroes", says("HTTP/1.1 503 No\r\n" + sig + body), kNotTrusted, kWrong},
-      {"no hexadecimal digits", says("HTTP/1.1 200 OK\r\nORV-Signature: \xc3\xa4\r\n" + body),
-       kNotTrusted, kWrong},
-      {"empty signature", says("HTTP/1.1 503 No\r\nORV-Signature:\r\n" + body), kNotTrusted,
-       kWrong},
-      {"another status",
-       [&](const SeenRequest& r) { return "HTTP/1.1 200 OK\r\n" + as_signed(r, 404, "{}") + body; },
-       kNotTrusted, kWrong},
-      {"another body",
-       [&](const SeenRequest& r) { return "HTTP/1.1 200 OK\r\n" + as_signed(r, 200, "[]") + body; },
-       kNotTrusted, kWrong},
-      {"another nonce",
-       [](SeenRequest r) {
-         r.nonce[0] = r.nonce[0] == '0' ? '1' : '0';
-         return LyingServer::signed_reply(r, 200, "{}");
-       },
-       kNotTrusted, kWrong},
-      {"two signatures",
-       [&](const SeenRequest& r) { return LyingServer::signed_reply(r, 200, "{}", sig); },
-       kNotTrusted, kWrong},
-      {"signature in capitals",
-       [&](const SeenRequest& r) {
-         std::string line = LyingServer::signature(r, 200, "{}");
-         for (char& c : line) c = static_cast<char>(::toupper(c));
-         return "HTTP/1.1 200 OK\r\nORV-Signature: " + line + "\r\n" + body;
-       },
-       kNotTrusted, kWrong},
-      {"10 MB",
-       [](const SeenRequest& r) {
-         return LyingServer::signed_reply(r, 200, std::string(10'000'000, ' '));
-       },
-       kUnreachable, kNoAnswer},
-      {"10 MB until the end of the connection",
-       says("HTTP/1.1 200 OK\r\n\r\n" + std::string(10'000'000, ' ')), kUnreachable, kNoAnswer},
-      {"endless chunks",
-       [](const SeenRequest&) {
-         std::string text = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-         for (int i = 0; i < 5000; ++i) text += "10\r\n0123456789abcdef\r\n";
-         return text;
-       },
-       kUnreachable, kNoAnswer},
-      {"endless head", says("HTTP/1.1 200 OK\r\nX: " + std::string(100'000, 'x') + "\r\n" + body),
-       kUnreachable, kNoAnswer},
-      {"two lengths", says("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n" + body), kUnreachable,
-       kNoAnswer},
-      {"no HTTP", says("220 mail.example.com ESMTP\r\n\r\n"), kUnreachable, kNoAnswer},
-      {"half a reply, then the end",
-       [](const SeenRequest& r) {
-         return LyingServer::signed_reply(r, 200, "{}").substr(0, 60) + LyingServer::kHangUp;
-       },
-       kUnreachable, kNoAnswer},
-      {"hang-up", says(LyingServer::kHangUp), kUnreachable, kNoAnswer},
+  // clang-format off
+  const struct { const char* lie; ReplyKind kind; const char* error; LyingServer::Answer answer; } cases[] = {
+      {"unsigned",              kNotTrusted,  kNone,     says(ok + body)},
+      {"unsigned 404",          kNotTrusted,  kNone,     says("HTTP/1.1 404 Not Found\r\n" + body)},
+      {"unsigned 500",          kNotTrusted,  kNone,     says("HTTP/1.1 500 Oh\r\n" + body)},
+      {"redirect",              kNotTrusted,  kNone,     says("HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1/\r\n" + body)},
+      {"continue",              kNotTrusted,  kNone,     says("HTTP/1.1 100 Continue\r\n\r\n")},
+      {"upgrade",               kNotTrusted,  kNone,     says("HTTP/1.1 101 Switching\r\nUpgrade: x\r\n\r\n")},
+      {"nothing there",         kNotTrusted,  kNone,     says("HTTP/1.1 204 No Content\r\n\r\n")},
+      {"zeroes",                kNotTrusted,  kWrong,    says(ok + sig + body)},
+      {"refusal with zeroes",   kNotTrusted,  kWrong,    says(refused + sig + body)},
+      {"no hexadecimal digits", kNotTrusted,  kWrong,    says(ok + "ORV-Signature: \xc3\xa4\r\n" + body)},
+      {"empty signature",       kNotTrusted,  kWrong,    says(refused + "ORV-Signature:\r\n" + body)},
+      {"another status",        kNotTrusted,  kWrong,    signed_as(404, "{}")},
+      {"another body",          kNotTrusted,  kWrong,    signed_as(200, "[]")},
+      {"another nonce",         kNotTrusted,  kWrong,    other_nonce},
+      {"two signatures",        kNotTrusted,  kWrong,    twice},
+      {"signature in capitals", kNotTrusted,  kWrong,    capitals},
+      {"10 MB",                 kUnreachable, kNoAnswer, too_long},
+      {"10 MB without length",  kUnreachable, kNoAnswer, says(ok + "\r\n" + long_text)},
+      {"endless chunks",        kUnreachable, kNoAnswer, says(chunks)},
+      {"endless head",          kUnreachable, kNoAnswer, says(ok + "X: " + std::string(100'000, 'x') + "\r\n" + body)},
+      {"two lengths",           kUnreachable, kNoAnswer, says(ok + "Content-Length: 3\r\n" + body)},
+      {"no HTTP",               kUnreachable, kNoAnswer, says("220 mail.example.com ESMTP\r\n\r\n")},
+      {"half a reply, the end", kUnreachable, kNoAnswer, half},
+      {"hang-up",               kUnreachable, kNoAnswer, says(LyingServer::kHangUp)},
   };
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.lie);
-    LyingServer server(c.answer);
-    const ClientReply reply = ask(server, request_of("GET"));
+    const LyingServer server(c.answer);
+    const ClientReply reply = ask(connect(server));
     EXPECT_EQ(reply.kind, c.kind) << reply.error;
     EXPECT_THAT(reply.error, HasSubstr(c.error));
     EXPECT_TRUE(reply.body.empty());
@@ -185,7 +172,7 @@ TEST_F(Connection, TellsARefusalThatNobodySigned) {
   LyingServer server([](const SeenRequest&) {
     return "HTTP/1.1 429 Too Many\r\nRetry-After: 17\r\nContent-Length: 2\r\n\r\n{}";
   });
-  const ClientReply reply = ask(server, request_of("GET"));
+  const ClientReply reply = ask(connect(server));
   EXPECT_EQ(reply.kind, ReplyKind::Unsigned);
   EXPECT_EQ(reply.status, 429);
   EXPECT_EQ(reply.retry_after_s, 17U);
@@ -196,24 +183,21 @@ TEST_F(Connection, SendsNothingToAnotherCertificateAndNothingMalformed) {
   LyingServer server([](const SeenRequest& r) { return LyingServer::signed_reply(r, 200, "{}"); });
   Sha256Digest other = server.fingerprint();
   other[31] ^= 1U;
-  ApiConnection connection(io_.get_executor(), server.address(), other, LyingServer::token());
-  const ClientReply reply = replies(io_, connection, {request_of("GET")}).front();
+  const ClientReply reply = ask(connect(server.address(), other));
   EXPECT_EQ(reply.kind, ReplyKind::NotTrusted);
   EXPECT_THAT(reply.error, HasSubstr(fingerprint_text(server.fingerprint())));
 
-  std::vector<ClientRequest> malformed = {request_of("HEAD"),
-                                          request_of("GET", "x"),
-                                          request_of("GET", "/a b"),
-                                          request_of("GET", "/a?b"),
-                                          request_of("GET", "/\r\nX: y"),
-                                          request_of("GET", "/\xe4"),
-                                          request_of("GET", "/" + std::string(4096, 'x'))};
-  malformed.push_back(request_of("PUT"));
-  malformed.back().if_match = "\"\r\nX: y";
-  malformed.push_back(request_of("GET"));
-  malformed.back().query = "a=1#b";
+  const ClientRequest malformed[] = {{"HEAD", "/a", "", "", ""},
+                                     {"GET", "x", "", "", ""},
+                                     {"GET", "/a b", "", "", ""},
+                                     {"GET", "/a?b", "", "", ""},
+                                     {"GET", "/\r\nX: y", "", "", ""},
+                                     {"GET", "/\xe4", "", "", ""},
+                                     {"GET", "/" + std::string(4096, 'x'), "", "", ""},
+                                     {"PUT", "/a", "", "", "\"\r\nX: y"},
+                                     {"GET", "/a", "a=1#b", "", ""}};
   for (const ClientRequest& request : malformed) {
-    EXPECT_EQ(ask(server, request).kind, ReplyKind::NotSent) << request.path;
+    EXPECT_EQ(ask(connect(server), request).kind, ReplyKind::NotSent) << request.path;
   }
   EXPECT_EQ(server.requests(), 0);
   Sha256Digest seen{};
@@ -234,8 +218,7 @@ TEST_F(Connection, TriesAGetOnceMoreAndAChangeNever) {
                ? LyingServer::signed_reply(request, 200, "{}")
                : LyingServer::kHangUp;
   });
-  ApiConnection connection(io_.get_executor(), server.address(), server.fingerprint(),
-                           LyingServer::token());
+  ApiConnection connection = connect(server);
   const auto got =
       replies(io_, connection,
               {request_of("GET"), request_of("GET"), request_of("PUT"), request_of("GET")});
@@ -255,8 +238,7 @@ TEST_F(Connection, NoticesWhatCameInBetween) {
                ? reply + reply
                : LyingServer::signed_reply(request, 200, "[]", "Connection: close\r\n");
   });
-  ApiConnection connection(io_.get_executor(), server.address(), server.fingerprint(),
-                           LyingServer::token());
+  ApiConnection connection = connect(server);
   const auto got =
       replies(io_, connection, {request_of("PUT"), request_of("PUT"), request_of("PUT")});
   EXPECT_EQ(got[0].body, "{}");
@@ -266,8 +248,7 @@ TEST_F(Connection, NoticesWhatCameInBetween) {
 
 TEST_F(Connection, EndsAtItsDeadlineWhateverItWaitsFor) {
   LyingServer silent([](const SeenRequest&) { return LyingServer::kSayNothing; });
-  ApiConnection connection(io_.get_executor(), silent.address(), silent.fingerprint(),
-                           LyingServer::token());
+  ApiConnection connection = connect(silent);
   const auto got = replies(io_, connection, {request_of("GET"), request_of("GET")}, 100ms);
   for (const ClientReply& reply : got) {
     EXPECT_EQ(reply.kind, ReplyKind::Unreachable);
@@ -275,26 +256,20 @@ TEST_F(Connection, EndsAtItsDeadlineWhateverItWaitsFor) {
   }
   // Somebody listens there, and nobody shakes hands.
   asio::ip::tcp::acceptor mute(io_, {asio::ip::address_v4::loopback(), 0});
-  ApiConnection unheard(io_.get_executor(), {"127.0.0.1", mute.local_endpoint().port()},
-                        silent.fingerprint(), LyingServer::token());
-  EXPECT_EQ(replies(io_, unheard, {request_of("GET")}, 100ms).front().error,
-            "no answer from the server: timed out");
   const std::uint16_t port = mute.local_endpoint().port();
+  const auto error_of = [&](const char* host, std::uint16_t at, std::chrono::milliseconds time) {
+    return ask(connect({host, at}, silent.fingerprint()), request_of("GET"), time).error;
+  };
+  EXPECT_EQ(error_of("127.0.0.1", port, 100ms), "no answer from the server: timed out");
   mute.close();
-  ApiConnection nobody(io_.get_executor(), {"localhost", port}, silent.fingerprint(),
-                       LyingServer::token());
-  EXPECT_THAT(replies(io_, nobody, {request_of("GET")}).front().error,
-              HasSubstr("Connection refused"));
-  ApiConnection nameless(io_.get_executor(), {"no-such-host.invalid", 1}, silent.fingerprint(),
-                         LyingServer::token());
-  EXPECT_THAT(replies(io_, nameless, {request_of("GET")}).front().error,
+  EXPECT_THAT(error_of("localhost", port, 10s), HasSubstr("Connection refused"));
+  EXPECT_THAT(error_of("no-such-host.invalid", 1, 10s),
               HasSubstr("cannot resolve 'no-such-host.invalid': "));
 }
 
 TEST_F(Connection, EndsItsExchangesWhenItGoes) {
   LyingServer silent([](const SeenRequest&) { return LyingServer::kSayNothing; });
-  auto connection = std::make_unique<ApiConnection>(io_.get_executor(), silent.address(),
-                                                    silent.fingerprint(), LyingServer::token());
+  auto connection = std::make_unique<ApiConnection>(connect(silent));
   int ended = 0;
   for (int i = 0; i < 2; ++i) {
     asio::co_spawn(io_, connection->exchange(request_of("GET"), steady_clock::now() + 60s),

@@ -35,10 +35,11 @@ class Script {
     return [this](const SeenRequest& request) {
       const std::lock_guard lock(mutex_);
       const std::string line = request.text.substr(0, request.text.find(" HTTP/1.1"));
-      seen_ += line.substr(0, line.find(' ') + 1) + line.substr(line.find("/v1/") + 4) + "\n";
+      const std::string asked =
+          line.substr(0, line.find(' ') + 1) + line.substr(line.find("/v1/") + 4);
+      seen_ += asked + "\n";
       bodies_ += request.text.substr(request.text.find("\r\n\r\n") + 4) + "\n";
-      auto found =
-          replies_.find(line.substr(0, line.find(' ') + 1) + line.substr(line.find("/v1/") + 4));
+      const auto found = replies_.find(asked);
       if (found == replies_.end()) {
         return LyingServer::signed_reply(request, 404,
                                          R"({"error":{"code":"not_found","message":"no such"}})");
@@ -136,22 +137,26 @@ TEST_F(OrvApi, RefusesAWrongChoiceBeforeAnythingIsSent) {
   Script script({});
   const LyingServer server(script.answer());
   list("good", server.address(), server.fingerprint());
-  struct Case {
-    Words words;
-    const char* err;
+  const std::string pin = fingerprint_text(server.fingerprint());
+  // clang-format off
+  const struct { Words words; const char* err; } cases[] = {
+      {{"info", "--on", "god"},                           "no server 'god' is listed in "},
+      {{"info", "--on", "god"},                           " (did you mean 'good'?)"},
+      {{"info", "--on", ","},                             "'--on' needs the name of a server"},
+      {{"info", "--on", "good", "--server", "h"},         "'--server' cannot be given with servers of the"},
+      {{"info", "--all", "--token-file", "/x"},           "'--token-file' cannot be given with servers of"},
+      {{"info", "--all", "--on", "good"},                 "'--on' and '--all' exclude each other"},
+      {{"info", "--all", "--servers", "/nonexistent"},    "no servers are listed in /nonexistent"},
+      {{"log", "a", "--follow", "--all"},                 "'--follow' follows one server"},
+      {{"run", "a", "--wait", "--all"},                   "'--wait' follows one server"},
+      {{"info"},                                          "fingerprint is needed"},
+      {{"info", "--fingerprint", "AA:BB"},                "fingerprint is needed"},
+      {{"info", "--server", "127.0.0.1/x"},               "is not <host>[:<port>]"},
+      {{"info", "--fingerprint", pin},                    "a token <name>.<secret> is needed"},
+      {{"info", "--fingerprint", pin, "--token-file", "/x"}, "cannot read the token"},
   };
-  const Case cases[] = {
-      {{"info", "--on", "god"}, "no server 'god' is listed in "},
-      {{"info", "--on", "god"}, " (did you mean 'good'?)"},
-      {{"info", "--on", ","}, "'--on' needs the name of a server"},
-      {{"info", "--on", "good", "--server", "h"}, "'--server' cannot be given with servers of the"},
-      {{"info", "--all", "--token-file", "/x"}, "'--token-file' cannot be given with servers of"},
-      {{"info", "--all", "--on", "good"}, "'--on' and '--all' exclude each other"},
-      {{"info", "--all", "--servers", "/nonexistent"}, "no servers are listed in /nonexistent"},
-      {{"log", "a", "--follow", "--all"}, "'--follow' follows one server"},
-      {{"run", "a", "--wait", "--all"}, "'--wait' follows one server"},
-  };
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& c : cases) {
     const ProgramResult got = api(c.words);
     EXPECT_EQ(got.status, 2) << got.err;
     EXPECT_THAT(got.err, HasSubstr(c.err));
@@ -225,12 +230,11 @@ TEST_F(OrvApi, FollowsARunAndExitsByItsOutcome) {
     return std::string(R"({"offset":0,"size":4,"data":"log\n","next_offset":4,"finished":)") +
            finished + "}";
   };
-  struct Case {
+  const struct {
     int status;
     std::string entry;  // of the run; empty: it never starts
     const char* err;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {0, run(R"(true,"exit_code":0)"), ""},
       {6, run(R"(true,"exit_code":3)"), "the run of job 'a' failed with exit code 3"},
       {6, run("false"), "the run of job 'a' was lost: its log has no end"},
@@ -239,7 +243,7 @@ TEST_F(OrvApi, FollowsARunAndExitsByItsOutcome) {
       {7, "", "the run of job 'a' was taken out of the queue"},
       {8, run(R"(true,"exit_code":75)"), "the run of job 'a' found its tool busy"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     const bool lost = c.entry == run("false");
     Script script(
         {{"GET jobs/a/runs", {runs(old), runs(c.entry + old)}},
@@ -308,8 +312,8 @@ TEST_F(OrvApi, ShowsTextsOfAServerAsTextsOnly) {
 
 TEST_F(OrvApi, PinsOnlyOnYes) {
   const LyingServer server([](const SeenRequest&) { return LyingServer::kHangUp; });
-  const Words pin = {"pin", server.address().text(), "--name",
-                     "new", "--token-file",          home_.file("token")};
+  Words pin = {"pin", server.address().text(), "--name",
+               "new", "--token-file",          home_.file("token")};
   const std::string shown = fingerprint_text(server.fingerprint());
   for (const char* answer : {"", "y\n", "Yes\n", "no\n", " yes\n"}) {
     const ProgramResult got = api(pin, answer);
@@ -323,9 +327,8 @@ TEST_F(OrvApi, PinsOnlyOnYes) {
 
   const LyingServer impostor([](const SeenRequest&) { return LyingServer::kHangUp; });
   list("new", impostor.address(), server.fingerprint());
-  const ProgramResult changed =
-      api({"pin", impostor.address().text(), "--name", "new", "--token-file", home_.file("token")},
-          "yes\n");
+  pin[1] = impostor.address().text();
+  const ProgramResult changed = api(pin, "yes\n");
   EXPECT_EQ(changed.status, 4);
   EXPECT_THAT(changed.out,
               AllOf(HasSubstr(fingerprint_text(impostor.fingerprint())), HasSubstr(shown)));

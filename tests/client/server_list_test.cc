@@ -20,14 +20,9 @@ using test::TempDir;
 const std::string kFingerprint(64, 'a');
 
 TEST(ServerAddress, TakesAHostWithOrWithoutAPort) {
-  struct Case {
-    const char* text;
-    const char* host;  // null: refused
-    std::uint16_t port;
-    const char* shown;
-  };
+  // No host: refused.
   // clang-format off
-  static constexpr Case kCases[] = {
+  static constexpr struct { const char *text, *host; std::uint16_t port; const char* shown; } kCases[] = {
       {"backup1", "backup1", 8447, "backup1:8447"},
       {"b_1.example.com:1", "b_1.example.com", 1, "b_1.example.com:1"},
       {"127.0.0.1:65535", "127.0.0.1", 65535, "127.0.0.1:65535"},
@@ -41,7 +36,7 @@ TEST(ServerAddress, TakesAHostWithOrWithoutAPort) {
       {"https://host", nullptr, 0, ""}, {"h\nX: y", nullptr, 0, ""}, {"a b", nullptr, 0, ""},
   };
   // clang-format on
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.text);
     ServerAddress at;
     ASSERT_EQ(parse_server_address(c.text, at), c.host != nullptr);

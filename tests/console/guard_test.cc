@@ -22,12 +22,8 @@ TEST(Guard, PassesOnlyItsOwnPageWithItsCookie) {
   const std::string among = "theme=dark; " + good + "; x";
   const std::string old = cookie_of(other);
   const std::string cut = good.substr(0, good.size() - 1);
-  struct Case {
-    const char* what;
-    GuardedHead head;
-    GuardVerdict verdict;
-  };
-  const Case cases[] = {
+  // clang-format off
+  const struct { const char* what; GuardedHead head; GuardVerdict verdict; } cases[] = {
       {"a read", {"GET", "/", kHost, "", good}, GuardVerdict::Pass},
       {"a read with its origin", {"GET", "/", kHost, kOrigin, good}, GuardVerdict::Pass},
       {"among other cookies", {"GET", "/", kHost, "", among}, GuardVerdict::Pass},
@@ -47,7 +43,8 @@ TEST(Guard, PassesOnlyItsOwnPageWithItsCookie) {
       {"a change without origin", {"DELETE", "/", kHost, "", good}, GuardVerdict::Refuse},
       {"a host twice", {"GET", "/", kHost, "", good, true}, GuardVerdict::Refuse},
   };
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(guard.judge(c.head), c.verdict);
     EXPECT_EQ(*guard.reason() != '\0' || c.verdict == GuardVerdict::Pass, true);

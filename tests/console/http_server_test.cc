@@ -104,11 +104,7 @@ TEST_F(Http, AnswersRequestsThatCameTogetherOneAfterTheOther) {
 }
 
 TEST_F(Http, RefusesWhatIsMalformedTooLargeOrForeignAndCloses) {
-  struct Case {
-    std::string text;
-    const char* status;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"GET / HTTP/1.1\r\n\r\n", "403"},
       {"NONSENSE\r\n\r\n", "400"},
       {"GET / HTTP/9.9\r\n\r\n", "400"},
@@ -117,12 +113,12 @@ TEST_F(Http, RefusesWhatIsMalformedTooLargeOrForeignAndCloses) {
       {request("PUT /", "Transfer-Encoding: chunked\r\n") + "zz\r\n", "400"},
       {request("GET /", "Host: evil.example\r\n"), "403"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 60));
+  for (const auto& [text, status] : cases) {
+    SCOPED_TRACE(text.substr(0, 60));
     const ScopedFd fd = connect();
-    say(fd, c.text);
+    say(fd, text);
     const std::string reply = hear(fd, "}}");
-    EXPECT_TRUE(reply.starts_with(std::string("HTTP/1.1 ") + c.status)) << reply;
+    EXPECT_TRUE(reply.starts_with("HTTP/1.1 " + status)) << reply;
     EXPECT_NE(reply.find("Cache-Control: no-store\r\n"), std::string::npos);
   }
 }

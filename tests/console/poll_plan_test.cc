@@ -147,23 +147,18 @@ TEST(PollPlan, TriesAServerThatIsAwayWithAPauseThatGrowsToAMinute) {
 }
 
 TEST(PollPlan, BelievesNoReplyThatIsUnsignedOrNoJson) {
-  struct Case {
-    ReplyKind kind;
-    int status;
-    const char* body;
-    bool reachable, trusted;
-    const char* error;
+  constexpr const char* kWait = R"({"error":{"code":"too_many_failures","message":"wait"}})";
+  constexpr const char* kNoJson = "the answer is no JSON: unexpected character at byte 0";
+  // clang-format off
+  static constexpr struct { ReplyKind kind; int status; const char *body, *error; bool reachable, trusted; } kCases[] = {
+      {ReplyKind::Unsigned,    429, kWait,                      "429 too_many_failures: wait", true,  true},
+      {ReplyKind::Unsigned,    200, R"({"config_etag":"x"})",   "200",                         true,  true},
+      {ReplyKind::Signed,      200, "<html>",                   kNoJson,                       true,  true},
+      {ReplyKind::NotTrusted,  0,   "",                         "why",                         true,  false},
+      {ReplyKind::Unreachable, 0,   "",                         "why",                         false, false},
   };
-  static constexpr Case kCases[] = {
-      {ReplyKind::Unsigned, 429, R"({"error":{"code":"too_many_failures","message":"wait"}})", true,
-       true, "429 too_many_failures: wait"},
-      {ReplyKind::Unsigned, 200, R"({"config_etag":"x"})", true, true, "200"},
-      {ReplyKind::Signed, 200, "<html>", true, true,
-       "the answer is no JSON: unexpected character at byte 0"},
-      {ReplyKind::NotTrusted, 0, "", true, false, "why"},
-      {ReplyKind::Unreachable, 0, "", false, false, "why"},
-  };
-  for (const Case& c : kCases) {
+  // clang-format on
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.error);
     PollPlan plan("berlin");
     const auto ask = plan.next(kStart);
