@@ -52,7 +52,7 @@ std::string blocked_by_time(const Job& job, const QueueRecord& record, std::int6
     if (!has_time(job)) return {};
     return job.has_once ? "its once time has passed and been used" : "its schedule never fires";
   }
-  if (record.next_run <= now || (!has_time(job) && !waits_for_retry(record))) return {};
+  if (!held_by_time(job, record, now)) return {};
   return (waits_for_retry(record) ? "its tool was busy; it is tried again at " : "its time is ") +
          clock_text(record.next_run) + ", in " + duration_text(record.next_run - now);
 }

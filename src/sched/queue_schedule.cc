@@ -52,17 +52,21 @@ bool follow_enabled(QueueRecord& record, const Job& job, std::int64_t now) {
   return true;
 }
 
-// A job that was run by hand before any daemon saw it has a record without a time to run at. It
-// gets its first one: a job that silently never runs is the worst that can happen.
+// A job that was run by hand before any daemon saw it has a record without a time to run at, and so
+// has one that got its schedule while it was run by hand. It gets its first one: a job that
+// silently never runs is the worst that can happen.
 bool give_first_run(QueueRecord& record, const Job& job, std::int64_t now) {
-  if (record.schedule_fingerprint != 0 || record.next_run != kNever || !has_time_ahead(job, now)) {
-    return false;
-  }
+  if (record.next_run != kNever || !has_time_ahead(job, now)) return false;
+  const std::uint32_t known = record.schedule_fingerprint;
+  const std::uint32_t fingerprint = schedule_fingerprint(job);
+  if (known == fingerprint) return false;
   record.next_run = first_next_run(job, now);
   if (record.next_run == kNever) return false;
-  record.schedule_fingerprint = schedule_fingerprint(job);
-  log_msg(LogLevel::Info, "orv_sched: job '%s' was first run by hand: its next run is at %s",
-          job.name.c_str(), local_time_cell(record.next_run).c_str());
+  record.schedule_fingerprint = fingerprint;
+  if (known == 0) {
+    log_msg(LogLevel::Info, "orv_sched: job '%s' was first run by hand: its next run is at %s",
+            job.name.c_str(), local_time_cell(record.next_run).c_str());
+  }
   return true;
 }
 
@@ -86,7 +90,15 @@ bool drop_removed(QueueState& state, const Config& config, bool quiet) {
 }  // namespace
 
 bool waits_for_retry(const QueueRecord& record) {
-  return record_state(record) == JobState::Pending && record.started_at > 0;
+  return record_state(record) == JobState::Pending && record.started_at > 0 &&
+         record.next_run != kNever;
+}
+
+bool held_by_time(const Job& job, const QueueRecord& record, std::int64_t now) {
+  if (record.next_run <= now) return false;
+  // Without the retry's time, a job that only waits for others would be started over and over while
+  // its tool is busy.
+  return has_time(job) || (waits_for_retry(record) && record.finished_at <= now);
 }
 
 bool dependency_met(const QueueRecord& record, AfterMode mode) {
@@ -182,11 +194,7 @@ bool queue_job_due(const QueueState& state, const Job& job, std::int64_t now,
   if (!job.enabled) return false;
   const QueueRecord* const record = queue_find(state, job.name.view());
   if (record == nullptr || record_state(*record) == JobState::Running) return false;
-  // A time that was set holds a job with a schedule or a once time, and any job that is to be tried
-  // again: otherwise one that only waits for others would be started over and over while it is
-  // busy.
-  const bool retry_set = waits_for_retry(*record) && record->next_run != kNever;
-  if ((has_time(job) || retry_set) && record->next_run > now) return false;
+  if (held_by_time(job, *record, now)) return false;
   std::int64_t newest = 0;
   bool first = true;
   for (const JobName& name : job.after) {

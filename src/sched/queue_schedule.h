@@ -19,12 +19,16 @@ namespace orv {
 }
 // Whether the job ran, found its tool busy, and waits for its retry at next_run.
 [[nodiscard]] bool waits_for_retry(const QueueRecord& record);
+// Whether the record's next_run keeps the job from starting now. That of a job without a time to
+// run at does so for a retry only, and not when the clock was put back since the retry was set.
+[[nodiscard]] bool held_by_time(const Job& job, const QueueRecord& record, std::int64_t now);
 // Whether a job with this record lets those go on that wait for it in this mode.
 [[nodiscard]] bool dependency_met(const QueueRecord& record, AfterMode mode);
 
 // Brings the records in line with the configured jobs: new jobs get a record, removed ones lose
-// theirs, disabling and enabling is carried over, and a job that was first run by hand gets its
-// first next run. True when anything changed. `quiet` logs nothing.
+// theirs, disabling and enabling is carried over, and a job without a next run that was first run
+// by hand, or edited while it ran, gets its first one. True when anything changed. `quiet` logs
+// nothing.
 [[nodiscard]] bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now,
                                    bool quiet);
 // Reconciles, logging, and saves when anything changed.

@@ -239,13 +239,15 @@ TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
   const test::ScopedTimeZone zone("UTC");
   const auto config = parsed(
       "[busy]\nschedule=0 1 * * *\n[later]\nonce=4000000000\n[past]\nonce=1\n[hand]\nafter=busy\n"
-      "[nodate]\nschedule=0 0 31 2 *\n[known]\nschedule=0 1 * * *\n");
+      "[nodate]\nschedule=0 0 31 2 *\n[known]\nschedule=0 1 * * *\n"
+      "[edited]\nschedule=0 1 * * *\n");
   QueueState state;
   for (const Job& job : config->jobs) {
     QueueRecord record = record_of(job.name.view(), JobState::Pending);  // its tool was busy
     record.started_at = 5;
     record.next_run = kNever;
     if (job.name == "known") record.schedule_fingerprint = schedule_fingerprint(job);
+    if (job.name == "edited") record.schedule_fingerprint = 1;  // while it ran
     append_one(state, record);
   }
   const std::string log =
@@ -254,6 +256,7 @@ TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
                        "INFO  orv_sched: job 'busy' was first run by hand: its next run is at "
                        "2026-12-07 01:00:00\n"));
   EXPECT_EQ(queue_find(state, "busy")->next_run, kNow - 37 + 3600);
+  EXPECT_EQ(queue_find(state, "edited")->next_run, kNow - 37 + 3600);
   EXPECT_EQ(queue_find(state, "later")->next_run, 4000000000);
   for (const char* name : {"past", "hand", "nodate", "known"}) {
     EXPECT_EQ(queue_find(state, name)->next_run, kNever) << name;
