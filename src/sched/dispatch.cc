@@ -22,27 +22,36 @@
 namespace orv {
 namespace {
 
-// Notes the outcome of a save. What could not be written is kept in memory and tried again in each
-// pass; reading the file instead would forget that a job has run, and start it again.
+// What could not be written is kept in memory and tried again in each pass; reading the file
+// instead would forget that a job has run, and start it again.
 void note_save(Dispatch& d, ErrorCode rc) {
   queue_log_unsaved(d.queue, rc, " -- the changes are kept in memory");
-  d.unsaved = rc != ErrorCode::Ok;
 }
 
-// Whether another process has started the job since the record in memory was written.
-bool overtaken(const QueueRecord& memory, const QueueRecord& disk) {
-  return queue_runner_alive(disk) || disk.started_at > memory.started_at;
+bool same_run(const QueueRecord& a, const QueueRecord& b) {
+  return a.state_and_pid == b.state_and_pid && a.started_at == b.started_at &&
+         a.finished_at == b.finished_at && a.exit_code == b.exit_code;
 }
 
-// Brings unsaved changes over to the records just read from the disk.
+// Brings unsaved changes over to the records just read from the disk. Others only ever add a run:
+// one that the disk did not have when memory last agreed with it counts, whatever the clock said,
+// but when the job is to run next is decided here alone.
 void carry_over(const QueueState& memory, QueueState& disk) {
+  QueueState known;
+  known.replace_all(memory.saved());
   std::vector<QueueRecord> added;
   for (const QueueRecord& record : memory.records()) {
+    const QueueRecord* const before = queue_find(known, record_name(record));
+    if (before != nullptr && *before == record) continue;
     QueueRecord* const present = queue_find(disk, record_name(record));
     if (present == nullptr) {
       added.push_back(record);
-    } else if (!overtaken(record, *present)) {
+    } else if (before != nullptr && same_run(*before, *present)) {
       *present = record;
+    } else {
+      present->next_run = record.next_run;
+      present->schedule_fingerprint = record.schedule_fingerprint;
+      present->after_stamp = record.after_stamp;
     }
   }
   disk.append(added);
@@ -53,7 +62,6 @@ void read_queue(Dispatch& d) {
   if (!d.lock.valid()) {
     log_msg(LogLevel::Error, "orv_sched: cannot lock the queue %s -- using the in-memory copy",
             d.queue.path.c_str());
-    d.unsaved = true;  // whatever this pass changes
     return;
   }
   QueueState fresh;
@@ -63,19 +71,13 @@ void read_queue(Dispatch& d) {
             d.queue.path.c_str());
     return;
   }
-  if (d.unsaved) carry_over(d.queue, fresh);
+  if (d.queue.unsaved()) carry_over(d.queue, fresh);
   d.queue = std::move(fresh);
-  if (d.unsaved) note_save(d, queue_save(d.queue));
-}
-
-// A save that an operation made on its own account; Ok can also mean that there was nothing to
-// save, so it does not end an earlier failure.
-void note_own_save(Dispatch& d, ErrorCode rc) {
-  if (rc != ErrorCode::Ok) note_save(d, rc);
+  if (d.queue.unsaved()) note_save(d, queue_save(d.queue));
 }
 
 void reconcile(Dispatch& d, std::int64_t now) {
-  note_own_save(d, queue_sync_with_config(d.queue, *d.live.config, now));
+  note_save(d, queue_sync_with_config(d.queue, *d.live.config, now));
 }
 
 void reload_config(Dispatch& d, std::int64_t now) {
@@ -141,17 +143,12 @@ void report_running(const Dispatch& d, const Job& job) {
                    local_time_cell(std::time(nullptr)));
 }
 
-// A run reads the queue again at its end. What could not be saved before it is carried over it; of
-// the job itself the run knows better.
+// A run reads the queue again at its end; what could not be saved before it is carried over it.
 JobRunResult run(Dispatch& d, const Job& job) {
   report_running(d, job);
-  const auto run_it = [&] {
-    return run_job(job, d.settings.run, d.queue, d.lock, &d.poller, &d.live.running);
-  };
-  if (!d.unsaved) return run_it();
-  QueueState before = d.queue;
-  before.erase_if([&job](const QueueRecord& r) { return job.name == record_name(r); });
-  JobRunResult result = run_it();
+  QueueState before;
+  if (d.queue.unsaved()) before = d.queue;
+  JobRunResult result = run_job(job, d.settings.run, d.queue, d.lock, &d.poller, &d.live.running);
   carry_over(before, d.queue);
   return result;
 }
@@ -159,11 +156,7 @@ JobRunResult run(Dispatch& d, const Job& job) {
 // The end of every run: what happened is written before anybody hears of it. Without the lock it
 // waits for the next pass, which tries to have it: others may have changed the queue meanwhile.
 void finish_run(Dispatch& d, const Job& job, const JobRunResult& result) {
-  if (d.lock.valid()) {
-    note_save(d, queue_save(d.queue));
-  } else {
-    d.unsaved = true;
-  }
+  if (d.lock.valid()) note_save(d, queue_save(d.queue));
   d.lock.reset();
   send_result_mail(*d.live.config, job.name.view(), result, &d.live.net);
 }
@@ -270,11 +263,11 @@ int dispatch_load_config(Dispatch& d, std::span<char> reason) {
 
 void dispatch_adopt_config(Dispatch& d, std::int64_t now) {
   reconcile(d, now);
-  note_own_save(d, queue_refresh_schedules_and_save(d.queue, *d.live.config, now));
+  note_save(d, queue_refresh_schedules_and_save(d.queue, *d.live.config, now));
   queue_warn_of_times(d.queue, *d.live.config, now);
 }
 
-void dispatch_sweep(Dispatch& d) { note_own_save(d, queue_sweep_stale_runners(d.queue)); }
+void dispatch_sweep(Dispatch& d) { note_save(d, queue_sweep_stale_runners(d.queue)); }
 
 void dispatch_apply_network(Dispatch& d) {
   net_set_mail(d.live.net, d.live.config->mail);

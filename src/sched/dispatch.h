@@ -35,7 +35,6 @@ struct Dispatch {
   ServiceManager manager;
   QueueState queue;
   ScopedFd lock;          // held during a pass
-  bool unsaved = false;   // the records hold changes that could not be written yet
   FileIdentity identity;  // of the configuration file when it was last loaded, well or not
   // Both are counted since the last wait or API run.
   std::size_t passes_since_wait = 0;

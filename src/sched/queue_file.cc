@@ -48,11 +48,13 @@ ErrorCode load_existing(QueueState& state) {
   std::vector<QueueRecord> records;
   if (ErrorCode rc = read_records(fd.get(), records); rc != ErrorCode::Ok) return rc;
   state.replace_all(std::move(records));
+  state.note_saved();
   return ErrorCode::Ok;
 }
 
 void start_empty(QueueState& state, std::string_view path) {
   state.replace_all({});
+  state.note_saved();
   state.path = path.substr(0, kMaxQueuePath);
 }
 
@@ -98,18 +100,22 @@ ErrorCode queue_load_readonly(QueueState& state, const char* path) {
   return ::stat(state.path.c_str(), &st) == 0 ? load_existing(state) : ErrorCode::Ok;
 }
 
-ErrorCode queue_save(const QueueState& state) {
+ErrorCode queue_save(QueueState& state) {
   const std::span<const char> bytes(reinterpret_cast<const char*>(state.records().data()),
                                     state.records().size_bytes());
   // The directory is not flushed: after a power loss an older queue is a complete one, too, and a
   // second flush for each step of each run would be felt.
-  const auto save = [&] {
+  const auto replace = [&] {
     return replace_file(state.path, state.path + ".tmp", {bytes.data(), bytes.size()}, 0644,
                         DirectoryFlush::No);
   };
-  if (const ErrorCode rc = save(); rc != ErrorCode::NotFound) return rc;
-  if (const ErrorCode rc = make_parent_directories(state.path); rc != ErrorCode::Ok) return rc;
-  return save();
+  ErrorCode rc = replace();
+  if (rc == ErrorCode::NotFound) {
+    rc = make_parent_directories(state.path);
+    if (rc == ErrorCode::Ok) rc = replace();
+  }
+  if (rc == ErrorCode::Ok) state.note_saved();
+  return rc;
 }
 
 void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark) {

@@ -34,7 +34,7 @@ inline constexpr std::size_t kMaxQueuePath = 1023;  // bytes
 
 // Replaces the file whole: temporary file "<path>.tmp", flushed, renamed. After a failure the old
 // file is in place, and errno says what an IoError was. Needs the lock.
-[[nodiscard]] ErrorCode queue_save(const QueueState& state);
+[[nodiscard]] ErrorCode queue_save(QueueState& state);
 // Logs why a save failed, at once after it; nothing for Ok. `remark` ends the line.
 void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark = "");
 

@@ -30,6 +30,8 @@ struct [[gnu::packed]] QueueRecord {
   std::int64_t finished_at = 0;
   std::int32_t exit_code = 0;    // -1: none, could not start, or killed by a signal
   std::int64_t after_stamp = 0;  // finish of the newest dependency that this job has run for
+
+  bool operator==(const QueueRecord&) const = default;
 };
 static_assert(sizeof(QueueRecord) == kRecordSize);
 static_assert(std::endian::native == std::endian::little,

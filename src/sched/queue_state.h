@@ -34,6 +34,12 @@ class QueueState {
     return erased;
   }
 
+  // The file holds these very records: they were just read from it, or written to it.
+  void note_saved() { saved_ = records_; }
+  [[nodiscard]] const std::vector<QueueRecord>& saved() const { return saved_; }  // at that moment
+  // Whether the records hold changes that the file does not have.
+  [[nodiscard]] bool unsaved() const { return records_ != saved_; }
+
   // The position of the first record of exactly this name; records().size() when there is none.
   // The first look-up after a change of the records costs one pass over them, the others nothing.
   [[nodiscard]] std::size_t position_of(std::string_view name) const;
@@ -42,6 +48,7 @@ class QueueState {
   void build_index() const;
 
   std::vector<QueueRecord> records_;
+  std::vector<QueueRecord> saved_;
   // Open addressing over the names; 0: free, else position + 1. Empty: to be built.
   mutable std::vector<std::uint32_t> slots_;
 };
