@@ -106,6 +106,7 @@ std::vector<ModelRecord> read_queue(const std::string& bytes) {
     ModelRecord& record = records.emplace_back();
     record.name = std::string(from, ::strnlen(from, 128));
     record.state = from[128];
+    std::memcpy(&record.runner, from + 129, 3);
     std::memcpy(&record.next_run, from + 136, 8);
     std::memcpy(&record.started, from + 144, 8);
     std::memcpy(&record.finished, from + 152, 8);
@@ -280,7 +281,9 @@ void Model::mail_handed_over(const Process& process, std::string_view subject) {
   if (troubled_) return;
   for (const ModelRecord& record : read_queue(world_->disk.read(kQueuePath))) {
     if (record.name != job) continue;
-    if (record.state == kRunning || record.finished > world_->wall()) {
+    // A run of another may have begun meanwhile.
+    if ((record.state == kRunning && record.runner == process.pid) ||
+        record.finished > world_->wall()) {
       fail("'" + job + "' was reported before its end was recorded");
     }
   }

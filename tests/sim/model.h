@@ -36,6 +36,7 @@ struct ModelJob {
 struct ModelRecord {
   std::string name;
   int state = 0;
+  int runner = 0;  // pid
   std::int64_t next_run = 0;
   std::int64_t started = 0;
   std::int64_t finished = 0;
