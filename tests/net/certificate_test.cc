@@ -32,24 +32,22 @@ TEST(Certificate, IsWhatAnIndependentReaderSees) {
   if (test::run_program({"sh", "-c", "command -v openssl"}).status != 0) {
     GTEST_SKIP() << "the openssl program is not installed";
   }
-  const struct {
-    const char* name;
-    const char* alternative;  // the whole line
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
+      // the alternative's whole line
       {"backup01", "DNS:backup01\n"},
       {"192.0.2.10", "IP Address:192.0.2.10\n"},
       {"::1", "IP Address:0:0:0:0:0:0:0:1\n"},
       {"10.1", "DNS:10.1\n"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, alternative] : cases) {
+    SCOPED_TRACE(name);
     Files files;
-    ASSERT_EQ(files.create(c.name), ErrorCode::Ok);
+    ASSERT_EQ(files.create(name), ErrorCode::Ok);
     const auto text = test::run_program(
         {"openssl", "x509", "-in", files.cert, "-noout", "-text", "-fingerprint", "-sha256"});
-    EXPECT_TRUE(contains(text.out, c.alternative)) << text.out;
+    EXPECT_TRUE(contains(text.out, alternative)) << text.out;
     EXPECT_TRUE(contains(text.out, "Version: 3 (0x2)"));
-    EXPECT_TRUE(contains(text.out, "Subject: CN = " + std::string(c.name) + "\n"));
+    EXPECT_TRUE(contains(text.out, "Subject: CN = " + std::string(name) + "\n"));
     EXPECT_TRUE(contains(text.out, "NIST CURVE: P-256"));
     EXPECT_TRUE(contains(text.out, "Fingerprint=" + fingerprint(files.cert)));
     EXPECT_EQ(test::run_program({"openssl", "verify", "-CAfile", files.cert, files.cert}).status,
@@ -63,12 +61,10 @@ TEST(Certificate, IsWhatAnIndependentReaderSees) {
   ASSERT_EQ(files.create("a,DNS:evil,IP:10.0.0.1"), ErrorCode::Ok);
   const auto asn1 = test::run_program({"openssl", "asn1parse", "-in", files.cert});
   EXPECT_FALSE(contains(asn1.out, "[HEX DUMP]:3020820465766C")) << asn1.out;
-  const auto match =
-      test::run_program({"openssl", "x509", "-in", files.cert, "-noout", "-checkip", "10.0.0.1"});
-  EXPECT_TRUE(contains(match.out, "does NOT match")) << match.out;
-  const auto host =
-      test::run_program({"openssl", "x509", "-in", files.cert, "-noout", "-checkhost", "evil"});
-  EXPECT_TRUE(contains(host.out, "does NOT match")) << host.out;
+  const auto match = test::run_program({"openssl", "x509", "-in", files.cert, "-noout", "-checkip",
+                                        "10.0.0.1", "-checkhost", "evil"});
+  EXPECT_TRUE(contains(match.out, "evil does NOT match")) << match.out;
+  EXPECT_TRUE(contains(match.out, "10.0.0.1 does NOT match")) << match.out;
 }
 
 TEST(Certificate, ReplacesExistingFilesOnlyWhenForced) {
@@ -127,21 +123,18 @@ TEST(CertificateFingerprint, SaysWhyThereIsNone) {
 
 TEST(PemFile, IsTakenWholeOrRefused) {
   const test::TempDir dir;
-  const struct {
-    std::string content;
-    bool taken;
-  } cases[] = {{"x", true},
-               {std::string(16384, 'x'), true},
-               {"", false},
-               {std::string(16385, 'x'), false},
-               {std::string("a\0b", 3), false}};
-  for (const auto& c : cases) {
-    const std::string path = dir.write("file.pem", c.content);
+  const std::pair<std::string, bool> cases[] = {{"x", true},
+                                                {std::string(16384, 'x'), true},
+                                                {"", false},
+                                                {std::string(16385, 'x'), false},
+                                                {std::string("a\0b", 3), false}};
+  for (const auto& [content, taken] : cases) {
+    const std::string path = dir.write("file.pem", content);
     SecretString out("before");
     char err[512] = "";
-    EXPECT_EQ(read_pem_file(path.c_str(), out, err) == 0, c.taken);
-    EXPECT_EQ(out, c.taken ? std::string_view(c.content) : "before");
-    EXPECT_EQ(err, c.taken ? "" : path + " is empty, too large or not a PEM file");
+    EXPECT_EQ(read_pem_file(path.c_str(), out, err) == 0, taken);
+    EXPECT_EQ(out, taken ? std::string_view(content) : "before");
+    EXPECT_EQ(err, taken ? "" : path + " is empty, too large or not a PEM file");
   }
 }
 

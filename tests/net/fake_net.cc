@@ -28,12 +28,10 @@ using namespace orv;
 
 struct Fake {
   int ipc_fd = -1;
-  int listen_fd = -1;
   FILE* log = nullptr;
   std::unique_ptr<IpcMessage> in = std::make_unique<IpcMessage>();
   std::unique_ptr<IpcMessage> out = std::make_unique<IpcMessage>();
   std::uint32_t requests = 0;
-  std::uint32_t outstanding = 0;
 };
 
 [[gnu::format(printf, 2, 3)]] void note(const Fake& fake, const char* format, ...) {
@@ -59,21 +57,12 @@ void send_request(Fake& fake) {
   (void)request.method.set("GET");
   (void)request.path.set("/api/v1/info");
   (void)request.client.set("192.0.2.1");
-  const char* header = ::getenv("ORV_FAKE_NET_AUTHORIZATION");
-  if (header != nullptr) (void)request.authorization.set(header);
-  const char* path = ::getenv("ORV_FAKE_NET_PATH");
-  if (path != nullptr) (void)request.path.set(path);
-  ++fake.outstanding;
   send_now(fake, ipc_encode_api_request(*fake.out, ++fake.requests, request));
 }
 
 // Sends bytes of any length as one record.
 void send_raw(Fake& fake, std::string_view bytes) {
   (void)::send(fake.ipc_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
-
-[[noreturn]] void hang() {
-  for (;;) ::pause();
 }
 
 // A record that brings its own socket along.
@@ -118,10 +107,8 @@ constexpr Manner kManners[] = {
     {"slow",      [](Fake&) {}},  // no HELLO, and late with its answers
     {"reject",    [](Fake& f) { hello(f, ::getpid()); }},
     {"mute",      [](Fake& f) { hello(f, ::getpid()); }},  // reads, answers nothing
-    {"stuck",     [](Fake& f) { hello(f, ::getpid()); hang(); }},  // never reads
     {"wrong-pid", [](Fake& f) { hello(f, 1); }},
     {"exit",      [](Fake&) { ::_exit(7); }},
-    {"close",     [](Fake& f) { hello(f, ::getpid()); ::close(f.ipc_fd); hang(); }},
     {"quit-on-mail", [](Fake& f) { hello(f, ::getpid()); }},
     {"malformed", [](Fake& f) { send_raw(f, std::string(20, 'x')); }},
     {"empty",     [](Fake& f) { send_raw(f, ""); }},
@@ -132,8 +119,6 @@ constexpr Manner kManners[] = {
     {"forbidden", [](Fake& f) { send_now(f, ipc_encode_mail_send(*f.out, 1, "a", "b")); }},
     {"unknown",   [](Fake& f) { ipc_begin(*f.out, MessageType{99}, 1); send_now(f, 0); }},
     {"request",   [](Fake& f) { hello(f, ::getpid()); send_request(f); }},
-    {"ping",      [](Fake& f) { hello(f, ::getpid()); send_request(f); }},  // the next on each answer
-    {"chatty",    [](Fake& f) { for (;;) hello(f, ::getpid()); }},
     {"flood",     [](Fake& f) { for (;;) send_request(f); }},  // asks for ever, reads no answer
     {"descriptor", send_descriptor},
     {"holder",    leave_holder},
@@ -175,14 +160,12 @@ void on_mail(Fake& fake, const IpcParsed& in, std::string_view manner) {
   send_now(fake, ipc_encode_mail_result(*fake.out, in.id, bad ? 550 : 0, error));
 }
 
-void on_response(Fake& fake, const IpcParsed& in, std::string_view manner) {
+void on_response(Fake& fake, const IpcParsed& in) {
   ApiResponse response;
   char err[256];
   if (ipc_decode_api_response(in, response, err) != 0) {
     return note(fake, "bad API_RESPONSE %s", err);
   }
-  --fake.outstanding;
-  if (manner == "ping") return send_request(fake);
   note(fake, "response id=%u status=%u auth-failed=%d etag=%s signature=%s", in.id, response.status,
        response.auth_failed ? 1 : 0, response.etag.c_str(), response.signature.c_str());
   note(fake, "%.*s", static_cast<int>(response.body.size()), response.body.data());
@@ -200,7 +183,7 @@ void serve(Fake& fake, std::string_view manner) {
       case MessageType::MailConfig: on_mail_config(fake, in); break;
       case MessageType::ApiConfig: on_api_config(fake, in); break;
       case MessageType::MailSend: on_mail(fake, in, manner); break;
-      case MessageType::ApiResponse: on_response(fake, in, manner); break;
+      case MessageType::ApiResponse: on_response(fake, in); break;
       default: note(fake, "unexpected type %u", unsigned{in.type});
     }
   }
@@ -212,8 +195,7 @@ void note_surroundings(const Fake& fake, int argc, char** argv) {
   std::string line;
   for (int i = 1; i < argc; ++i) line += std::string(" ") + argv[i];
   note(fake, "start pid=%d uid=%u args=%s", ::getpid(), ::getuid(), line.c_str());
-  rlimit core{};
-  rlimit files{};
+  rlimit core{}, files{};
   int death = 0;
   ::getrlimit(RLIMIT_CORE, &core);
   ::getrlimit(RLIMIT_NOFILE, &files);
@@ -241,7 +223,6 @@ int main(int argc, char** argv) {
   note_surroundings(fake, argc, argv);
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::string_view(argv[i]) == "--ipc-fd") fake.ipc_fd = ::atoi(argv[i + 1]);
-    if (std::string_view(argv[i]) == "--listen-fd") fake.listen_fd = ::atoi(argv[i + 1]);
   }
   const char* named = ::getenv("ORV_FAKE_NET");
   const std::string manner = named != nullptr ? named : "good";

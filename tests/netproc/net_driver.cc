@@ -1,6 +1,5 @@
 #include "netproc/net_driver.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <signal.h>
@@ -10,19 +9,8 @@
 #include "netproc/smtp.h"
 
 namespace orv::test {
-namespace {
 
 using namespace std::chrono_literals;
-
-sockaddr_in loopback(std::uint16_t port, const char* host = "127.0.0.1") {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  ::inet_pton(AF_INET, host, &address.sin_addr);
-  return address;
-}
-
-}  // namespace
 
 NetDriver::NetDriver(HttpsLimits limits, Answer answer) : answer_(std::move(answer)) {
   static std::once_flag once;

@@ -2,6 +2,8 @@
 #ifndef ORV_TESTS_SUPPORT_NETWORK_H_
 #define ORV_TESTS_SUPPORT_NETWORK_H_
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <string>
 
@@ -12,13 +14,16 @@ namespace orv::test {
 
 inline constexpr unsigned kNobody = 65534;  // uid and gid of the user nobody
 
-// A non-blocking socket that listens on a port of 127.0.0.1 that was free. Without an accept(),
-// clients connect and then hear nothing.
+// An address of this machine: `host` is one of 127.0.0.0/8.
+[[nodiscard]] sockaddr_in loopback(std::uint16_t port, const char* host = "127.0.0.1");
+
+// A non-blocking socket that listens on a port of 127.0.0.1, which must be free (0: any that is).
+// Without an accept(), clients connect and then hear nothing.
 struct Listener {
   ScopedFd fd;
   std::uint16_t port = 0;
 };
-[[nodiscard]] Listener listen_on_loopback();
+[[nodiscard]] Listener listen_on_loopback(std::uint16_t port = 0);
 
 // A port that nobody listens on now; another process may take it.
 [[nodiscard]] inline std::uint16_t free_port() { return listen_on_loopback().port; }
