@@ -92,14 +92,15 @@ TEST(Utf8, KnowsWhatIsASequence) {
 TEST(Suggestions, NameTheNearestWordOrNone) {
   constexpr std::array<std::string_view, 5> kWords = {"list", "validate", "run", "api-init",
                                                       "api-info"};
-  struct Case {
-    std::string_view word;
-    std::string_view nearest;
-  };
-  for (const Case& c : {Case{"lsit", "list"}, Case{"valdiate", "validate"}, Case{"val", "validate"},
-                        Case{"api-int", "api-init"}, Case{"rn", "run"}, Case{"x", ""},
-                        Case{"frobnicate", ""}, Case{"", ""}}) {
-    EXPECT_EQ(nearest_word(c.word, kWords), c.nearest) << c.word;
+  for (const auto& [word, nearest] : {std::pair{"lsit", "list"},
+                                      {"valdiate", "validate"},
+                                      {"val", "validate"},
+                                      {"api-int", "api-init"},
+                                      {"rn", "run"},
+                                      {"x", ""},
+                                      {"frobnicate", ""},
+                                      {"", ""}}) {
+    EXPECT_EQ(nearest_word(word, kWords), nearest) << word;
   }
   EXPECT_EQ(did_you_mean("lits", kWords), " (did you mean 'list'?)");
   EXPECT_EQ(did_you_mean("x", kWords), "");
@@ -125,21 +126,16 @@ TEST(Options, LookupsTakeTheFirstOccurrence) {
 }
 
 TEST(Numbers, AreDigitsThatFit) {
-  struct Case {
-    const char* text;
-    bool ok;
-    std::uint32_t value;
-  };
-  static constexpr Case kCases[] = {{"0", true, 0},     {"4294967295", true, UINT32_MAX},
-                                    {"0010", true, 10}, {"4294967296", false, 0},
-                                    {"", false, 0},     {"-1", false, 0},
-                                    {"+1", false, 0},   {" 1", false, 0},
-                                    {"1 ", false, 0},   {"0x1", false, 0}};
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [text, expected] :
+       {std::pair{"0", 0U}, {"4294967295", UINT32_MAX}, {"0010", 10U}}) {
     std::uint32_t value = 99;
-    EXPECT_EQ(parse_u32(c.text, value), c.ok);
-    EXPECT_EQ(value, c.ok ? c.value : 99);
+    EXPECT_TRUE(parse_u32(text, value));
+    EXPECT_EQ(value, expected) << text;
+  }
+  for (const char* text : {"4294967296", "", "-1", "+1", " 1", "1 ", "0x1"}) {
+    std::uint32_t value = 99;
+    EXPECT_FALSE(parse_u32(text, value)) << text;
+    EXPECT_EQ(value, 99U);
   }
   std::int64_t wide = 0;
   EXPECT_TRUE(parse_i64("9223372036854775807", wide));
@@ -203,9 +199,7 @@ TEST(WholeFiles, AreReadUpToALimitAndReplacedWhole) {
 }
 
 TEST(Digests, AgreeWithPublishedValues) {
-  // FIPS 180-2 appendix B and RFC 4231 test case 2.
-  EXPECT_EQ(to_hex(sha256("")).view(),
-            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  // FIPS 180-2 appendix B.3 and RFC 4231 test case 2; --selftest has another one.
   Sha256 hash;
   for (int i = 0; i < 1000; ++i) hash.update(std::string(1000, 'a'));
   hash.update("");
@@ -235,12 +229,8 @@ TEST(Compression, KeepsOnlyWhatGains) {
                                  compress_bound(Codec::Lz4, 1000));
   for (const Codec codec : {Codec::Zstd, Codec::Lz4}) {
     const std::size_t size = compress(codec, 3, zeros, out);
-    ASSERT_GT(size, 0U);
-    std::vector<unsigned char> back(1000, 1);
-    std::size_t produced = 0;
-    EXPECT_EQ(decompress(codec, std::span(out).first(size), back, &produced), ErrorCode::Ok);
-    EXPECT_EQ(produced, zeros.size());
-    EXPECT_EQ(back, zeros);
+    ASSERT_GT(size, 0U);  // --selftest makes the round trip
+    std::vector<unsigned char> back(1000);
     EXPECT_EQ(decompress(codec, std::span(zeros).first(16), back, nullptr), ErrorCode::Corrupt);
     EXPECT_EQ(compress(codec, 3, std::span(zeros).first(2), out), 0U);  // nothing gained
   }

@@ -6,11 +6,8 @@ namespace orv {
 namespace {
 
 TEST(ContentLength, CutsCommentsAndRefusesBadQuotes) {
-  struct Case {
-    std::string_view line;
-    const char* content;  // null: refused
-  };
-  static constexpr Case kCases[] = {
+  static constexpr std::pair<std::string_view, const char*> kCases[] = {
+      // null: refused
       {"", ""},
       {"#x", ""},
       {" ; x", " "},
@@ -36,12 +33,11 @@ TEST(ContentLength, CutsCommentsAndRefusesBadQuotes) {
       {R"(key="a\")", nullptr},
       {"[a=\"b]", nullptr},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.line);
-    const std::optional<std::size_t> length = content_length(c.line);
-    ASSERT_EQ(length.has_value(), c.content != nullptr);
-    if (!length) continue;
-    EXPECT_EQ(c.line.substr(0, *length), c.content);
+  for (const auto& [line, content] : kCases) {
+    SCOPED_TRACE(line);
+    const std::optional<std::size_t> length = content_length(line);
+    ASSERT_EQ(length.has_value(), content != nullptr);
+    EXPECT_EQ(line.substr(0, length.value_or(0)), content == nullptr ? "" : content);
   }
 }
 

@@ -23,10 +23,6 @@ namespace {
 using test::contains;
 using test::TempDir;
 
-std::string logged(LogLevel level, const std::string& message) {
-  return test::stderr_of([&] { log_msg(level, "%s", message.c_str()); });
-}
-
 // Only a process of its own has not initialised the log yet, and may.
 TEST(DiagnosticLogDeathTest, WorksBeforeItIsInitialised) {
   EXPECT_EXIT(
@@ -45,7 +41,8 @@ TEST(DiagnosticLogDeathTest, WorksBeforeItIsInitialised) {
 
 TEST(DiagnosticLog, DoesNotCutLongLines) {
   const std::string message = std::string(5000, 'x') + "%s%n";
-  EXPECT_TRUE(logged(LogLevel::Error, message).ends_with("ERROR " + message + "\n"));
+  const auto act = [&] { log_msg(LogLevel::Error, "%s", message.c_str()); };
+  EXPECT_TRUE(test::stderr_of(act).ends_with("ERROR " + message + "\n"));
 }
 
 TEST(RunLogDeathTest, CutsMessagesFollowsRotationAndRecordsTheStop) {

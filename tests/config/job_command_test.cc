@@ -10,7 +10,6 @@ namespace orv {
 namespace {
 
 using testing::ElementsAre;
-using testing::StrEq;
 
 std::vector<std::string> tokens_of(std::string_view text) {
   std::vector<std::string> tokens;
@@ -44,21 +43,23 @@ TEST(TokenizeArgs, SaysWhatItRefuses) {
   EXPECT_EQ(token_fault(std::string(kMaxArgToken + 1, 'a')), "token too long in 'args'");
 }
 
-TEST(BuildArgv, PutsTheJobsArgumentsBehindItsSettings) {
+// The vector with --background asked for.
+std::vector<std::string> argv_of(const Job& job) {
+  std::vector<const char*> argv;
+  EXPECT_EQ(build_argv(job, true, argv, {}), 0);
+  EXPECT_EQ(argv.back(), nullptr);
+  return {argv.begin(), argv.end() - 1};
+}
+
+TEST(BuildArgv, PutsTheJobsArgumentsAfterItsSettings) {
   Job job;
   job.command = JobCommand::Agent;
   job.profile.set_truncated("www");
   job.retention.set_truncated("4w");
   job.retention_class.set_truncated("gold");
   job.args = {"--all", ""};
-  std::vector<const char*> argv;
-  ASSERT_EQ(build_argv(job, true, argv, {}), 0);
-  ASSERT_EQ(argv.back(), nullptr);
-  argv.pop_back();
-  EXPECT_THAT(argv,
-              ElementsAre(StrEq("orv_agent"), StrEq("--name"), StrEq("www"), StrEq("--background"),
-                          StrEq("--retention"), StrEq("4w"), StrEq("--retention-class"),
-                          StrEq("gold"), StrEq("--all"), StrEq("")));
+  EXPECT_THAT(argv_of(job), ElementsAre("orv_agent", "--name", "www", "--background", "--retention",
+                                        "4w", "--retention-class", "gold", "--all", ""));
 }
 
 TEST(BuildArgv, LeavesOutWhatTheCommandDoesNotTake) {
@@ -66,12 +67,10 @@ TEST(BuildArgv, LeavesOutWhatTheCommandDoesNotTake) {
   job.command = JobCommand::MaintScrub;
   job.retention.set_truncated("4w");
   job.args = {"x"};
-  std::vector<const char*> argv;
-  ASSERT_EQ(build_argv(job, true, argv, {}), 0);
-  argv.pop_back();
-  EXPECT_THAT(argv, ElementsAre(StrEq("orv_maintenance"), StrEq("scrub"), StrEq("x")));
+  EXPECT_THAT(argv_of(job), ElementsAre("orv_maintenance", "scrub", "x"));
 
   job.command = static_cast<JobCommand>(11);
+  std::vector<const char*> argv;
   std::array<char, 64> err{};
   EXPECT_EQ(build_argv(job, true, argv, err), -1);
   EXPECT_STREQ(err.data(), "internal error: unknown command enum 11");

@@ -82,11 +82,7 @@ TEST(AddRetention, MovesTheCivilDateAndClampsTheDay) {
 
 TEST(OnceSetting, TakesUnixSecondsOrLocalTime) {
   const ScopedTimeZone zone("Europe/Berlin");
-  struct Case {
-    const char* text;
-    std::int64_t time;
-  };
-  static constexpr Case kCases[] = {
+  static constexpr std::pair<const char*, std::int64_t> kCases[] = {
       {"0", 0},
       {"1700000000", 1700000000},
       {"9223372036854775807", INT64_MAX},
@@ -95,11 +91,10 @@ TEST(OnceSetting, TakesUnixSecondsOrLocalTime) {
       {"2026-1-2  3:4", 1767319440},
       {"2026-02-30T00:00", 1772406000},  // 2 March
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [text, expected] : kCases) {
     std::int64_t time = -7;
-    EXPECT_TRUE(parse_once(c.text, time));
-    EXPECT_EQ(time, c.time);
+    EXPECT_TRUE(parse_once(text, time));
+    EXPECT_EQ(time, expected) << text;
   }
   for (const char* text :
        {"", "2026-01-02T03:04:05Z", "2026-01-02T03:04:05z", "2026-01-02T03:04:05+01:00",
@@ -125,26 +120,24 @@ TEST(OnceSetting, MeansTheFirstPassOfARepeatedHourAtEveryLoad) {
 
 TEST(Secret, IsALiteralOrTheFirstBytesOfAFile) {
   const TempDir dir;
-  struct Case {
-    std::string content;
-    const char* secret;  // null: refused
-  };
-  const Case kCases[] = {{"pass word \t\r\n\n", "pass word"},
-                         {" x", " x"},
-                         {"p" + std::string(126, ' ') + "behind the first 127 bytes", "p"},
-                         {"p" + std::string(125, ' ') + "b", nullptr},
-                         {std::string(65, 'a'), nullptr},
-                         {"  \n", nullptr},
-                         {"", nullptr},
-                         {std::string("a\0b", 3), nullptr}};
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.content);
-    const std::string text = "file:" + dir.write("secret", c.content);
+  const std::pair<std::string, std::string_view> kCases[] = {
+      // no secret: refused
+      {"pass word \t\r\n\n", "pass word"},
+      {" x", " x"},
+      {"p" + std::string(126, ' ') + "behind the first 127 bytes", "p"},
+      {"p" + std::string(125, ' ') + "b", ""},
+      {std::string(65, 'a'), ""},
+      {"  \n", ""},
+      {"", ""},
+      {std::string("a\0b", 3), ""}};
+  for (const auto& [content, expected] : kCases) {
+    SCOPED_TRACE(content);
+    const std::string text = "file:" + dir.write("secret", content);
     SecretReference reference;
     ASSERT_TRUE(parse_secret_reference(text, false, reference, {}));
     FixedSecret<kMaxSecret> secret;
-    EXPECT_EQ(read_secret(reference, secret), c.secret != nullptr);
-    EXPECT_EQ(secret.view(), c.secret != nullptr ? c.secret : "");
+    EXPECT_EQ(read_secret(reference, secret), !expected.empty());
+    EXPECT_EQ(secret.view(), expected);
   }
   FixedSecret<kMaxSecret> secret;
   EXPECT_FALSE(read_secret({SecretKind::File, dir.path()}, secret));

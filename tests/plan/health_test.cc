@@ -20,104 +20,71 @@ using test::kMonday;
 using test::PlanTest;
 using test::ScopedTimeZone;
 
-PastRun ended(std::int64_t start, std::int64_t seconds, PastOutcome outcome) {
-  PastRun run;
-  run.start = start;
-  run.outcome = outcome;
-  run.end = start + seconds;
-  run.exit_code = outcome == PastOutcome::Done ? 0 : 1;
-  return run;
+constexpr std::int64_t kNoon = kMonday + 12 * kHour;
+constexpr std::int64_t kAge = 35400;  // of the last success at noon
+
+// A nightly job that succeeded last night and took ten minutes, and what is different about it:
+// seconds before noon or of length, 0 when there is no such thing.
+struct HealthCase {
+  const char* what;
+  Health health;
+  std::uint32_t failures = 0;
+  std::int64_t due = 0, running = 0;
+  std::int64_t gap = kDay, median = 600, limit = kDay, max_age = 0;
+  bool enabled = true, once = false, other_running = false;
+  bool ran = true, succeeded = true;
+};
+
+std::optional<std::int64_t> known(std::int64_t seconds, std::int64_t from = 0) {
+  return seconds == 0 ? std::nullopt : std::optional(from == 0 ? seconds : from - seconds);
 }
 
-// A nightly job that succeeded last night, at 2:00, and took ten minutes; it is noon.
-JobFacts well() {
+JobFacts facts_of(const HealthCase& c) {
   JobFacts facts;
+  facts.enabled = c.enabled;
   facts.has_time_or_dependencies = true;
-  facts.first_start = kMonday - 20 * kDay;
-  facts.last_run = facts.last_finished = facts.last_success =
-      ended(kMonday + 2 * kHour, 600, PastOutcome::Done);
-  facts.usual_s = facts.median_s = 600;
-  facts.longest_gap = kDay;
-  facts.time_limit = kDay;
+  facts.once = c.once;
+  facts.running_since = known(c.running, kNoon);
+  facts.other_running = c.other_running;
+  facts.due_since = known(c.due, kNoon);
+  facts.first_start = c.ran ? std::optional(kMonday - 20 * kDay) : facts.running_since;
+  if (c.ran && c.succeeded) facts.last_success.emplace().end = kNoon - kAge;
+  facts.failures = c.failures;
+  facts.median_s = known(c.median);
+  facts.longest_gap = known(c.gap);
+  facts.time_limit = c.limit;
   return facts;
 }
 
 TEST(Health, IsTheFirstWordThatApplies) {
-  constexpr std::int64_t kNoon = kMonday + 12 * kHour;
-  struct Case {
-    const char* what;
-    Health health;
-    void (*change)(JobFacts& facts);
-    std::int64_t max_age = 0;  // 0: none
+  using enum Health;
+  // clang-format off
+  const HealthCase cases[] = {
+      {.what = "all is well",                             .health = Ok},
+      {.what = "failed",                                  .health = Failed, .failures = 2},
+      {.what = "failed, and runs again",                  .health = Failed, .failures = 1, .running = 60},
+      {.what = "disabled hides all",                      .health = Disabled, .failures = 3, .enabled = false},
+      {.what = "no success for twice the gap",            .health = Ok, .gap = kAge / 2},
+      {.what = "and a second more",                       .health = Stale, .gap = kAge / 2 - 1},
+      {.what = "one limit for all",                       .health = Stale, .max_age = kAge - 1},
+      {.what = "which may be the longer one",             .health = Ok, .gap = 60, .max_age = kDay},
+      {.what = "none succeeded since the first run",      .health = Stale, .succeeded = false},
+      {.what = "a once job is never stale",               .health = Ok, .max_age = 60, .once = true},
+      {.what = "no gap is known",                         .health = Ok, .gap = 0},
+      {.what = "due for ten minutes",                     .health = Ok, .due = 600},
+      {.what = "due for longer",                          .health = Late, .due = 601},
+      {.what = "due behind a running job",                .health = Waiting, .due = 7000, .other_running = true},
+      {.what = "running",                                 .health = Running, .running = 1800},
+      {.what = "over three medians",                      .health = Slow, .running = 1801},
+      {.what = "over three short ones, not ten minutes",  .health = Running, .running = 600, .median = 5},
+      {.what = "near its time limit",                     .health = Slow, .running = 91, .median = 0, .limit = 100},
+      {.what = "never ran",                               .health = Never, .ran = false},
+      {.what = "first run goes on",                       .health = Running, .running = 60, .ran = false},
   };
-  const auto fail = [](JobFacts& f) {
-    f.failures = 2;
-    f.failing_since = kMonday - kDay;
-    f.last_failure = ended(kMonday + 2 * kHour, 5, PastOutcome::Failed);
-  };
-  static constexpr std::int64_t kEnd = kMonday + 2 * kHour + 600;  // of the last success
-  const Case cases[] = {
-      {"all is well", Health::Ok, [](JobFacts&) {}},
-      {"failed", Health::Failed, fail},
-      {"failed, and runs again", Health::Failed,
-       [](JobFacts& f) {
-         f.failures = 1;
-         f.running_since = kNoon - 60;
-       }},
-      {"disabled hides all", Health::Disabled,
-       [](JobFacts& f) {
-         f.enabled = false;
-         f.failures = 3;
-       }},
-      {"no success for twice the gap", Health::Ok,
-       [](JobFacts& f) { f.longest_gap = (kNoon - kEnd) / 2; }},
-      {"and a second more", Health::Stale,
-       [](JobFacts& f) { f.longest_gap = (kNoon - kEnd) / 2 - 1; }},
-      {"one limit for all", Health::Stale, [](JobFacts&) {}, kNoon - kEnd - 1},
-      {"which may be the longer one", Health::Ok, [](JobFacts& f) { f.longest_gap = 60; }, kDay},
-      {"none succeeded since the first run", Health::Stale,
-       [](JobFacts& f) { f.last_success.reset(); }},
-      {"a once job is never stale", Health::Ok, [](JobFacts& f) { f.once = true; }, 60},
-      {"no gap is known", Health::Ok, [](JobFacts& f) { f.longest_gap.reset(); }},
-      {"due for ten minutes", Health::Ok, [](JobFacts& f) { f.due_since = kNoon - 600; }},
-      {"due for longer", Health::Late, [](JobFacts& f) { f.due_since = kNoon - 601; }},
-      {"due behind a running job", Health::Waiting,
-       [](JobFacts& f) {
-         f.due_since = kNoon - 7000;
-         f.other_running = true;
-       }},
-      {"running", Health::Running, [](JobFacts& f) { f.running_since = kNoon - 1800; }},
-      {"over three medians", Health::Slow, [](JobFacts& f) { f.running_since = kNoon - 1801; }},
-      {"over three short medians, under ten minutes", Health::Running,
-       [](JobFacts& f) {
-         f.running_since = kNoon - 600;
-         f.median_s = 5;
-       }},
-      {"near its time limit", Health::Slow,
-       [](JobFacts& f) {
-         f.running_since = kNoon - 91;
-         f.time_limit = 100;
-         f.median_s.reset();
-       }},
-      {"never ran", Health::Never,
-       [](JobFacts& f) {
-         f = JobFacts{};
-         f.has_time_or_dependencies = true;
-         f.longest_gap = kDay;
-       }},
-      {"first run goes on", Health::Running,
-       [](JobFacts& f) {
-         f = JobFacts{};
-         f.has_time_or_dependencies = true;
-         f.first_start = f.running_since = kNoon - 60;
-         f.time_limit = kDay;
-       }},
-  };
-  for (const Case& c : cases) {
-    JobFacts facts = well();
-    c.change(facts);
-    const auto max_age = c.max_age == 0 ? std::nullopt : std::optional(c.max_age);
-    EXPECT_STREQ(health_name(job_health(facts, kNoon, max_age)), health_name(c.health)) << c.what;
+  // clang-format on
+  for (const HealthCase& c : cases) {
+    const Health health = job_health(facts_of(c), kNoon, known(c.max_age));
+    EXPECT_STREQ(health_name(health), health_name(c.health)) << c.what;
   }
 }
 
@@ -146,10 +113,8 @@ TEST(LongestGaps, LookAtTenTimesOnEitherSide) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(std::string(c.zone) + " " + c.config);
     const ScopedTimeZone zone(c.zone);
-    Config config;
-    std::array<char, kConfigMessageSize> err{};
-    ASSERT_EQ(config_parse(std::string("[a]\n") + c.config, "t", config, err), 0) << err.data();
-    EXPECT_EQ(LongestGaps(config, c.now).of(config.jobs[0]).value_or(0), c.gap);
+    const auto config = test::parsed(std::string("[a]\n") + c.config);
+    EXPECT_EQ(LongestGaps(*config, c.now).of(config->jobs[0]).value_or(0), c.gap);
   }
 }
 
@@ -258,11 +223,7 @@ TEST_F(HealthReportTest, StatusesFollowThePluginConvention) {
 }
 
 TEST(PrometheusLabel, IsTakenByTheParserAndNeverShared) {
-  struct Case {
-    std::string_view name;
-    const char* label;
-  };
-  static constexpr Case kCases[] = {
+  static constexpr std::pair<std::string_view, const char*> kCases[] = {
       {"plain job", "plain job"},
       {"a\"b\\c\nd", "a\\\"b\\\\c\\nd"},
       {"\u00e9\x1b", "\u00e9\x1b"},
@@ -272,7 +233,7 @@ TEST(PrometheusLabel, IsTakenByTheParserAndNeverShared) {
       {"\\x", "\\\\x"},
       {"\xed\xa0\x80", "\\\\xed\\\\xa0\\\\x80"},
   };
-  for (const Case& c : kCases) EXPECT_EQ(prometheus_label(c.name), c.label) << c.label;
+  for (const auto& [name, label] : kCases) EXPECT_EQ(prometheus_label(name), label) << label;
 }
 
 TEST_F(HealthReportTest, MetricsLeaveOutWhatIsNotKnown) {

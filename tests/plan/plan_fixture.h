@@ -12,6 +12,7 @@
 #include "plan/plan.h"
 #include "sched/job_log.h"
 #include "sched/queue_schedule.h"
+#include "support/parsed.h"
 #include "support/support.h"
 
 namespace orv::test {
@@ -19,13 +20,6 @@ namespace orv::test {
 inline constexpr std::int64_t kMonday = 1796601600;  // 2026-12-07 00:00:00 UTC
 inline constexpr std::int64_t kHour = 3600;
 inline constexpr std::int64_t kDay = 86400;
-
-inline CronSpec cron(const char* text) {
-  CronSpec fields;
-  std::array<char, 128> err{};
-  EXPECT_TRUE(cron_parse(text, fields, err)) << err.data();
-  return fields;
-}
 
 class PlanTest : public ::testing::Test {
  protected:

@@ -27,11 +27,7 @@ using test::kMonday;
 using test::ScopedTimeZone;
 
 TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
-  struct Case {
-    const char* schedule;
-    const char* words;
-  };
-  static constexpr Case kCases[] = {
+  static constexpr std::pair<const char*, const char*> kCases[] = {
       {"30 2 * * *", "at 02:30"},
       {"* * * * *", "every minute"},
       {"*/15 * * * *", "every 15 minutes"},
@@ -42,7 +38,7 @@ TEST(ScheduleInWords, SaysWhatTheFieldsMean) {
       {"0 4 * 1,7 7", "at 04:00, on Sunday, in January, July"},
       {"0 */6 * * *", "at 00:00, 06:00, 12:00, 18:00"},
   };
-  for (const Case& c : kCases) EXPECT_EQ(schedule_in_words(cron(c.schedule)), c.words);
+  for (const auto& [schedule, words] : kCases) EXPECT_EQ(schedule_in_words(cron(schedule)), words);
 }
 
 class ForecastTest : public test::PlanTest {
@@ -137,20 +133,9 @@ TEST(LocalClock, AgreesWithTheSlowWayAroundChanges) {
   EXPECT_EQ(clock_text(1792888200 + 3600), "2026-10-25 02:30:00 CET");
 }
 
-TEST(Printable, LeavesNothingThatATerminalObeys) {
-  struct Case {
-    std::string_view text;
-    const char* shown;
-  };
-  static constexpr Case kCases[] = {
-      {"job 1", "job 1"},
-      {"\x1b[2J\x7f", "\\x1b[2J\\x7f"},
-      {"\u00e9\u20ac\U0001f600", "\u00e9\u20ac\U0001f600"},
-      {"\xc2\x9b", "\\xc2\\x9b"},
-      {"\xe2\x82", "\\xe2\\x82"},
-      {"\uFFFF", "\\xef\\xbf\\xbf"},  // which documents of markup refuse
-  };
-  for (const Case& c : kCases) EXPECT_EQ(printable(c.text), c.shown);
+TEST(Printable, LeavesNothingThatATerminalObeysOrMarkupRefuses) {
+  EXPECT_EQ(printable("job \u20ac\U0001f600\x1b[2J\x7f"), "job \u20ac\U0001f600\\x1b[2J\\x7f");
+  EXPECT_EQ(printable("\xc2\x9b\xe2\x82\uFFFF"), "\\xc2\\x9b\\xe2\\x82\\xef\\xbf\\xbf");
 }
 
 TEST_F(ForecastTest, ThePictureIsWellFormedWithItsRowsInChains) {
@@ -230,14 +215,16 @@ TEST(ClockChanges, SkippedTimesAreFound) {
   EXPECT_TRUE(skipped_times(cron("30 3 * * *"), changes[0]).empty());
 }
 
+std::string kinds_of(const std::vector<Finding>& findings) {
+  std::string kinds;
+  for (const Finding& finding : findings) kinds += std::string(finding.kind) + " ";
+  return kinds;
+}
+
 TEST_F(ForecastTest, CheckFindsWhatIsLegalButSurprising) {
   const ScopedTimeZone zone("Europe/Berlin");
-  struct Case {
-    const char* kind;
-    const char* config;
-    Durations durations;
-  };
-  const Case cases[] = {
+  // clang-format off
+  const struct { const char* kind; const char* config; Durations durations; } cases[] = {
       {"", "[a]\nschedule=0 4 * * *\n[b]\nafter=a\n", {{"a", 60}}},
       {"never-fires", "[a]\nschedule=0 0 30 2 *\n", {}},
       {"skipped-time", "[a]\nschedule=30 2 * * *\n", {}},
@@ -247,30 +234,21 @@ TEST_F(ForecastTest, CheckFindsWhatIsLegalButSurprising) {
       {"once-in-gap", "[a]\nonce=2027-03-28T02:30\n", {}},
       {"can-never-run", "[a]\nafter=off\n[off]\nenabled=no\n", {}},
       {"can-never-run", "[a]\nafter=b\n[b]\nafter=off\n[off]\nenabled=no\n", {}},
-      {"runs-several-times",
-       "[a]\nschedule=0 4 * * *\n[b]\nschedule=0 8 * * *\n[c]\nafter=a,b\n",
-       {}},
+      {"runs-several-times", "[a]\nschedule=0 4 * * *\n[b]\nschedule=0 8 * * *\n[c]\nafter=a,b\n", {}},
       {"overbooked", "[a]\nschedule=0 4 * * *\n[b]\nafter=a\n", {{"a", 50000}, {"b", 50000}}},
       {"tool-missing", "[a]\ncommand=verify\nschedule=0 4 * * *\n", {}},
       {"shell-characters", "[a]\nschedule=0 4 * * *\nargs=--out x > /dev/null\n", {}},
-      {"port-in-host",
-       "[mail]\nsmtp-host=mail:25\nfrom=a@b\nto=a@b\n[a]\nschedule=0 4 * * *\n",
-       {}},
+      {"port-in-host", "[mail]\nsmtp-host=mail:25\nfrom=a@b\nto=a@b\n[a]\nschedule=0 4 * * *\n", {}},
   };
+  // clang-format on
   dir_.script("orv_agent", "exit 0");
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.config);
     config_release(plan_.config);
     plan_.seen = {};
     start(c.config);
-    std::string kinds;
-    for (const Finding& finding : check_plan(plan_, c.durations, dir_.path())) {
-      if (!contains(kinds, finding.kind)) kinds += finding.kind;
-    }
-    if (*c.kind == '\0')
-      EXPECT_EQ(kinds, "");
-    else
-      EXPECT_TRUE(contains(kinds, c.kind)) << kinds;
+    const std::string kinds = kinds_of(check_plan(plan_, c.durations, dir_.path()));
+    EXPECT_TRUE(*c.kind == '\0' ? kinds.empty() : contains(kinds, c.kind)) << kinds;
   }
 }
 
@@ -285,9 +263,7 @@ TEST_F(ForecastTest, CheckReadsQueueLogsAndModes) {
   std::filesystem::permissions(dir_.file("cfg"), std::filesystem::perms(0666));
   dir_.write("logs/cut/20261206T060000Z.log",
              "job: cut\n\n--- end ---\nfinish_unix: 1796541000\nexit_code: -1\ntimed_out: 1\n");
-  std::string kinds;
-  for (const Finding& finding : check_plan(plan_, {}, "/bin"))
-    kinds += finding.kind + std::string();
+  const std::string kinds = kinds_of(check_plan(plan_, {}, "/bin"));
   for (const char* kind : {"stuck-at-never", "once-overdue", "cut-by-limit", "password-readable",
                            "configuration-writable"}) {
     EXPECT_TRUE(contains(kinds, kind)) << kinds;

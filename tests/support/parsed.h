@@ -20,6 +20,14 @@ namespace orv::test {
   return config;
 }
 
+// The schedule of this expression, which must be valid.
+[[nodiscard]] inline CronSpec cron(std::string_view text) {
+  CronSpec fields;
+  std::array<char, 128> err{};
+  EXPECT_TRUE(cron_parse(text, fields, err)) << text << ": " << err.data();
+  return fields;
+}
+
 }  // namespace orv::test
 
 #endif  // ORV_TESTS_SUPPORT_PARSED_H_

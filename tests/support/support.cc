@@ -70,21 +70,16 @@ std::string stderr_of(const std::function<void()>& act) {
   return ::testing::internal::GetCapturedStderr();
 }
 
-ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
+ScopedEnv::ScopedEnv(std::string name, const std::optional<std::string>& value)
+    : name_(std::move(name)) {
   if (const char* old = ::getenv(name_.c_str())) old_ = old;
-  if (value) {
-    ::setenv(name_.c_str(), value->c_str(), 1);
-  } else {
-    ::unsetenv(name_.c_str());
-  }
+  set(value);
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (old_) {
-    ::setenv(name_.c_str(), old_->c_str(), 1);
-  } else {
-    ::unsetenv(name_.c_str());
-  }
+ScopedEnv::~ScopedEnv() { set(old_); }
+
+void ScopedEnv::set(const std::optional<std::string>& value) const {
+  value ? ::setenv(name_.c_str(), value->c_str(), 1) : ::unsetenv(name_.c_str());
 }
 
 ScopedTimeZone::ScopedTimeZone(const std::string& zone) {

@@ -47,12 +47,14 @@ class TempDir {
 
 class ScopedEnv {  // sets or (no value) unsets a variable of the environment for the scope
  public:
-  ScopedEnv(std::string name, std::optional<std::string> value);
+  ScopedEnv(std::string name, const std::optional<std::string>& value);
   ~ScopedEnv();
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
+  void set(const std::optional<std::string>& value) const;
+
   std::string name_;
   std::optional<std::string> old_;
 };
