@@ -22,18 +22,14 @@ std::vector<std::string> scan(const Words& words) {
 }
 
 TEST(Scanner, WarnsOfWhatTheCommandDoesNotTake) {
-  struct Case {
-    Words words;
-    std::vector<std::string> warnings;
-  };
-  const std::vector<Case> cases = {
+  // clang-format off
+  const std::vector<std::pair<Words, std::vector<std::string>>> cases = {
       {{"p", "list", "--config", "a", "--queue=b", "-h"}, {}},
       {{"p", "list", "extra"}, {"unexpected argument 'extra' ignored"}},
       {{"p", "run", "job", "-"}, {"unexpected argument '-' ignored"}},
       {{"p", "list", ""}, {"unexpected argument '' ignored"}},
       {{"p", "api-token", "add", "name", "--role", "read"}, {}},
-      {{"p", "list", "--bogus", "word"},
-       {"unknown option '--bogus' ignored (with the value after it)"}},
+      {{"p", "list", "--bogus", "word"}, {"unknown option '--bogus' ignored (with the value after it)"}},
       {{"p", "list", "--bogus=word", "--queue", "q"}, {"unknown option '--bogus=...' ignored"}},
       {{"p", "list", "--bogus", "--queue", "q"}, {"unknown option '--bogus' ignored"}},
       // A switch has no "=" form.
@@ -42,15 +38,14 @@ TEST(Scanner, WarnsOfWhatTheCommandDoesNotTake) {
       {{"p", "list", "--queue", "--config", "a"}, {"unexpected argument 'a' ignored"}},
       {{"p", "list", "--", "--bogus", "extra"}, {}},
       {{"p", "list", "--queue"}, {}},
-      {{"p", "list", "--bogus", "-"},
-       {"unknown option '--bogus' ignored", "unexpected argument '-' ignored"}},
+      {{"p", "list", "--bogus", "-"}, {"unknown option '--bogus' ignored", "unexpected argument '-' ignored"}},
       // Another command's option is unknown here; the run log's need the run log.
       {{"p", "list", "--force"}, {"unknown option '--force' ignored"}},
       {{"p", "list", "--%s%n", "x"}, {"unknown option '--%s%n' ignored (with the value after it)"}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.words));
-    EXPECT_EQ(scan(c.words), c.warnings);
+  // clang-format on
+  for (const auto& [words, warnings] : cases) {
+    EXPECT_EQ(scan(words), warnings) << testing::PrintToString(words);
   }
 }
 

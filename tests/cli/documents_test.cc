@@ -2,13 +2,16 @@
 // that the program's tables know.
 #include <gtest/gtest.h>
 
+#include <span>
 #include <string>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/usage.h"
 #include "common/log.h"
 #include "config/job_command.h"
 #include "config/key_tables.h"
+#include "plan/command_table.h"
 #include "support/support.h"
 
 namespace orv {
@@ -34,23 +37,32 @@ bool has_word(std::string_view text, std::string_view word) {
   return false;
 }
 
-TEST(Documents, KnowEveryCommandAndOption) {
+// Usage text, manual page and completion know the names of commands and options.
+template <typename Commands>
+void expect_known(const std::string& program, void (*print)(), const Commands& commands,
+                  std::span<const OptionRow> common, const std::vector<const char*>& more) {
   testing::internal::CaptureStdout();
-  print_usage();
+  print();
   const std::string usage = testing::internal::GetCapturedStdout();
-  const std::string page = document("docs/orv_sched.8");
-  const std::string completion = document("packaging/completion/orv_sched");
+  const std::string page = document("docs/" + program + ".8");
+  const std::string completion = document("packaging/completion/" + program);
   const auto everywhere = [&](std::string_view word) {
     EXPECT_TRUE(has_word(usage, word)) << "usage text: " << word;
     EXPECT_TRUE(has_word(page, word)) << "manual page: " << word;
     EXPECT_TRUE(has_word(completion, word)) << "completion: " << word;
   };
-  for (const CommandRow& command : command_table()) {
+  for (const auto& command : commands) {
     everywhere(command.name);
     for (const OptionRow& option : command.options) everywhere(option.name);
   }
-  for (const OptionRow& option : kRunlogOptions) everywhere(option.name);
-  for (const char* option : {"--help", "--version", "--selftest"}) everywhere(option);
+  for (const OptionRow& option : common) everywhere(option.name);
+  for (const char* option : more) everywhere(option);
+}
+
+TEST(Documents, KnowEveryCommandAndOption) {
+  expect_known("orv_sched", print_usage, command_table(), kRunlogOptions,
+               {"--help", "--version", "--selftest"});
+  expect_known("orv_plan", print_plan_usage, plan_commands(), kCommonOptions, {});
 }
 
 TEST(Documents, KnowEveryKeyAndJobCommand) {

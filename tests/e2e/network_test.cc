@@ -39,7 +39,7 @@ TEST_F(Network, DeliversTheTestMailOrSaysWhyNot) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.err, HasSubstr("the server said: 535"));
   EXPECT_EQ(mail_test("p").status, 0);
-  EXPECT_THAT(file("1.eml"), HasSubstr("backup@example.org root@example.org True\n"));
+  EXPECT_THAT(file("heard"), HasSubstr("backup@example.org root@example.org True\n"));
 }
 
 TEST_F(Network, ProcessIsNotStartedByHandOrAsRoot) {

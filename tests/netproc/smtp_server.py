@@ -3,8 +3,8 @@
 "silence" for no answer at all, "hangup" for the end of the connection. VERB END is the end of the
 message; what has no answer gets 250. TLS=yes for TLS from the start.
 
-Serves on a free port of 127.0.0.1, writes the port to DIR/port and each mail to DIR/<n>.eml with its
-envelope as the first line. Takes user "u" with password "p" where there is TLS; refuses recipients
+Serves on a free port of 127.0.0.1, writes the port to DIR/port and adds what it heard to DIR/heard:
+each mail with its envelope as the first line, a script's commands line by line. Takes user "u" with password "p" where there is TLS; refuses recipients
 that begin with "refused".
 """
 import os
@@ -25,9 +25,12 @@ def announce(port):
     os.rename(directory + "/port.new", directory + "/port")
 
 
-class Handler:
-    count = 0
+def heard(data):
+    with open(directory + "/heard", "ab") as out:
+        out.write(data)
 
+
+class Handler:
     async def handle_RCPT(self, server, session, envelope, address, options):
         if address.startswith("refused"):
             return "550 5.1.1 no such user here"
@@ -35,12 +38,8 @@ class Handler:
         return "250 OK"
 
     async def handle_DATA(self, server, session, envelope):
-        Handler.count += 1
-        name = f"{directory}/{Handler.count}.eml"
-        with open(name + ".new", "wb") as out:
-            who = f"{envelope.mail_from} {','.join(envelope.rcpt_tos)} {session.authenticated}\n"
-            out.write(who.encode() + envelope.content)
-        os.rename(name + ".new", name)
+        who = f"{envelope.mail_from} {','.join(envelope.rcpt_tos)} {session.authenticated}\n"
+        heard(who.encode() + envelope.content)
         return "250 taken"
 
 
@@ -81,8 +80,7 @@ def play(client, answers):
         if in_message and line != b".\r\n":
             continue
         verb = "END" if in_message else line[:4].decode().strip().upper()
-        with open(directory + "/heard", "ab") as out:
-            out.write(line)
+        heard(line)
         in_message = verb == "DATA" and answers.get("DATA", "3")[0] == "3"
         go_on = say(verb)
     client.close()

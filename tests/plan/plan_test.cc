@@ -6,7 +6,6 @@
 #include "common/times.h"
 #include "plan/check.h"
 #include "plan/clock_changes.h"
-#include "plan/command_table.h"
 #include "plan/daemon_process.h"
 #include "plan/describe.h"
 #include "plan/forecast.h"
@@ -268,24 +267,6 @@ TEST_F(ForecastTest, CheckReadsQueueLogsAndModes) {
                            "configuration-writable"}) {
     EXPECT_TRUE(contains(kinds, kind)) << kinds;
   }
-}
-
-TEST(PlanDocuments, KnowEveryCommandAndOption) {
-  testing::internal::CaptureStdout();
-  print_plan_usage();
-  const std::string usage = testing::internal::GetCapturedStdout();
-  const auto everywhere = [&](std::string_view word) {
-    const std::string name(word);
-    const std::string source = ORV_SOURCE_DIR;
-    EXPECT_TRUE(contains(usage, name)) << "usage text: " << name;
-    EXPECT_TRUE(contains(test::read_file(source + "/docs/orv_plan.8"), name)) << name;
-    EXPECT_TRUE(contains(test::read_file(source + "/packaging/completion/orv_plan"), name)) << name;
-  };
-  for (const PlanCommand& command : plan_commands()) {
-    everywhere(command.name);
-    for (const OptionRow& option : command.options) everywhere(option.name);
-  }
-  for (const OptionRow& option : kCommonOptions) everywhere(option.name);
 }
 
 }  // namespace
