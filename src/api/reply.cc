@@ -9,17 +9,8 @@ namespace {
 constexpr std::size_t kMaxErrorMessage = 1023;  // bytes
 
 void write_error(ApiReply& reply, const char* code, const char* message) {
-  JsonWriter& json = reply.json;
-  json.reset();  // what was written so far goes, and with it an overflow
-  json.begin_object();
-  json.key("error");
-  json.begin_object();
-  json.key("code");
-  json.string(code);
-  json.key("message");
-  json.string(message);
-  json.end_object();
-  json.end_object();
+  reply.json.reset();  // what was written so far goes, and with it an overflow
+  reply.json.error_object(code, message);
 }
 
 }  // namespace

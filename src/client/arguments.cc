@@ -69,6 +69,7 @@ class Reader {
       if (++next_ == args_.size()) return "'" + name + "' needs a value";
       value = args_[next_];
     }
+    // Two values would leave open which one counts.
     const bool first = out_.options.emplace(row->name, std::move(value)).second;
     return first ? "" : "'" + name + "' is given twice";
   }
@@ -139,6 +140,7 @@ std::string check_values(Arguments& given, const std::vector<std::string>& field
   if (given.has("--timeout") && !read_seconds(given.value("--timeout"), given.timeout)) {
     return "'--timeout' must be a number of seconds above 0";
   }
+  // A switch of 'run', a number of 'mail-test'.
   const bool timed = given.command->name == "mail-test" && given.has("--wait");
   if (timed && !read_seconds(given.value("--wait"), given.mail_wait)) {
     return "'--wait' must be a number of seconds above 0";
@@ -160,6 +162,7 @@ bool is_utf8(std::string_view text) {
 }  // namespace
 
 UsageError parse_arguments(const ArgList& args, Arguments& out) {
+  // Checked before all else: every word may end up in JSON or in a message.
   for (const char* word : args) {
     if (!is_utf8(word)) return {"the arguments are not UTF-8", false};
   }

@@ -51,6 +51,7 @@ constexpr std::array<int, 11> kUnsignedStatuses = {400, 401, 405, 413, 414, 417,
 asio::ssl::context& tls_context() {
   static asio::ssl::context context = [] {
     asio::ssl::context made(asio::ssl::context::tls_client);
+    // The server offers nothing older; what does is not the server.
     SSL_CTX_set_min_proto_version(made.native_handle(), TLS1_2_VERSION);
     made.set_verify_mode(asio::ssl::verify_none);
     return made;
@@ -103,6 +104,7 @@ asio::awaitable<std::string> connect_any(tcp::socket& socket, std::vector<tcp::e
     const auto now = steady_clock::now();
     if (now >= deadline) break;
     error_code failed;
+    // A socket that failed to connect is of no use for the next address, maybe of another family.
     socket.close(failed);
     socket.open(endpoints[i].protocol(), failed);
     if (!failed) {
@@ -129,6 +131,8 @@ asio::awaitable<std::string> open_stream(TlsStream& stream, ServerAddress addres
   error = co_await connect_any(socket, std::move(endpoints), deadline);
   if (!error.empty()) co_return error;
   error_code failed;
+  // Head and body are two writes of one request; without it the second may wait for an
+  // acknowledgement of the first.
   socket.set_option(tcp::no_delay(true), failed);
   const Watchdog watchdog(socket, deadline);
   // A handshake that succeeds proves that the peer has the key of the certificate it shows.
@@ -157,7 +161,8 @@ const char* fault_of(const ClientRequest& request) {
   return is_visible(request.if_match) ? nullptr : "malformed tag";
 }
 
-// The request as it goes over the wire.
+// The head of the request as it goes over the wire.
+// The body is sent from where it lies: it may hold a password, and this text is not wiped.
 std::string wire_text(const ClientRequest& request, const ServerAddress& address,
                       const std::string& authorized) {
   std::string text = request.method + ' ' + request.path;
@@ -165,6 +170,7 @@ std::string wire_text(const ClientRequest& request, const ServerAddress& address
   text += " HTTP/1.1\r\nHost: " + address.text() + "\r\nAuthorization: " + authorized + "\r\n";
   if (!request.if_match.empty()) text += "If-Match: " + request.if_match + "\r\n";
   if (!request.body.empty()) text += "Content-Type: application/json\r\n";
+  // Also a length of 0 where the method expects content (RFC 9110, section 8.6).
   if (!request.body.empty() || request.method == "PUT" || request.method == "POST") {
     text += "Content-Length: " + std::to_string(request.body.size()) + "\r\n";
   }
@@ -188,6 +194,7 @@ std::string path_segment(std::string_view name) {
   std::string text;
   for (const char c : name) {
     const auto byte = static_cast<unsigned char>(c);
+    // The unreserved characters of RFC 3986, section 2.3.
     const bool plain = is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                        std::string_view("-._~").find(c) != std::string_view::npos;
     if (plain) {
@@ -270,6 +277,7 @@ asio::awaitable<ClientReply> ApiConnection::State::exchange(std::shared_ptr<Stat
   if (const char* fault = fault_of(request)) {
     co_return failure(ReplyKind::NotSent, std::string("the request cannot be sent: ") + fault);
   }
+  // One timer for both ends of the wait: the deadline, or cancelled when the turn has come.
   asio::steady_timer timer(self->executor_, deadline);
   const Turn turn(*self, timer);
   if (!turn.is_mine()) {
@@ -277,6 +285,7 @@ asio::awaitable<ClientReply> ApiConnection::State::exchange(std::shared_ptr<Stat
     co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ended));
     if (!turn.is_mine()) co_return no_answer("timed out");
   }
+  // The handle may have gone while this exchange waited.
   if (self->ended_) co_return no_answer("closed");
   self->closed_ = false;
   // The server closes a connection that is idle for long. That shows here, or else as an answer
@@ -295,6 +304,8 @@ asio::awaitable<ClientReply> ApiConnection::State::exchange(std::shared_ptr<Stat
 // Nothing may have come since the last reply, neither the end nor bytes that nobody asked for.
 bool ApiConnection::State::is_reusable() const {
   if (!stream_ || !stream_->next_layer().is_open()) return false;
+  // Below TLS, and only peeked at: also an orderly end or a new session ticket is a reason to
+  // connect anew, and costs less than a change whose fate nobody knows.
   char byte = 0;
   const auto got = ::recv(stream_->next_layer().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   return got < 0 && errno == EAGAIN;
@@ -330,6 +341,8 @@ asio::awaitable<ClientReply> ApiConnection::State::connect(Deadline deadline) {
 
 asio::awaitable<ClientReply> ApiConnection::State::converse(const ClientRequest& request,
                                                             Deadline deadline) {
+  // Signed for each attempt: the server takes a nonce once, and a time within 300 seconds of its
+  // own.
   const std::string nonce = new_nonce();
   const std::string authorized = authorization(
       *token_, {request.method, request.path, request.query, request.body, request.if_match},
@@ -361,6 +374,7 @@ asio::awaitable<ClientReply> ApiConnection::State::converse(const ClientRequest&
                               asio::redirect_error(asio::use_awaitable, failed));
   }
   if (failed) {
+    // Only the server knows how far the request came; after a change that must be said.
     std::string why = watchdog.bitten() ? "timed out" : closed_ ? "closed" : failed.message();
     if (request.method != "GET") why += " (the request may have been carried out)";
     co_return no_answer(why);
@@ -417,6 +431,7 @@ void ApiConnection::close() { state_->close(); }
 
 asio::awaitable<std::string> fetch_fingerprint(ServerAddress address, Deadline deadline,
                                                Sha256Digest& out) {
+  // No request and so no token: to this server nothing is trusted yet.
   TlsStream stream(tcp::socket(co_await asio::this_coro::executor), tls_context());
   std::string error = co_await open_stream(stream, std::move(address), deadline);
   if (error.empty() && !peer_fingerprint(stream, out)) error = "the server shows no certificate";

@@ -34,6 +34,7 @@ constexpr FieldForm kForms[] = {
     {"after", Form::List}, {"to", Form::List},
 };
 // clang-format on
+// More than any limit of the API has, and still an integer to every reader of JSON.
 constexpr std::size_t kMaxDigits = 12;
 
 Form form_of(std::string_view name) {
@@ -45,6 +46,7 @@ Form form_of(std::string_view name) {
 SecretString list_json(std::string_view value) {
   SecretString json = "[";
   std::string_view item;
+  // Blanks around an item are of the command line, not of a name.
   while (next_list_item(value, item)) {
     if (json.size() > 1) json += ',';
     json += json_quoted(trim(item));
@@ -55,6 +57,8 @@ SecretString list_json(std::string_view value) {
 
 int value_json(const std::string& name, std::string_view value, SecretString& json,
                std::span<char> err) {
+  // An unknown name is sent as text: which fields there are, and what they take, the server
+  // decides.
   const Form form = form_of(name);
   if (form == Form::List) {
     json = list_json(value);
@@ -99,6 +103,7 @@ int read_word(const std::string& word, BodyMembers& out, std::span<char> err) {
 }
 
 int read_file(const std::string& file, BodyMembers& out, std::span<char> err) {
+  // Standard input is duplicated, because the owner closes what it holds.
   const ScopedFd opened = file == "-" ? ScopedFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3))
                                       : open_file(file.c_str(), O_RDONLY | O_NOCTTY);
   SecretString text;
@@ -125,6 +130,7 @@ int read_file(const std::string& file, BodyMembers& out, std::span<char> err) {
 int read_members(std::span<const std::string> words, const std::string& file, BodyMembers& out,
                  std::span<char> err) {
   if (!file.empty() && read_file(file, out, err) != 0) return -1;
+  // After the file, so that a word wins over it.
   for (const std::string& word : words) {
     if (read_word(word, out, err) != 0) return -1;
   }

@@ -11,10 +11,6 @@
 namespace orv {
 namespace {
 
-std::string cell(const JsonValue* object, std::string_view key) {
-  return readable(key, json_member(object, key));
-}
-
 const JsonValue* state_of(const JsonValue* job) { return json_member(job, "state"); }
 
 std::string jobs_table(const JsonValue* jobs) {
@@ -34,6 +30,7 @@ std::string job_pairs(const JsonValue* reply) { return pairs_text(json_member(re
 
 // "1:02:05", or "2:05" below an hour.
 std::string elapsed_text(std::int64_t seconds) {
+  // Both times are the server's: a clock that jumped, or a lie, gives no duration.
   if (seconds < 0 || seconds > 100LL * 365 * 86400) return "-";
   std::array<char, 32> text{};
   const long long hours = seconds / 3600, minutes = seconds / 60 % 60, rest = seconds % 60;
@@ -67,6 +64,7 @@ Standing standing_of(const JsonValue* info, const JsonValue* jobs) {
     const JsonValue* const job = json_element(jobs, i);
     const JsonValue* const state = state_of(job);
     const std::string name = text(job, "name");
+    // A running job's last run is the one under way.
     if (name == at.running) at.running_since = number(state, "last_run");
     if (text(state, "status") == "FAILED") at.failed.push_back(name);
     const std::int64_t next = number(state, "next_run");
@@ -84,6 +82,7 @@ std::vector<std::string> status_row(const std::string& server, const Standing& a
   for (std::size_t i = 0; i < std::min(at.failed.size(), kShownNames); ++i) {
     failed += (i == 0 ? " (" : ", ") + at.failed[i];
   }
+  // The table stays as wide as a terminal, the number is whole.
   if (at.failed.size() > kShownNames) failed += ", ...";
   if (!at.failed.empty()) failed += ")";
   const bool runs = !at.running.empty();
@@ -177,6 +176,7 @@ CommandResult job_command(Session& session, const Arguments& given) {
     co_return kExitDone;
   }
   const bool put = action == "put";
+  // Only the fields given are sent: the server leaves the others as they are.
   const Session::MakeBody body = [&](const JsonValue* /*info*/) {
     return put ? object_text(given.members) : SecretString();
   };
@@ -191,6 +191,7 @@ CommandResult job_command(Session& session, const Arguments& given) {
 
 CommandResult validate_command(Session& session, const Arguments& given) {
   BodyMembers members = given.members;
+  // Last, so that the word wins over a "name" in the file.
   set_member(members, "name", json_quoted(given.word(0)));
   const JsonReply reply =
       co_await session.request("POST", "validate/job", {}, object_text(members));

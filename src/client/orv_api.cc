@@ -53,6 +53,8 @@ class Program {
     signals_.async_wait([this](boost::system::error_code ended, int /*number*/) {
       if (!ended) interrupt();
     });
+    // Each answer starts the next: a list of hundreds needs neither as many sockets nor handshakes
+    // at once.
     const std::size_t workers = std::min(kAtOnce, places_.size());
     if (several_) tell_progress();
     for (std::size_t i = 0; i < workers; ++i) start_next();
@@ -86,10 +88,12 @@ class Program {
   void end_of(Place& place, int status) {
     place.status = status;
     place.done = true;
+    // The server keeps few connections; an idle one would hold another client's place.
     place.session->close();
     ++answered_;
     if (answered_ == places_.size()) {
       progress_.done();
+      // The last thing that the loop waits for: it ends now.
       signals_.cancel();
     } else {
       tell_progress();
@@ -134,6 +138,7 @@ class Program {
   void print_table() const {
     std::vector<std::vector<std::string>> rows = {status_head()};
     for (const Place& place : places_) {
+      // Empty after a failure: the server keeps its line, with dashes.
       std::vector<std::string> row = place.session->row();
       if (row.empty()) {
         row.assign(rows[0].size(), "-");
@@ -158,6 +163,7 @@ class Program {
         text += session.failure_json();
       }
       const auto& replies = session.kept_json();
+      // A command may show several values, but each server has one element.
       const bool list = replies.size() > 1;
       if (!replies.empty()) text += list ? ", \"reply\": [" : ", \"reply\": ";
       for (std::size_t i = 0; i < replies.size(); ++i) {
@@ -201,6 +207,7 @@ int run_command_line(const Arguments& given) {
   Targets targets;
   std::string fault = choose_targets(given, given.command->run == status_command, targets);
   if (fault.empty()) fault = needs_one_server(given, targets);
+  // Before any request: a wrong word must not reach one server and not the others.
   if (!fault.empty()) {
     complain(fault);
     return kExitUsage;

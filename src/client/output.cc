@@ -17,6 +17,8 @@ std::uint32_t code_point(std::string_view sequence) {
   const auto byte = [&](std::size_t i) {
     return static_cast<std::uint32_t>(static_cast<unsigned char>(sequence[i]));
   };
+  // The lead byte of n bytes starts with n ones and a zero, the others with 10 (RFC 3629, section
+  // 3).
   if (sequence.size() == 1) return byte(0);
   std::uint32_t point = byte(0) & (0x7FU >> sequence.size());
   for (std::size_t i = 1; i < sequence.size(); ++i) point = point << 6U | (byte(i) & 0x3FU);
@@ -25,6 +27,8 @@ std::uint32_t code_point(std::string_view sequence) {
 
 // What a terminal obeys, or what makes it show text in another order than it was sent in.
 bool is_control(std::uint32_t point) {
+  // C0, DEL and C1; then the marks of the bidirectional algorithm (UAX 9), and the separators of
+  // lines and paragraphs.
   const bool control = point < 0x20 || (point >= 0x7F && point <= 0x9F);
   const bool turns = point == 0x200E || point == 0x200F || point == 0x061C ||
                      (point >= 0x2028 && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069);
@@ -43,6 +47,7 @@ Character take_character(std::string_view& rest) {
   return next;
 }
 
+// The members of the API's objects that are Unix seconds.
 constexpr std::array<std::string_view, 9> kTimes = {"time",         "daemon_started", "once_unix",
                                                     "next_run",     "last_run",       "last_finish",
                                                     "last_success", "start",          "finish"};
@@ -67,6 +72,7 @@ void add_pairs(std::string& text, const JsonValue& object, std::string_view leav
     if (json_kind(object.values[i].get()) == JsonKind::Object) continue;
     width = std::max(width, utf8_length(printable(object.keys[i])));
   }
+  // Objects follow the plain members: in between, the rest would look like theirs.
   std::string nested;
   for (std::size_t i = 0; i < object.keys.size(); ++i) {
     if (object.keys[i] == leave_out) continue;
@@ -107,6 +113,7 @@ class JsonText {
     if (value.is_integer) {
       std::snprintf(digits.data(), digits.size(), "%lld", static_cast<long long>(value.integer));
     } else {
+      // 17 digits give every double back as it was.
       std::snprintf(digits.data(), digits.size(), "%.17g", value.number);
     }
     text_ += digits.data();
@@ -168,6 +175,7 @@ std::string printable(std::string_view text, Lines lines) {
   while (!text.empty()) {
     const Character next = take_character(text);
     const std::uint32_t point = next.valid ? code_point(next.bytes) : 0;
+    // A carriage return is never kept: it would write over what the line has shown.
     const bool kept = lines == Lines::Keep && (point == '\n' || point == '\t');
     if (!kept && is_control(point)) {
       shown += '?';
@@ -179,6 +187,7 @@ std::string printable(std::string_view text, Lines lines) {
 }
 
 std::string table_text(const std::vector<std::vector<std::string>>& rows) {
+  // Of the raw cells: printable() puts one character in the place of each.
   std::vector<std::size_t> widths(rows.empty() ? 0 : rows.front().size());
   for (const auto& row : rows) {
     for (std::size_t i = 0; i < row.size(); ++i) {
@@ -208,7 +217,12 @@ std::string readable(std::string_view name, const JsonValue* value) {
     case JsonKind::Array: return list_text(*value);
     case JsonKind::Object: break;
   }
+  // What has no form of its own here, a number or a nested object, is shown as JSON.
   return std::string(json_text(value, Layout::OneLine));
+}
+
+std::string cell(const JsonValue* object, std::string_view name) {
+  return readable(name, json_member(object, name));
 }
 
 std::string pairs_text(const JsonValue* object, std::string_view leave_out) {

@@ -26,6 +26,10 @@ enum class Lines { Keep, Replace };
 // and for an empty text. `name` decides which numbers are times.
 [[nodiscard]] std::string readable(std::string_view name, const JsonValue* value);
 
+// The member of that name, readable. Null or another kind of value in place of the object gives
+// "-".
+[[nodiscard]] std::string cell(const JsonValue* object, std::string_view name);
+
 // An object as lines of "name: value", printable; the objects that it holds follow, indented.
 // Members named in `leave_out` are left out.
 [[nodiscard]] std::string pairs_text(const JsonValue* object, std::string_view leave_out = {});

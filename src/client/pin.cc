@@ -49,6 +49,7 @@ std::string read_wish(const Arguments& given, Wish& out) {
     out.token_file = std::filesystem::absolute(out.token_file, failed).string();
   }
   std::array<char, kClientMessageSize> err{};
+  // Otherwise a token that cannot be read would show only when the listed server is first asked.
   if (read_token_file(expand_home(out.token_file), err) == nullptr) return err.data();
   out.list = server_list_path(given);
   return out.list.empty() ? "there is no home directory to keep the list in: --servers" : "";
@@ -95,6 +96,7 @@ int check_listed(const Wish& wish, const std::vector<Server>& listed, bool& know
 
 bool answered_yes() {
   std::string answer;
+  // The whole word: an answer by habit, or the end of a file, must not pin a stranger.
   return static_cast<bool>(std::getline(std::cin, answer)) && answer == "yes";
 }
 
@@ -107,6 +109,7 @@ int pin_server(const Arguments& given) {
   }
   std::vector<Server> listed;
   std::array<char, kClientMessageSize> err{};
+  // Before the question: nobody shall compare a fingerprint that cannot be kept.
   if (read_server_list(wish.list, listed, err) != 0) return complain(kExitUsage, err.data());
 
   if (const std::string error = fetch(given, wish.server.address, wish.server.fingerprint);

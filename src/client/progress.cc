@@ -10,6 +10,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
+// Also the time before the first line: an answer that comes at once needs none.
 constexpr std::chrono::seconds kTick{1};
 constexpr const char* kEraseLine = "\r\033[K";
 
@@ -38,6 +39,7 @@ void Progress::clear() {
 void Progress::tick() {
   timer_.expires_after(kTick);
   timer_.async_wait([this](boost::system::error_code ended) {
+    // done() may come when the timer has expired and its handler is not yet called.
     if (ended || what_.empty()) return;
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - since_).count();

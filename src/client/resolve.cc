@@ -80,6 +80,7 @@ void look_up(const std::shared_ptr<Lookup>& lookup, const ServerAddress& address
 
 std::string start_thread(const std::shared_ptr<Lookup>& lookup, const ServerAddress& address) {
   try {
+    // getaddrinfo(3) knows no time limit and cannot be called off, so nobody waits for this thread.
     std::thread(look_up, lookup, address).detach();
     return {};
   } catch (const std::system_error& failed) {
@@ -93,6 +94,7 @@ asio::awaitable<std::vector<tcp::endpoint>> resolve_host(
     ServerAddress address, std::chrono::steady_clock::time_point deadline, std::string& error) {
   error_code not_figures;
   const asio::ip::address figures = asio::ip::make_address(address.host, not_figures);
+  // Needs no resolver, and so no thread that could hang in one.
   if (!not_figures) co_return std::vector<tcp::endpoint>{tcp::endpoint(figures, address.port)};
 
   const auto lookup = std::make_shared<Lookup>();
@@ -105,6 +107,7 @@ asio::awaitable<std::vector<tcp::endpoint>> resolve_host(
   co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ended));
 
   const std::lock_guard lock(lookup->mutex);
+  // Locked: after a deadline the thread may be writing its answer now.
   if (lookup->found.empty()) {
     error = "cannot resolve '" + address.host +
             "': " + (lookup->error != 0 ? ::gai_strerror(lookup->error) : "timed out");

@@ -18,10 +18,6 @@ constexpr std::int64_t kExitCodeBusy = 75;  // of a tool that could not run now
 constexpr std::chrono::milliseconds kFirstPause{1000};  // after something new
 constexpr std::chrono::milliseconds kPause{2500};
 
-std::string cell(const JsonValue* object, std::string_view key) {
-  return readable(key, json_member(object, key));
-}
-
 bool flag(const JsonValue* object, std::string_view key) {
   return json_boolean(json_member(object, key)).value_or(false);
 }
@@ -64,6 +60,7 @@ int outcome(Session& session, const Followed& run, const JsonValue* entry) {
   if (entry == nullptr || !flag(entry, "finished")) {
     return session.fail(kExitRunFailed, "run_lost", named(run) + " was lost: its log has no end");
   }
+  // A run that was stopped has an exit code, too, but that tells of the signal.
   if (flag(entry, "cancelled")) {
     return session.fail(kExitRunStopped, "run_cancelled", named(run) + " was cancelled");
   }
@@ -83,6 +80,7 @@ int outcome(Session& session, const Followed& run, const JsonValue* entry) {
 CommandResult end_by_outcome(Session& session, Followed run) {
   const JsonReply reply = co_await session.get(job_path(run.job) + "/runs");
   if (reply == nullptr) co_return session.failed();
+  // The server has read the end of each log for this list.
   const JsonValue* const runs = json_member(reply.get(), "runs");
   for (std::size_t i = 0; i < json_size(runs); ++i) {
     const JsonValue* const entry = json_element(runs, i);
@@ -98,6 +96,7 @@ void show_chunk(Session& session, const JsonValue* chunk) {
     return;
   }
   const std::string_view data = json_string(json_member(chunk, "data")).value_or("");
+  // Asked once: the answer cannot change, and a log has many chunks.
   static const bool terminal = ::isatty(STDOUT_FILENO) == 1;
   session.print(terminal ? printable(data, Lines::Keep) : std::string(data));
 }
@@ -159,6 +158,7 @@ CommandResult wait_for_start(Session& session, Followed& run) {
       const JsonReply runs = co_await session.get(path + "/runs");
       if (runs == nullptr) co_return session.failed();
       const std::string newest = newest_of(runs.get());
+      // Ids are UTC times of one width: the later one is the greater text.
       if (newest > run.id) {
         run.id = newest;
         session.wait_for({});
@@ -213,8 +213,10 @@ CommandResult run_command(Session& session, const Arguments& given) {
     if (runs == nullptr) co_return session.failed();
     run.id = newest_of(runs.get());
   }
+  // The newest run was asked for before: whatever is newer from now on may be the one.
   const JsonReply reply = co_await session.request("POST", path + "/run");
   if (reply == nullptr) co_return session.failed();
+  // The log follows, a chunk a line: one document over several lines would break that.
   if (wait && session.options().json) {
     session.show_line(reply.get());
   } else {
@@ -258,6 +260,7 @@ CommandResult log_command(Session& session, const Arguments& given) {
   } else if (following) {
     const JsonReply runs = co_await session.get(job_path(run.job) + "/runs");
     if (runs == nullptr) co_return session.failed();
+    // A run that others have followed has ended, even when its log has no end.
     run.is_newest = run.id == newest_of(runs.get());
   }
   if (following) co_return co_await follow(session, run);

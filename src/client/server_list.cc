@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +37,7 @@ std::optional<std::string_view> take_host(std::string_view& rest) {
   const std::size_t end = bracketed ? rest.find(']') : std::min(rest.find(':'), rest.size());
   if (end == std::string_view::npos) return std::nullopt;
   const std::string_view host = bracketed ? rest.substr(1, end - 1) : rest.substr(0, end);
+  // The longest name of the DNS (RFC 1035, section 2.3.4).
   if (host.empty() || host.size() > 255) return std::nullopt;
   if (!std::all_of(host.begin(), host.end(), bracketed ? is_ipv6_character : is_host_character)) {
     return std::nullopt;
@@ -48,6 +48,7 @@ std::optional<std::string_view> take_host(std::string_view& rest) {
 
 std::string home_directory() {
   if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') return home;
+  // cron and service managers may start programs without HOME.
   const passwd* user = ::getpwuid(::geteuid());
   return user != nullptr && user->pw_dir != nullptr ? user->pw_dir : "";
 }
@@ -161,6 +162,7 @@ int parse_list(const char* path, std::string_view text, std::vector<Server>& out
 
 // The bytes of the list; empty when there is no file.
 int read_text(const std::string& path, std::string& text, std::span<char> err) {
+  // A fifo must not block, nor a terminal become ours.
   const ScopedFd file = open_file(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (file.get() < 0 && errno == ENOENT) return 0;
   struct stat status {};
@@ -196,6 +198,7 @@ bool parse_server_address(std::string_view text, ServerAddress& out) {
   if (!host) return false;
   std::uint32_t port = kDefaultApiPort;
   if (!text.empty()) {
+    // ":65535" has six characters; more would be leading zeros.
     if (text.front() != ':' || text.size() > 6) return false;
     if (!parse_u32(text.substr(1), port) || port < 1 || port > UINT16_MAX) return false;
   }
@@ -208,6 +211,7 @@ bool parse_fingerprint(std::string_view text, Sha256Digest& out) {
   Sha256Digest digest{};
   std::size_t digits = 0;
   for (const char c : text) {
+    // Wherever they stand: programs print them in groups of different sizes.
     if (c == ':') continue;
     const int value = hex_digit(c);
     if (value < 0 || digits == 2 * digest.size()) return false;
@@ -266,7 +270,7 @@ int add_server(const std::string& path, const Server& server, std::string_view t
   }
   // A file of its own: the list is replaced, and a lock on it would go with the old one.
   const ScopedFd lock = open_file((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
-  if (lock.get() < 0 || ::flock(lock.get(), LOCK_EX) != 0) {
+  if (!lock.valid() || !lock_exclusively(lock.get())) {
     return fail(err, "cannot lock the list of servers %s: %s", path.c_str(), ::strerror(errno));
   }
   std::string text;

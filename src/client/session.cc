@@ -28,6 +28,24 @@ std::string text_of(const JsonValue* object, std::string_view key) {
   return text ? std::string(*text) : "?";
 }
 
+// An object with an empty array "jobs".
+JsonReply empty_job_list() {
+  auto object = std::make_unique<JsonValue>();
+  object->kind = JsonKind::Object;
+  object->keys.emplace_back("jobs");
+  object->values.emplace_back(std::make_unique<JsonValue>())->kind = JsonKind::Array;
+  return object;
+}
+
+// Moves the jobs of a page to the end of the list.
+void move_jobs(JsonValue& page, JsonValue& list) {
+  auto& jobs = list.values.front()->values;
+  for (std::size_t i = 0; i < page.keys.size(); ++i) {
+    if (page.keys[i] != "jobs" || page.values[i]->kind != JsonKind::Array) continue;
+    for (auto& job : page.values[i]->values) jobs.push_back(std::move(job));
+  }
+}
+
 // Ends the program when what it shows cannot be written: it might follow a log for hours in vain.
 void flush_or_end() {
   constexpr int kWritten = -1;
@@ -38,6 +56,7 @@ void flush_or_end() {
 
 int flush_output(int status) {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  // The reader has seen enough, as head(1) does.
   if (errno == EPIPE) return kExitDone;
   std::fprintf(stderr, "orv_api: cannot write: %s\n", ::strerror(errno));
   return kExitNoConnection;
@@ -59,6 +78,7 @@ Session::Reply Session::request(std::string method, std::string path, std::strin
   wanted.query = std::move(query);
   wanted.body = std::move(body);
   wanted.if_match = std::move(if_match);
+  // With several servers it is their number that is shown, and a longer wait has its own words.
   const bool shown = options_.streams && !waits_;
   if (shown) progress_.wait_for("waiting for " + target_.name);
   const ClientReply reply = co_await connection_.exchange(
@@ -82,6 +102,7 @@ JsonReply Session::take_reply(const ClientReply& reply) {
     case ReplyKind::Unsigned: break;
   }
   // A signed reply is the scheduler's, an unsigned one anybody's: both are read with the same care.
+  // What is no JSON object is some other program's, and so no answer.
   JsonReply root;
   std::array<char, 256> err{};
   if (json_parse(reply.body, kReplyLimits, root, err) != 0 || root->kind != JsonKind::Object) {
@@ -96,7 +117,7 @@ JsonReply Session::take_reply(const ClientReply& reply) {
   fail(kExitRefused, code,
        std::to_string(reply.status) + " " + code + ": " + message +
            (reply.kind == ReplyKind::Signed ? "" : " (reply not signed)"));
-  plain_message_ = message;
+  plain_message_ = message;  // JSON has the code in a member of its own
   http_status_ = reply.status;
   return nullptr;
 }
@@ -111,6 +132,7 @@ Session::Reply Session::change(std::string method, std::string path, std::string
     const auto present_tag = json_string(json_member(present.get(), "config_etag"));
     std::string if_match = !tag.empty() ? tag : std::string(present_tag.value_or(""));
     JsonReply reply = co_await request(method, path, {}, body(present.get()), std::move(if_match));
+    // A tag that the user gave is a condition of theirs: it is not replaced by a newer one.
     const bool again = http_status_ == 412 && tag.empty() && attempt < kAttempts;
     if (reply != nullptr || !again) co_return reply;
     forget_failure();
@@ -119,11 +141,7 @@ Session::Reply Session::change(std::string method, std::string path, std::string
 
 Session::Reply Session::all_jobs() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    auto all = std::make_unique<JsonValue>();
-    all->kind = JsonKind::Object;
-    all->keys.emplace_back("jobs");
-    auto& jobs = *all->values.emplace_back(std::make_unique<JsonValue>());
-    jobs.kind = JsonKind::Array;
+    JsonReply all = empty_job_list();
     // Pages of two versions of the file must not be mixed: jobs could be missing or come twice.
     std::string tag;
     std::optional<std::int64_t> offset = 0;
@@ -145,10 +163,7 @@ Session::Reply Session::all_jobs() {
       offset = json_integer(json_member(page.get(), "next_offset"));
       // A server that counts backwards would be asked for ever.
       if (offset && *offset <= *before) offset.reset();
-      for (std::size_t i = 0; i < page->keys.size(); ++i) {
-        if (page->keys[i] != "jobs" || page->values[i]->kind != JsonKind::Array) continue;
-        for (auto& job : page->values[i]->values) jobs.values.push_back(std::move(job));
-      }
+      move_jobs(*page, *all);
     }
     if (!changed) co_return all;
   }
@@ -162,12 +177,15 @@ void Session::print(std::string_view text) {
     kept_text_ += text;
     return;
   }
+  // The line of progress and the text may share a terminal. Each piece goes out at once: who
+  // follows a log wants to see it grow.
   progress_.clear();
   std::fwrite(text.data(), 1, text.size(), stdout);
   flush_or_end();
 }
 
 void Session::show(const JsonValue* reply, const std::function<std::string()>& text) {
+  // Several servers make one JSON array, which is complete only when the last has answered.
   if (!options_.json) {
     print(text());
   } else if (!options_.streams) {
@@ -178,6 +196,7 @@ void Session::show(const JsonValue* reply, const std::function<std::string()>& t
 }
 
 void Session::show_line(const JsonValue* reply) {
+  // One line each, so that a script can take the pieces apart while they come.
   SecretString line = json_text(reply, Layout::OneLine);
   if (!options_.streams) {
     kept_json_.push_back(std::move(line));

@@ -51,6 +51,7 @@ CommandResult settings_command(Session& session, const Arguments& given) {
   const std::string& action = given.word(0);
   if (action == "get") co_return co_await show_settings(session, section);
   const Session::MakeBody body = [&](const JsonValue* present) {
+    // Only [mail] may be removed as a whole.
     if (action == "remove") return SecretString("{\"mail\":null}");
     return settings_body(section, given.members, present);
   };
@@ -70,6 +71,7 @@ CommandResult mail_test_command(Session& session, const Arguments& given) {
     const JsonReply reply = co_await session.get("mail/results/" + path_segment(id));
     if (reply == nullptr) co_return session.failed();
     const std::string state = readable({}, json_member(reply.get(), "state"));
+    // Asked at least once, however short the time to wait is.
     if (state != "pending" || std::chrono::steady_clock::now() >= end) {
       session.show(reply.get(), [&] {
         const JsonValue* const error = json_member(reply.get(), "error");

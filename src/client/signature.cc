@@ -32,6 +32,7 @@ std::string authorization(const ClientToken& token, const SignedRequest& request
     text += '\n';
     text += line;
   }
+  // The server refuses a longer one before it looks at the signature.
   if (text.size() > kMaxCanonicalRequest) return {};
   std::string header = "ORV-HMAC-SHA256 key=";
   header += token.name.view();

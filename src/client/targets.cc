@@ -40,6 +40,7 @@ std::string described_target(const Arguments& given, Target& out) {
     out.token = read_token_file(file, err);
     return out.token != nullptr ? "" : err.data();
   }
+  // Not an option: other users see a command line.
   const char* const token = std::getenv("ORV_API_TOKEN");
   out.token = parse_token(token != nullptr ? token : "");
   if (out.token != nullptr) return "";
@@ -50,6 +51,7 @@ Target listed_target(const Server& server) {
   Target target{server.name, server.address, server.fingerprint, nullptr, {}};
   std::array<char, kClientMessageSize> err{};
   target.token = read_token_file(server.token_file, err);
+  // A fault of this server alone: the others are asked all the same.
   if (target.token == nullptr) target.error = err.data();
   return target;
 }
@@ -64,6 +66,7 @@ std::string choose_listed(const Arguments& given, Targets& out) {
   std::vector<std::string_view> known;
   known.reserve(listed.size());
   for (const Server& server : listed) known.emplace_back(server.name);
+  // A name given twice counts once, and the order is the list's.
   std::set<std::string, std::less<>> wanted;
   const std::string names = given.value("--on");
   std::string_view rest = names, name;

@@ -56,6 +56,7 @@ ClientTokenPtr read_token_file(const std::string& path, std::span<char> err) {
                path.c_str());
     return nullptr;
   }
+  // Wiped when it goes, as the token itself.
   SecretString text;
   if (read_whole(file.get(), kMaxTokenFile, text) != ErrorCode::Ok) {
     (void)fail(err, "cannot read the token file %s: %s", path.c_str(), ::strerror(errno));

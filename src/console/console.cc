@@ -18,6 +18,7 @@ Console::Console(boost::asio::io_context& loop, const ConsoleOptions& options,
                .open_stream = [this] { return open_stream(); }}) {}
 
 int Console::listen(std::span<char> err) {
+  // The guard needs the port in use, which is known only after the bind when 0 was asked for.
   std::uint16_t port = options_.port;
   if (server_.listen(options_.address, port, err) != 0) return -1;
   guard_ = std::make_unique<Guard>(options_.address, port);
@@ -32,6 +33,7 @@ void Console::start() {
 void Console::stop() { server_.stop(); }
 
 void Console::handle(const LocalRequest& request, const LocalRespond& respond) {
+  // The guard has let the request pass: no file of the page is there for strangers either.
   const bool reads = request.method == "GET" || request.method == "HEAD";
   if (const PageFile* file = find_page_file(request.target); file != nullptr) {
     if (!reads) return respond(error_reply(kLocalMethod));
@@ -54,12 +56,14 @@ void Console::pass_on(const LocalRequest& request, const LocalRespond& respond) 
   if (const LocalError* error = pass_refusal(request.method, target, options_.read_only)) {
     return respond(error_reply(*error));
   }
+  // Only a name of the list leads anywhere: the page cannot make the console ask another host.
   const std::size_t index = pollers_.find(target.server);
   if (index == pollers_.size()) return respond(error_reply(kLocalNoServer));
   ClientRequest onward;
   onward.method = request.method;
   onward.path = std::move(target.path);
   onward.query = std::move(target.query);
+  // Neither cookie nor key goes on: the server gets what it needs and the signature.
   onward.body = request.body;
   onward.if_match = request.if_match;
   pollers_.pass(index, std::move(onward),

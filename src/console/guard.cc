@@ -1,12 +1,10 @@
 #include "console/guard.h"
 
-#include <errno.h>
 #include <strings.h>
-#include <sys/random.h>
 
-#include <array>
 #include <cstdlib>
 
+#include "client/signature.h"
 #include "common/digest.h"
 #include "common/host_port.h"
 
@@ -18,6 +16,7 @@ constexpr std::string_view kScheme = "http://";
 constexpr std::string_view kDefaultPort = ":80";  // browsers leave it out
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
+  // Host names know no case (RFC 9110, section 4.2.3).
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
@@ -32,25 +31,15 @@ bool names(std::string_view host, std::string_view authority) {
 }  // namespace
 
 std::string random_key() {
-  std::array<unsigned char, 16> bytes{};
-  std::size_t got = 0;
-  while (got < bytes.size()) {
-    const ssize_t n = ::getrandom(bytes.data() + got, bytes.size() - got, 0);
-    if (n < 0 && errno != EINTR) std::abort();  // a key that can be guessed is worse than none
-    if (n > 0) got += static_cast<std::size_t>(n);
-  }
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const unsigned char byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
-  }
-  return text;
+  std::string key = new_nonce();
+  if (key.empty()) std::abort();  // a key that can be guessed is worse than none
+  return key;
 }
 
 Guard::Guard(std::string_view address, std::uint16_t port)
     : key_(random_key()), cookie_(random_key()) {
   authority_ = host_port(address, port);
+  // What people type; it can only mean this machine, as the address itself.
   localhost_ = host_port("localhost", port);
   cookie_name_ = "orv_console_" + std::to_string(port);
 }
@@ -80,6 +69,7 @@ bool Guard::cookie_is_good(std::string_view cookies) const {
     while (pair.starts_with(' ')) pair.remove_prefix(1);
     const std::size_t equals = pair.find('=');
     if (equals == std::string_view::npos || pair.substr(0, equals) != cookie_name_) continue;
+    // One of several of that name may be stale, of another path or an earlier console: look on.
     if (equal_constant_time(pair.substr(equals + 1), cookie_)) return true;
   }
   return false;
@@ -91,6 +81,7 @@ GuardVerdict Guard::refuse(const char* reason) {
 }
 
 GuardVerdict Guard::judge(const GuardedHead& head) {
+  // First of all: a name that an attacker resolves to loopback makes their page "our" origin.
   if (head.ambiguous || !host_is_ours(head.host)) {
     return refuse("this console answers only under the address that it listens on");
   }
@@ -104,9 +95,11 @@ GuardVerdict Guard::judge(const GuardedHead& head) {
   if (head.method == "GET" && head.target.starts_with(kSignInTarget)) {
     const std::string_view key = head.target.substr(kSignInTarget.size());
     if (equal_constant_time(key, key_)) return GuardVerdict::SignIn;
+    // Used up, it must not equal an empty key of the request.
     if (key_once_.empty() || !equal_constant_time(key, key_once_)) {
       return refuse("the key is not this console's: open the URL that it printed when it started");
     }
+    // It stood on the command line of xdg-open, where every user of the machine can read it.
     key_once_.clear();
     return GuardVerdict::SignIn;
   }

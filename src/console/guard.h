@@ -16,9 +16,9 @@ namespace orv {
 // `ambiguous` says that one of the three fields stands twice.
 struct GuardedHead {
   std::string_view method;
-  std::string_view target;
+  std::string_view target;  // as it came, the query included
   std::string_view host;
-  std::string_view origin;
+  std::string_view origin;  // RFC 6454, section 7: browsers set it, no script can
   std::string_view cookie;
   bool ambiguous = false;
 };
@@ -57,7 +57,7 @@ class Guard {
   std::string cookie_name_;
   std::string key_;
   std::string key_once_;  // empty: none, or used
-  std::string cookie_;
+  std::string cookie_;    // the value; the keys are never sent back to a browser
   const char* reason_ = "";
 };
 

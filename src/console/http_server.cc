@@ -37,6 +37,9 @@ std::string_view view(beast::string_view text) { return {text.data(), text.size(
 
 }  // namespace
 
+// One browser connection. It goes round: await_request, read_request, on_request, then answer and
+// send, or a refusal, and from there to await_request or close. Only a stream leaves the circle: it
+// alternates between pump and write_event until it is closed. Any step that fails closes.
 class LocalConnection : public std::enable_shared_from_this<LocalConnection> {
  public:
   LocalConnection(LocalServer& server, Stream stream)
@@ -68,6 +71,7 @@ class LocalConnection : public std::enable_shared_from_this<LocalConnection> {
 
   LocalServer& server_;
   Stream stream_;
+  // One request of the largest size, and the head of the next that came in the same read.
   beast::flat_buffer buffer_{std::size_t{2} * kMaxHead + kMaxBody};
   std::optional<Parser> parser_;
   std::string out_;
@@ -108,6 +112,7 @@ void LocalConnection::on_read_error(const error_code& ec) {
   if (ec == http::error::header_limit || ec == http::error::buffer_overflow) {
     return send(error_reply(kLocalHeadTooLarge));
   }
+  // Errors of this category are of the bytes that came, all others of the connection.
   const bool malformed = ec.category() == http::make_error_code(http::error::bad_method).category();
   if (malformed && ec != http::error::end_of_stream && ec != http::error::partial_message) {
     return send(error_reply(kLocalBadRequest));
@@ -117,6 +122,7 @@ void LocalConnection::on_read_error(const error_code& ec) {
 
 GuardVerdict LocalConnection::judge() {
   const auto& message = parser_->get();
+  // Of two fields of one name, the guard might judge the one and somebody else believe the other.
   const bool ambiguous = message.count(http::field::host) > 1 ||
                          message.count(http::field::origin) > 1 ||
                          message.count(http::field::cookie) > 1;
@@ -132,6 +138,7 @@ void LocalConnection::on_request() {
   keep_alive_ = parser_->keep_alive();
   switch (judge()) {
     case GuardVerdict::Refuse:
+      // A stranger shall not hold a place; the page may have sent one request that was too old.
       keep_alive_ = signed_in_;
       return send(error_reply(403, "forbidden", server_.guard_->reason()));
     case GuardVerdict::SignIn: {
@@ -157,6 +164,7 @@ void LocalConnection::answer() {
                        .body = message.body()};
   // The answer may take as long as a server's; its own time limits end it.
   stream_.expires_never();
+  // Weak: a browser that has gone is not kept for an answer that nobody reads.
   server_.handler_.handle(request, [weak = weak_from_this()](const LocalReply& reply) {
     if (const auto self = weak.lock(); self != nullptr && !self->closed_) self->send(reply);
   });
@@ -212,6 +220,7 @@ void LocalConnection::close() {
   closed_ = true;
   quiet_timer_.cancel();
   stream_.close();
+  // Last: it may drop the server's share of this object.
   server_.closed(shared_from_this());
 }
 
@@ -227,9 +236,11 @@ int LocalServer::listen(const std::string& address, std::uint16_t& port, std::sp
   error_code ec;
   const tcp::endpoint endpoint(asio::ip::make_address(address, ec), port);
   if (!ec) (void)acceptor_.open(endpoint.protocol(), ec);
+  // Or a console that is started again could not have its port for a minute.
   if (!ec) (void)acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
   if (!ec) (void)acceptor_.bind(endpoint, ec);
   if (!ec) (void)acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+  // Port 0 has become a free one.
   if (!ec) port = acceptor_.local_endpoint(ec).port();
   if (!ec) return 0;
   return fail(err, "cannot listen on %s port %u: %s", address.c_str(), unsigned{port},
@@ -288,7 +299,7 @@ void LocalServer::stop() {
   error_code ignored;  // closing is all that is left to do
   (void)acceptor_.close(ignored);
   retry_timer_.cancel();
-  const auto connections = connections_;
+  const auto connections = connections_;  // each takes itself out
   for (const auto& connection : connections) connection->close();
 }
 

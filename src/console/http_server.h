@@ -20,12 +20,13 @@
 
 namespace orv {
 
+// Defaults for a person's browser; tests shorten them.
 struct LocalHttpLimits {
   std::chrono::milliseconds request{20'000};     // from its first byte to its last
   std::chrono::milliseconds idle{120'000};       // between two requests
   std::chrono::milliseconds reply{60'000};       // until the browser has taken a reply or an event
   std::chrono::milliseconds keep_alive{15'000};  // a comment on a stream that has nothing to say
-  std::size_t connections = 128;
+  std::size_t connections = 128;                 // at once; browsers open six for each page
 };
 
 // Sends the reply to one request; call it once, now or later. The connection may be gone by then.
@@ -35,6 +36,8 @@ using LocalRespond = std::function<void(LocalReply reply)>;
 // again after each wake_streams().
 using NextEvent = std::function<std::string()>;
 
+// What the server asks for answers. Called on the loop's thread, for requests that the guard let
+// pass.
 struct LocalHandler {
   std::function<void(const LocalRequest& request, LocalRespond respond)> handle;
   std::function<NextEvent()> open_stream;  // of GET /api/events
@@ -42,6 +45,7 @@ struct LocalHandler {
 
 class LocalConnection;
 
+// The connections live until they end or stop() is called. The loop outlives the server.
 class LocalServer {
  public:
   LocalServer(boost::asio::io_context& loop, const LocalHttpLimits& limits, LocalHandler handler);
@@ -65,15 +69,17 @@ class LocalServer {
                                                      boost::asio::io_context::executor_type>;
   void accept();
   void pause_accepting();
+  // Takes a connection in, if need be in the place of one that never signed in.
   void welcome(TcpSocket socket);
+  // Called by the connection, once, when it is closed.
   void closed(const std::shared_ptr<LocalConnection>& connection);
 
   boost::asio::io_context& loop_;
   const LocalHttpLimits limits_;
   const LocalHandler handler_;
   boost::asio::ip::tcp::acceptor acceptor_;
-  boost::asio::steady_timer retry_timer_;
-  Guard* guard_ = nullptr;
+  boost::asio::steady_timer retry_timer_;  // after an accept that failed
+  Guard* guard_ = nullptr;                 // set by start()
   std::set<std::shared_ptr<LocalConnection>> connections_;
 };
 

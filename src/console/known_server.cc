@@ -11,7 +11,8 @@
 namespace orv {
 namespace {
 
-constexpr std::size_t kScratch = std::size_t{512} << 10;  // bytes; a reply has 61,439 at most
+// Bytes. A reply has 61,439 at most, and an escape makes six of one.
+constexpr std::size_t kScratch = std::size_t{512} << 10;
 
 void write_value(JsonWriter& json, const JsonValue& value, std::string_view without);
 
@@ -68,12 +69,14 @@ bool read_job(const JsonValue* node, KnownJob& job) {
   job.last.start = integer_of(json_member(state, "last_run"));
   job.last.finish = integer_of(json_member(state, "last_finish"));
   job.running = text_of(json_member(state, "status")) == "RUNNING";
+  // Written anew and not cut out of the reply: what goes to the page is known to be well-formed.
   job.json = json_text(*node);
   return true;
 }
 
 const char* outcome_of(const JsonValue* run) {
   constexpr std::int64_t kBusyExit = 75;
+  // In this order: a run that was stopped has an exit code, too, but it tells of the signal.
   if (!json_boolean(json_member(run, "finished")).value_or(false)) return "unfinished";
   if (json_boolean(json_member(run, "timed_out")).value_or(false)) return "timed out";
   if (json_boolean(json_member(run, "cancelled")).value_or(false)) return "cancelled";
@@ -86,6 +89,7 @@ std::string runs_json(const JsonValue* runs, std::int64_t now) {
   for (std::size_t i = 0; i < json_size(runs); ++i) {
     const JsonValue* run = json_element(runs, i);
     const std::int64_t start = integer_of(json_member(run, "start"));
+    // The list is newest first, so nothing after this one is younger.
     if (i >= kRunsKept && start < now - kRunsKeptFor) break;
     const auto finish = json_integer(json_member(run, "finish"));
     if (i > 0) out += ',';
@@ -123,6 +127,7 @@ bool known_take_info(KnownServer& server, const JsonValue& reply) {
   }
   server.info = std::move(info);
   server.info_json = json_text(reply);
+  // The clock alone must not wake every browser every five seconds.
   std::string timeless = json_text(reply, "time");
   if (timeless != server.info_timeless) {
     server.info_timeless = std::move(timeless);
@@ -149,6 +154,7 @@ void known_take_jobs(KnownServer& server, std::vector<KnownJob> jobs) {
   for (KnownJob& job : server.jobs) before.emplace(job.name, &job);
   bool changed = !server.jobs_known || jobs.size() != server.jobs.size();
   for (std::size_t i = 0; i < jobs.size(); ++i) {
+    // Place by place: the page shows the order of the file, so another order is a change.
     changed = changed || jobs[i].json != server.jobs[i].json;
     const auto known = before.find(jobs[i].name);
     if (known == before.end()) continue;
@@ -164,6 +170,7 @@ bool known_take_job(KnownServer& server, const JsonValue& reply) {
   KnownJob job;
   if (!read_job(json_member(&reply, "job"), job)) return false;
   KnownJob* known = known_find_job(server, job.name);
+  // Deleted since it was asked for: the next list settles that.
   if (known == nullptr || known->json == job.json) return true;
   job.runs = std::move(known->runs);
   job.runs_upto = known->runs_upto;
@@ -179,6 +186,7 @@ bool known_take_runs(KnownServer& server, std::string_view job, const LastRun& u
   KnownJob* known = known_find_job(server, job);
   if (known == nullptr) return true;
   std::string runs = runs_json(list, now);
+  // Also when nothing is new, or the same would be asked again and again.
   known->runs_upto = upto;
   if (runs != known->runs) {
     known->runs = std::move(runs);
@@ -199,6 +207,7 @@ void known_take_outcome(KnownServer& server, bool reachable, bool trusted, std::
 }
 
 std::string known_server_json(const KnownServer& server, bool read_only) {
+  // The parts of the server are JSON already; only what the console says itself is quoted here.
   std::string out = "{\"name\":" + quoted(server.name);
   out.append(",\"reachable\":").append(server.reachable ? "true" : "false");
   out.append(",\"trusted\":").append(server.trusted ? "true" : "false");

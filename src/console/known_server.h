@@ -23,10 +23,11 @@ struct LastRun {
   friend bool operator==(const LastRun&, const LastRun&) = default;
 };
 
+// A job as the server's replies show it.
 struct KnownJob {
   std::string name;
-  std::string json;  // the JOB object
-  LastRun last;
+  std::string json;  // the JOB object, compact and well-formed
+  LastRun last;      // as the JOB object says, also of a run under way
   bool running = false;
   std::string runs;   // JSON array, see known_runs_json(); empty: never asked
   LastRun runs_upto;  // `last` when the runs were asked for
@@ -41,18 +42,19 @@ struct KnownInfo {
   friend bool operator==(const KnownInfo&, const KnownInfo&) = default;
 };
 
+// One server of the list. What was known stays when the server can no longer be asked.
 struct KnownServer {
-  std::string name;
-  bool reachable = false;
-  bool trusted = false;
+  std::string name;        // of the list
+  bool reachable = false;  // the last attempt met somebody
+  bool trusted = false;    // and that was the server: certificate and signature are right
   std::string error;       // empty: none
   std::int64_t asked = 0;  // Unix seconds of the last attempt; 0: not yet
   std::string info_json;   // empty: not known
   KnownInfo info;
-  bool jobs_known = false;
-  std::vector<KnownJob> jobs;
-  std::uint64_t version = 1;  // goes up with every change but those of times
-  std::string info_timeless;  // info_json without what is different each time
+  bool jobs_known = false;     // a whole list was taken
+  std::vector<KnownJob> jobs;  // in the order of the configuration file
+  std::uint64_t version = 1;   // goes up with every change but those of times
+  std::string info_timeless;   // info_json without what is different each time
 };
 
 // Takes a reply of GET info. False, nothing changed, when it is not of that shape.
@@ -73,7 +75,8 @@ void known_take_jobs(KnownServer& server, std::vector<KnownJob> jobs);
 // is not of that shape.
 [[nodiscard]] bool known_take_job(KnownServer& server, const JsonValue& reply);
 
-// Takes a reply of GET jobs/NAME/runs, which was asked for when the job's last run was `upto`.
+// Takes a reply of GET jobs/NAME/runs, which was asked for when the job's last run was `upto`: when
+// that is another one by now, the runs are asked for again. False when it is not of that shape.
 [[nodiscard]] bool known_take_runs(KnownServer& server, std::string_view job, const LastRun& upto,
                                    const JsonValue& reply, std::int64_t now);
 
@@ -87,6 +90,7 @@ void known_take_outcome(KnownServer& server, bool reachable, bool trusted, std::
 // "busy", "failed", "timed out", "cancelled", "unfinished".
 [[nodiscard]] std::string known_server_json(const KnownServer& server, bool read_only);
 
+// Null when the list has no such job. Borrowed until the next list is taken.
 [[nodiscard]] KnownJob* known_find_job(KnownServer& server, std::string_view name);
 
 }  // namespace orv

@@ -51,17 +51,10 @@ void append_field(std::string& out, std::string_view name, std::string_view valu
 }  // namespace
 
 std::string error_body(std::string_view code, std::string_view message) {
-  std::vector<char> buffer(256 + 6 * (code.size() + message.size()));  // an escape has six bytes
+  // Six bytes is the longest escape of one, so nothing can overflow.
+  std::vector<char> buffer(256 + 6 * (code.size() + message.size()));
   JsonWriter json(buffer);
-  json.begin_object();
-  json.key("error");
-  json.begin_object();
-  json.key("code");
-  json.string(code);
-  json.key("message");
-  json.string(message);
-  json.end_object();
-  json.end_object();
+  json.error_object(code, message);
   return std::string(json.text());
 }
 

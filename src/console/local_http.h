@@ -8,18 +8,19 @@
 
 namespace orv {
 
+// A request of the page, copied out of the connection: its answer may come when that has gone.
 struct LocalRequest {
   std::string method;
-  std::string target;
-  std::string if_match;
-  std::string body;
+  std::string target;    // path and query, percent-encoding as it came
+  std::string if_match;  // empty: none
+  std::string body;      // at most 32,768 bytes
 };
 
 // A refusal of the console itself. It goes out in the shape of the API's errors.
 struct LocalError {
-  unsigned status;
-  const char* code;
-  const char* message;
+  unsigned status;      // HTTP's
+  const char* code;     // of the API where it has one for the case: the page knows those
+  const char* message;  // one sentence for the person
 };
 extern const LocalError kLocalBadRequest;
 extern const LocalError kLocalBadPath;
@@ -31,9 +32,10 @@ extern const LocalError kLocalReadOnly;
 extern const LocalError kLocalNoServer;
 extern const LocalError kLocalBusy;
 
+// A reply; empty texts are header fields that are left out.
 struct LocalReply {
   unsigned status = 200;
-  std::string_view type = "application/json";
+  std::string_view type = "application/json";  // of a literal: it is not copied
   std::string body{};
   std::string etag{};
   std::string set_cookie{};
@@ -42,7 +44,8 @@ struct LocalReply {
   bool is_unsigned = false;        // X-ORV-Unsigned: 1
 };
 
-// {"error":{"code":"...","message":"..."}} with whatever the texts hold escaped.
+// {"error":{"code":"...","message":"..."}} with whatever the texts hold escaped. Texts may come
+// from a server and have any length.
 [[nodiscard]] std::string error_body(std::string_view code, std::string_view message);
 [[nodiscard]] LocalReply error_reply(const LocalError& error);
 [[nodiscard]] LocalReply error_reply(unsigned status, std::string_view code,

@@ -76,12 +76,14 @@ int serve(const ConsoleOptions& options) {
   if (::printf("%s\n", console.guard().url().c_str()) < 0 || ::fflush(stdout) != 0) {
     return complain(kExitFailed, "cannot print the URL");
   }
+  // After the printing, so that the URL is there also when no browser comes up.
   if (options.open) open_browser(console.guard().url_once());
   boost::asio::signal_set signals(loop, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code&, int) {
     console.stop();
     loop.stop();
   });
+  // From here on nothing can be started or written; what is listened on and opened so far stays.
   sandbox_enter();
   console.start();
   loop.run();

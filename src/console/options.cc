@@ -24,6 +24,7 @@ const char* const kConsoleUsage =
 namespace {
 
 bool is_loopback(const std::string& address) {
+  // inet_pton(3) takes all four figures and nothing else: "127.1" could be read in two ways.
   in_addr v4{};
   if (::inet_pton(AF_INET, address.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
   return address == "::1";
@@ -68,6 +69,7 @@ int console_listen_parse(const char* text, ConsoleOptions& out, std::span<char> 
   if (!parse_u32(number, port) || port > 65535 || address.empty()) {
     return fail(err, "--listen must be ADDRESS:PORT, [::1]:PORT or PORT, not '%s'", text);
   }
+  // Not resolved: a hosts file may say anything.
   if (address == "localhost") address = "127.0.0.1";
   if (!is_loopback(address)) {
     return fail(err, "--listen must be a loopback address (127.0.0.0/8 or [::1]), not '%s'", text);
@@ -82,6 +84,7 @@ int console_options_parse(const ArgList& args, ConsoleOptions& out, std::span<ch
     const std::string_view word = args[i];
     const OptionReader* found = nullptr;
     for (const OptionReader& row : kReaders) {
+      // "--listen=VALUE" as well as two words; a switch takes no value.
       const bool joined = row.take != nullptr && word.starts_with(row.name) &&
                           word.substr(row.name.size()).starts_with('=');
       if (word == row.name || joined) found = &row;

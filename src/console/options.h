@@ -16,8 +16,8 @@ struct ConsoleOptions {
   std::string address = "127.0.0.1";  // numeric, 127.0.0.0/8 or ::1, without brackets
   std::uint16_t port = kConsolePort;  // 0: any that is free
   std::string servers_path;           // empty: the user's own list
-  bool read_only = false;
-  bool open = false;
+  bool read_only = false;             // no change is passed on, whatever the token allows
+  bool open = false;                  // show the page in a browser
 };
 
 // Reads all words after the program's name. 0; -1 with the reason, `out` undefined.
@@ -28,7 +28,7 @@ struct ConsoleOptions {
 // malformed or no loopback address.
 [[nodiscard]] int console_listen_parse(const char* text, ConsoleOptions& out, std::span<char> err);
 
-extern const char* const kConsoleUsage;
+extern const char* const kConsoleUsage;  // many lines, with the exit statuses
 
 }  // namespace orv
 

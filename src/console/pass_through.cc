@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::string_view kPrefix = "/api/servers/";
 constexpr std::string_view kVersion = "v1/";
+// A config_etag is 64 hexadecimal digits in quotes; anything near that fits.
 constexpr std::size_t kMaxTag = 128;  // bytes
 
 bool printable(std::string_view text) {
@@ -81,6 +82,7 @@ bool pass_target_parse(std::string_view target, PassTarget& out, bool& malformed
   const std::size_t slash = rest.find('/');
   const std::string_view name = rest.substr(0, slash);
   rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
+  // Before anything is taken from it: a blank or a line end would end the request line early.
   malformed = !printable(target) || target.find('#') != std::string_view::npos ||
               !segment_is_plain(name, out.server);
   if (malformed) return true;
@@ -89,6 +91,7 @@ bool pass_target_parse(std::string_view target, PassTarget& out, bool& malformed
     return false;
   }
   rest.remove_prefix(kVersion.size());
+  // Judged decoded and passed on as it came: both ends then see the path that was judged.
   malformed = !path_is_plain(rest);
   out.path = "/api/v1/" + std::string(rest);
   out.query = query;
@@ -98,6 +101,7 @@ bool pass_target_parse(std::string_view target, PassTarget& out, bool& malformed
 const LocalError* pass_refusal(std::string_view method, const PassTarget& target, bool read_only) {
   static constexpr std::array<std::string_view, 4> kMethods = {"GET", "PUT", "POST", "DELETE"};
   if (std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end()) return &kLocalMethod;
+  // The whole path is compared: a longer one may be a change in a later version of the API.
   const bool reads = method == "GET" || (method == "POST" && target.path == "/api/v1/validate/job");
   return read_only && !reads ? &kLocalReadOnly : nullptr;
 }
@@ -114,6 +118,7 @@ LocalReply pass_reply(ClientReply reply) {
   out.status = static_cast<unsigned>(reply.status);
   out.is_unsigned = reply.kind == ReplyKind::Unsigned;
   out.retry_after_s = reply.retry_after_s;
+  // A tag leads to changes, so it is taken from the scheduler's own words only.
   if (!out.is_unsigned) out.etag = etag_of_body(reply.body);
   out.body = std::move(reply.body);
   return out;

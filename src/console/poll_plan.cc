@@ -49,12 +49,15 @@ const KnownJob* PollPlan::wants_runs() const {
 std::optional<Ask> PollPlan::next(std::int64_t now_ms) {
   refill(now_ms);
   Ask ask;
+  // Asked whatever is left of the allowance: it says whether anything else need be asked. What it
+  // overdraws, the other kinds wait for.
   if (now_ms >= info_due_ms_) {
     --allowance_;
     ask.path = "/api/v1/info";
     return ask;
   }
   if (pause_ms_ > 0 || known_.info_json.empty() || allowance_ < 1) return std::nullopt;
+  // Where one page holds all jobs, it is as cheap as a single one.
   if (!sweep_ && !changed_.empty() && known_.jobs.size() > static_cast<std::size_t>(page_size_)) {
     ask.kind = AskKind::Job;
     ask.job = *changed_.begin();
@@ -75,7 +78,7 @@ std::optional<Ask> PollPlan::next(std::int64_t now_ms) {
 }
 
 Ask PollPlan::ask_page() {
-  // One page holds them all: it is as cheap as a single job.
+  // The list brings every job anew: none needs to be asked for by itself.
   if (!sweep_) {
     sweep_.emplace();
     changed_.clear();
@@ -107,6 +110,7 @@ void PollPlan::take_info(const JsonValue& reply) {
   const bool first = known_.info_json.empty();
   if (!known_take_info(known_, reply) || first) return;
   const KnownInfo& after = known_.info;
+  // Any job may be another one now.
   if (after.config_etag != before.config_etag || after.daemon_started != before.daemon_started) {
     jobs_due_ms_ = 0;
     return;
@@ -115,10 +119,12 @@ void PollPlan::take_info(const JsonValue& reply) {
     if (!name.empty()) changed_.insert(name);
   };
   if (after.running_job != before.running_job) {
+    // Both ends of the change: the one has an outcome, the other a start.
     note(before.running_job);
     note(after.running_job);
   }
   if (after.run_queue == before.run_queue) return;
+  // Also a run that was started and ended between two looks was in the queue before.
   for (const std::string& name : before.run_queue) note(name);
   for (const std::string& name : after.run_queue) note(name);
 }
@@ -142,6 +148,7 @@ void PollPlan::take_page(const JsonValue& reply, std::int64_t now_ms) {
     return;
   }
   sweep_->config_etag = page.config_etag;
+  // Forwards only, and not for ever, whatever the server says.
   if (page.next_offset > offset && sweep_->jobs.size() < kMaxJobs) {
     sweep_->offset = page.next_offset;
     return;
@@ -164,6 +171,7 @@ void PollPlan::take_reply(const Ask& ask, const JsonValue& reply, std::int64_t n
 }
 
 void PollPlan::pause(std::int64_t now_ms, std::int64_t at_least_ms) {
+  // Doubled: 5, 10, 20, 40, then 60 seconds.
   pause_ms_ = std::clamp(pause_ms_ * 2, kInfoEveryMs, kLongestPauseMs);
   info_due_ms_ = now_ms + std::max(pause_ms_, at_least_ms);
   sweep_.reset();
@@ -189,6 +197,7 @@ void PollPlan::take_refusal(const Ask& ask, const ClientReply& answer, const Jso
   }
   const std::string refusal = refusal_text(answer.status, reply);
   known_take_outcome(known_, true, true, refusal, now);
+  // A server that refuses its most plain request refuses all; it may say for how long.
   if (ask.kind == AskKind::Info) return pause(now_ms, std::int64_t{answer.retry_after_s} * 1000);
   jobs_error_ = refusal;
   end_sweep(now_ms);
@@ -196,6 +205,7 @@ void PollPlan::take_refusal(const Ask& ask, const ClientReply& answer, const Jso
 
 void PollPlan::answered(const Ask& ask, const ClientReply& answer, std::int64_t now_ms,
                         std::int64_t now) {
+  // From the answer on, so that a slow server is not asked without a break.
   if (ask.kind == AskKind::Info) info_due_ms_ = now_ms + kInfoEveryMs;
   if (answer.kind != ReplyKind::Signed && answer.kind != ReplyKind::Unsigned) {
     const bool reached = answer.kind == ReplyKind::NotTrusted;
@@ -215,6 +225,7 @@ void PollPlan::answered(const Ask& ask, const ClientReply& answer, std::int64_t 
     return pause(now_ms);
   }
   pause_ms_ = 0;
+  // A list that was refused stays said until one is taken, whatever else is answered meanwhile.
   if (ask.kind == AskKind::Page) jobs_error_.clear();
   known_take_outcome(known_, true, true, jobs_error_, now);
   take_reply(ask, *reply, now_ms, now);

@@ -26,6 +26,7 @@ inline constexpr std::int64_t kLongestPauseMs = 60'000;
 inline constexpr double kAsksPerSecond = 0.45;  // sustained, all kinds together
 inline constexpr double kAsksAtOnce = 6;        // what may go ahead of that
 
+// One request, for the driver to send and to bring back with its answer.
 enum class AskKind { Info, Page, Job, Runs };
 struct Ask {
   AskKind kind = AskKind::Info;
@@ -35,14 +36,16 @@ struct Ask {
   LastRun upto;     // of Runs
 };
 
-// A walk through the pages of GET jobs.
+// A walk through the pages of GET jobs. Its jobs replace the known ones when it is complete.
 struct JobsSweep {
   std::vector<KnownJob> jobs;
-  std::string config_etag;
-  std::int64_t offset = 0;
-  int restarts = 0;
+  std::string config_etag;  // of all pages so far
+  std::int64_t offset = 0;  // of the next one
+  int restarts = 0;         // because the tag changed on the way
 };
 
+// The plan of one server. Its driver calls next(), sends what it gives, calls answered(), and
+// sleeps until next_at_ms() when there is nothing to ask.
 class PollPlan {
  public:
   explicit PollPlan(std::string name) { known_.name = std::move(name); }
@@ -67,6 +70,7 @@ class PollPlan {
   [[nodiscard]] const KnownJob* wants_runs() const;
   void refill(std::int64_t now_ms);
   Ask ask_page();
+  // What each kind of reply changes in what is known, and in what is to be asked next.
   void take_info(const JsonValue& reply);
   void take_page(const JsonValue& reply, std::int64_t now_ms);
   void take_reply(const Ask& ask, const JsonValue& reply, std::int64_t now_ms, std::int64_t now);
@@ -80,11 +84,11 @@ class PollPlan {
   std::int64_t jobs_due_ms_ = 0;
   std::int64_t pause_ms_ = 0;  // 0: the last attempt was answered
   std::optional<JobsSweep> sweep_;
-  std::int64_t page_size_ = 50;
-  std::string jobs_error_;         // why the last page was refused, until one is taken
-  std::set<std::string> changed_;  // jobs to look at again
-  double allowance_ = kAsksAtOnce;
-  std::int64_t refilled_ms_ = 0;
+  std::int64_t page_size_ = 50;     // halved when a reply would be too large
+  std::string jobs_error_;          // why the last page was refused, until one is taken
+  std::set<std::string> changed_;   // jobs to look at again
+  double allowance_ = kAsksAtOnce;  // requests that may be sent now; below 0 after an early info
+  std::int64_t refilled_ms_ = 0;    // when the allowance was last worked out
 };
 
 }  // namespace orv

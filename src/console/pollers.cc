@@ -40,6 +40,7 @@ class Poller : public std::enable_shared_from_this<Poller> {
   asio::awaitable<ClientReply> pass(ClientRequest request);
   void hurry() {
     plan_.hurry(monotonic_ms());
+    // Between two waits this does nothing: the poller then looks at the plan anyway.
     timer_.cancel();
   }
   [[nodiscard]] const KnownServer& known() const { return plan_.known(); }
@@ -95,6 +96,7 @@ asio::awaitable<void> Poller::ask(const Ask& what) {
 }
 
 asio::awaitable<void> Poller::run(milliseconds delay, const std::function<void()>& changed) {
+  // A long list must not begin with as many handshakes at once.
   co_await wait(delay);
   while (true) {
     const std::int64_t now_ms = monotonic_ms();
@@ -110,11 +112,13 @@ asio::awaitable<void> Poller::run(milliseconds delay, const std::function<void()
 
 asio::awaitable<ClientReply> Poller::pass(ClientRequest request) {
   ClientReply failed;
+  // The page gets the reason as a server that cannot be reached.
   if (!connect(passing_, failed.error)) co_return failed;
   const bool changes = request.method != "GET";
   ClientReply reply =
       co_await passing_->exchange(std::move(request), steady_clock::now() + kExchangeTime);
   if (reply.status == kUnauthorized) passing_.reset();
+  // The page shows the outcome as soon as the server does, not five seconds later.
   if (changes && reply.kind == ReplyKind::Signed && reply.status < 300) hurry();
   co_return reply;
 }

@@ -18,6 +18,7 @@ namespace orv {
 
 class Poller;
 
+// Owns the pollers. An index is the server's place in the list and stays the same.
 class Pollers {
  public:
   // `changed` is called when what is known of a server has changed in more than times. The pollers

@@ -109,6 +109,8 @@ class Parser {
   // The depth is left raised by a failure: the whole parse ends with it.
   Node container(bool is_object) {
     const std::size_t start = pos_;
+    // Each level is a few calls deep: this is what keeps a hostile document off the end of the
+    // stack.
     if (depth_ >= limits_.max_depth) return fail_node(start, "nesting too deep");
     ++depth_;
     Node node = new_node(is_object ? JsonKind::Object : JsonKind::Array, start);
@@ -141,6 +143,8 @@ class Parser {
       skip_blanks();
       if (!next_is('"')) return fail_at(pos_, "expected a string key");
       SecretString key;
+      // A key is held like a value, wiped and all: a request may put its password in the wrong
+      // place.
       if (!string(key)) return false;
       skip_blanks();
       if (!take(':')) return fail_at(pos_, "expected :");
@@ -168,6 +172,7 @@ class Parser {
     const std::size_t start = pos_;
     while (!at_end() && text_[pos_] != '"' && text_[pos_] != '\\' && !is_control(text_[pos_]))
       ++pos_;
+    // The message names the first byte that is too many, not where the run ends.
     const std::size_t room = kMaxJsonString - out.size();
     if (pos_ - start > room) return fail_at(start + room, "string too long");
     out.append(text_.substr(start, pos_ - start));
@@ -186,6 +191,7 @@ class Parser {
   }
 
   bool escape(SecretString& out) {
+    // The escapes of RFC 8259, section 7; a letter and its meaning stand at the same place.
     static constexpr std::string_view kLetters = "\"\\/bfnrt";
     static constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
     if (at_end()) return fail_at(pos_, "bad escape");
@@ -217,6 +223,7 @@ class Parser {
     if (!hex4(point)) return fail_at(pos_, "bad \\u escape");
     const std::size_t end = pos_;
     if (point == 0) return fail_at(end, "NUL in string");
+    // A low surrogate that no high one announced; UTF-8 has no form for it (RFC 3629, section 3).
     if (point >= 0xdc00 && point <= 0xdfff) return fail_at(end, "lone surrogate");
     if (point >= 0xd800 && point <= 0xdbff) {
       std::uint32_t low = 0;
@@ -261,6 +268,7 @@ class Parser {
     bool is_integer = true;
     if (const char* fault = number_fault(is_integer)) return fail_node(start, fault);
     const std::string_view digits_text = text_.substr(start, pos_ - start);
+    // strtod() may be slow on thousands of digits, and no field needs more than these.
     if (digits_text.size() > kMaxJsonNumber) return fail_node(start, "number too long");
     Node node = new_node(JsonKind::Number, start);
     if (!node) return nullptr;
@@ -275,6 +283,7 @@ class Parser {
       return fail_node(start, "number out of range");
     if (!is_integer) return node;
     errno = 0;
+    // Not taken from the double, which holds 53 bits.
     const long long whole = std::strtoll(copy, nullptr, 10);
     node->is_integer = errno != ERANGE;
     if (node->is_integer) node->integer = whole;
@@ -300,6 +309,7 @@ int json_parse(std::string_view text, const JsonLimits& limits, std::unique_ptr<
   try {
     out = parser.document();
   } catch (const std::bad_alloc&) {
+    // The limits bound the tree, but not what else the machine is doing.
     return fail(err, "out of memory at byte %zu", parser.position());
   }
   return out ? 0 : -1;

@@ -47,9 +47,9 @@ inline constexpr std::size_t kMaxJsonNumber = 40;     // bytes of a number's tex
 // What a document may cost. Depth bounds the stack, values bound the heap; containers count as
 // values, too.
 struct JsonLimits {
-  std::size_t max_bytes = 4194304;
-  std::uint32_t max_depth = 32;
-  std::uint32_t max_values = 200000;
+  std::size_t max_bytes = 4194304;    // of the text
+  std::uint32_t max_depth = 32;       // containers within each other
+  std::uint32_t max_values = 200000;  // some 130 bytes each
 };
 // Of a request's body.
 inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
@@ -63,7 +63,7 @@ inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
 [[nodiscard]] JsonKind json_kind(const JsonValue* node);  // absent reads as Null
 // Linear, in document order.
 [[nodiscard]] const JsonValue* json_member(const JsonValue* object, std::string_view key);
-// Borrowed from the node.
+// Borrowed from the node. Of these three, another kind of value gives nothing, not a default.
 [[nodiscard]] std::optional<std::string_view> json_string(const JsonValue* node);
 [[nodiscard]] std::optional<std::int64_t> json_integer(const JsonValue* node);
 [[nodiscard]] std::optional<bool> json_boolean(const JsonValue* node);

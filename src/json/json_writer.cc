@@ -14,6 +14,7 @@ unsigned byte_at(std::string_view text, std::size_t at) {
   return static_cast<unsigned char>(text[at]);
 }
 
+// DEL is escaped, too, although RFC 8259 lets it stand: terminals and logs obey it.
 bool is_plain(char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; }
 
 // Bytes at the front of `text` that need no escape and can be cut anywhere.
@@ -47,6 +48,7 @@ Piece escape(std::string_view rest) {
     default: break;
   }
   if (byte < 0x80) {
+    // A control character without a short escape.
     const char code[] = {'\\', 'u', '0', '0', kHexDigits[byte >> 4], kHexDigits[byte & 0xf]};
     return make_piece({code, sizeof code}, 1);
   }
@@ -109,6 +111,7 @@ void JsonWriter::begin_array() { open('['); }
 void JsonWriter::end_array() { close(']'); }
 
 void JsonWriter::key(std::string_view name) {
+  // Escaped like any text: some keys are names of jobs.
   string(name);
   put(":");
   after_key_ = true;
@@ -128,6 +131,7 @@ std::size_t JsonWriter::put_escaped(std::string_view text, std::size_t limit) {
       done += run;
       continue;
     }
+    // An escape or a sequence goes in whole or not at all: half of one would be no JSON.
     const Piece piece = escape(rest);
     if (room == 0 || piece.length > room) break;
     put({piece.text, piece.length});
@@ -156,6 +160,7 @@ std::size_t JsonWriter::string_limited(std::string_view text, std::size_t limit)
 void JsonWriter::string_or_null(std::string_view text) { text.empty() ? null() : string(text); }
 
 void JsonWriter::integer(std::int64_t value) {
+  // -9223372036854775808 has 20 characters.
   char digits[32];
   const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
   raw({digits, static_cast<std::size_t>(end.ptr - digits)});
@@ -181,6 +186,18 @@ void JsonWriter::integer_member(std::string_view name, std::int64_t value, bool 
 void JsonWriter::boolean_member(std::string_view name, bool value) {
   key(name);
   boolean(value);
+}
+
+void JsonWriter::error_object(std::string_view code, std::string_view message) {
+  begin_object();
+  key("error");
+  begin_object();
+  key("code");
+  string(code);
+  key("message");
+  string(message);  // also an empty one: clients expect a text
+  end_object();
+  end_object();
 }
 
 void JsonWriter::raw(std::string_view json) {

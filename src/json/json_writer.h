@@ -37,6 +37,9 @@ class JsonWriter {
   void integer_member(std::string_view name, std::int64_t value, bool known = true);  // else null
   void boolean_member(std::string_view name, bool value);
 
+  // {"error":{"code":...,"message":...}}: the shape of every error of the API, the console's too.
+  void error_object(std::string_view code, std::string_view message);
+
   // A string whose escaped content is at most `limit` bytes and fits the buffer: it stops before
   // the first piece that would not, and is closed. Returns the number of bytes of `text` it covers.
   std::size_t string_limited(std::string_view text, std::size_t limit);
