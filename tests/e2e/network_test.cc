@@ -10,17 +10,6 @@ namespace {
 
 using ::testing::HasSubstr;
 
-TEST_F(Network, ServesTheApiToCurlAndOpenssl) {
-  configure_api("[nightly]\ncommand = agent\nprofile = nightly\nschedule = 30 2 * * *\n");
-  start_api_daemon();
-  EXPECT_THAT(curl_info(file("read")), HasSubstr("HTTP/1.1 200 OK\r\n"));
-  EXPECT_THAT(curl_info(file("read") + "x"), HasSubstr("HTTP/1.1 401 Unauthorized\r\n"));
-  const auto shown = run_program({"openssl", "s_client", "-connect", server_, "-ign_eof"}, {},
-                                 "GET /nowhere HTTP/1.0\r\n\r\n");
-  EXPECT_THAT(shown.out, HasSubstr("HTTP/1.1 401"));
-  EXPECT_EQ(stop_daemon(), 0);
-}
-
 TEST_F(Network, DeliversTheTestMailOrSaysWhyNot) {
   if (run_program({kPython, "-c", "import aiosmtpd"}).status != 0) {
     GTEST_SKIP() << "no SMTP server to test with (python3-aiosmtpd)";
