@@ -125,6 +125,8 @@ TEST_F(WriteEndpoints, RefusesFieldsAndPoliciesThatAPutBreaks) {
                                         checked.text("result/error/message")));
   }
   EXPECT_EQ(config_text(), kConfig);
+  const std::string longest(127, 'a');
+  EXPECT_EQ(put_job("next", R"({"profile":")" + longest + "\"}").text("job/profile"), longest);
 }
 
 TEST_F(WriteEndpoints, ValidatesAJobWithoutWritingAnything) {
