@@ -12,6 +12,7 @@
 #include "common/files.h"
 #include "common/replacement_file.h"
 #include "common/text.h"
+#include "net/certificate.h"
 
 namespace orv {
 namespace {
@@ -42,6 +43,11 @@ void remove_config_leftovers(const std::string& config_path) {
 
 void remove_tokens_leftovers(const std::string& tokens_path) {
   remove_dead(tokens_temporary_prefix(tokens_path));
+}
+
+void remove_pair_leftovers(const std::string& cert_path, const std::string& key_path) {
+  remove_dead(pair_temporary_prefix(cert_path));
+  remove_dead(pair_temporary_prefix(key_path));
 }
 
 }  // namespace orv

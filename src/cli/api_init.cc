@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "api/leftovers.h"
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "common/files.h"
@@ -53,6 +54,7 @@ std::string cause_of(ErrorCode rc, const char* common_name, int error_number) {
 }
 
 int create_pair(const ApiSection& api, const char* common_name, bool force) {
+  remove_pair_leftovers(api.cert.c_str(), api.key.c_str());
   const ScopedFd lock = lock_pair(api);
   errno = lock.valid() ? 0 : errno;
   const ErrorCode rc = lock.valid() ? cert_create(api.cert.c_str(), api.key.c_str(), common_name,

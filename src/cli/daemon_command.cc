@@ -18,6 +18,7 @@ int command_daemon(const CommandContext& context) {
   // What a daemon that was killed while it wrote has left, full of secrets.
   remove_config_leftovers(context.config_path);
   remove_tokens_leftovers(config->api.tokens_file.c_str());
+  remove_pair_leftovers(config->api.cert.c_str(), config->api.key.c_str());
   const DaemonSettings settings = settle(context, config->sched);
   config.reset();  // it was read for the settings only: the loop loads its own
   if (!prepare_digests()) return complain("out of memory");

@@ -149,9 +149,8 @@ Bio certificate_text(X509* cert) {
   return memory && ::PEM_write_bio_X509(memory.get(), cert) == 1 ? std::move(memory) : nullptr;
 }
 
-// In the directory of the file itself: only there can it be renamed into place.
 std::string temporary_name(const char* path) {
-  return std::string(path) + ".tmp." + std::to_string(::getpid());
+  return pair_temporary_prefix(path) + std::to_string(::getpid());
 }
 
 // Everything but the rename. The temporary file is nobody else's, whatever it will be later.
@@ -214,6 +213,9 @@ ErrorCode cert_create(const char* cert_path, const char* key_path, const char* c
   const bool replaced = replace_pair(cert_path, cert.get(), key_path, key.get());
   return replaced ? ErrorCode::Ok : ErrorCode::IoError;
 }
+
+// In the directory of the file itself: only there can it be renamed into place.
+std::string pair_temporary_prefix(const std::string& path) { return path + ".tmp."; }
 
 // Of a chain, the first certificate counts, as it does for a TLS server.
 PairFault cert_check_pair(std::string_view cert_pem, std::string_view key_pem) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "common/secret.h"
@@ -22,6 +23,9 @@ inline constexpr std::size_t kFingerprintSize = 96;  // 32 hexadecimal pairs, co
 // written then); IoError for any other failure. `days` below 1 means kCertificateDays.
 [[nodiscard]] ErrorCode cert_create(const char* cert_path, const char* key_path,
                                     const char* common_name, int days, bool force);
+
+// What either new file is called while it is written, followed by the writer's pid.
+[[nodiscard]] std::string pair_temporary_prefix(const std::string& path);
 
 // What the two files of a pair are good for.
 enum class CertPair {
