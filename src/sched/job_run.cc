@@ -43,7 +43,7 @@ QueueRecord& find_or_add(QueueState& queue, const Job& job) {
   record_set_state(record, JobState::Pending);
   record.next_run = kNever;
   record.exit_code = -1;
-  queue_log_unsaved(queue, queue_upsert(queue, record));
+  (void)queue_upsert(queue, record);  // saved again, and complained of, when it is filled in
   return *queue_find(queue, job.name.view());
 }
 

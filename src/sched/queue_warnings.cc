@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kSetAnew =
     "disable and enable the job, or edit its schedule, to have it set anew";
+constexpr const char* kEnableAnew = "disable and enable the job to have it set anew";
 
 // The next run says "never" although there is a time to run at. Empty when it does not.
 std::string never_text(const Job& job, const QueueRecord& record, std::int64_t now) {
@@ -38,13 +39,16 @@ std::string clock_text(const Job& job, const QueueRecord& record, std::int64_t n
            "out "
            "of the configuration for one poll interval";
   }
-  // A retry has a time of its own, whatever the schedule says.
-  if (job.enabled && job.has_schedule && !waits_for_retry(record) && record.next_run != kNever) {
+  // A retry has a time of its own, whatever the schedule says, unless it was set in the future.
+  const bool retry = waits_for_retry(record);
+  if (job.enabled && has_time(job) && record.next_run != kNever &&
+      (!retry || record.finished_at > now)) {
     const std::int64_t match = first_next_run(job, now);
     if (record.next_run > match) {
-      return "is to run at " + local_time_cell(record.next_run) +
-             ", beyond its schedule's next match at " + local_time_cell(match) +
-             ": the clock or the time zone was another -- " + kSetAnew;
+      return "is to run at " + local_time_cell(record.next_run) + ", beyond its " +
+             (job.has_schedule ? "schedule's next match at " : "once time at ") +
+             local_time_cell(match) + ": the clock or the time zone was another -- " +
+             (retry ? kEnableAnew : kSetAnew);
     }
   }
   const std::int64_t last = std::max<std::int64_t>(record.started_at, record.finished_at);

@@ -251,14 +251,16 @@ TEST_F(DispatchTest, WarnsOfTimesWithWhichJobsWouldNotRun) {
   configure(
       "[cron]\nschedule=0 0 1 1 *\n[later]\nonce=4000000000\n[past]\nonce=1\n[off]\n"
       "schedule=0 0 1 1 *\nenabled=no\n[hand]\nafter=cron\n[nodate]\nschedule=0 0 31 2 *\n"
-      "[beyond]\nschedule=* * * * *\n[retry]\nschedule=* * * * *\n[future]\nonce=1\n"
+      "[beyond]\nschedule=* * * * *\n[retry]\nschedule=* * * * *\n[astray]\nschedule=* * * * *\n"
+      "[future]\nonce=1\n"
       "[waits]\nafter=cron\n");
   start();
   const std::int64_t now = std::time(nullptr);
   for (QueueRecord& record : dispatch_->queue.records()) record.next_run = kNever;
   const auto record = [&](const char* job) { return queue_find(dispatch_->queue, job); };
-  record("beyond")->next_run = record("retry")->next_run = now + 86400;
+  for (const char* job : {"beyond", "retry", "astray"}) record(job)->next_run = now + 86400;
   record("retry")->started_at = now - 5;
+  record("astray")->started_at = record("astray")->finished_at = now + 86300;
   record("future")->started_at = now + 3600;
   record("waits")->after_stamp = now + 3600;
   ::testing::internal::CaptureStderr();
@@ -273,6 +275,7 @@ TEST_F(DispatchTest, WarnsOfTimesWithWhichJobsWouldNotRun) {
       {"nodate", "has a schedule that matches no date"},
       {"beyond", "is to run at "},
       {"retry", nullptr},
+      {"astray", "is to run at "},
       {"future", "ran last in the future ("},
       {"waits", "has run for a dependency that finished in the future ("},
   };
