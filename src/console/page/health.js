@@ -42,12 +42,11 @@ export function lastSuccess(job, runs) {
   return Math.max(newest, s?.last_exit_code === 0 ? (s.last_finish ?? 0) : 0);
 }
 
-// The longest gap between two of its times; a job that waits for others has theirs.
+// The longest gap between two of its times, and of those that it waits for.
 function gapOf(job, byName, now, seen = new Set()) {
-  if (job.schedule) return longestGap(job.schedule, now);
   if (job.once || seen.has(job.name)) return 0;
   seen.add(job.name);
-  return Math.max(0, ...(job.after ?? []).map((name) => (byName.has(name) ? gapOf(byName.get(name), byName, now, seen) : 0)));
+  return Math.max(job.schedule ? longestGap(job.schedule, now) : 0, ...(job.after ?? []).map((name) => (byName.has(name) ? gapOf(byName.get(name), byName, now, seen) : 0)));
 }
 
 // No success for more than twice the longest gap. Without a known success it counts from the oldest

@@ -25,7 +25,7 @@ function Row({ server, minute }) {
         <span class="small">${server.info ? clean(server.info.host) : "not known yet"}</span></th>
       <td data-label="State"><${State} word=${s.state} />${server.error ? html`<span class="small bad-text">${clean(server.error)}</span>` : null}</td>
       <td data-label="Running"><${Running} server=${server} job=${s.active} /></td>
-      <td data-label="Failed and stale">${trouble ? null : html`<span class="none">none</span>`}
+      <td data-label="Failed and stale">${trouble ? null : html`<span class="none">${server.jobs ? "none" : "–"}</span>`}
         ${s.failed.length ? html`<div><b class="bad-text">${s.failed.length} failed</b> <${Names} server=${server} jobs=${s.failed} /></div>` : null}
         ${s.stale.length ? html`<div><b class="warn-text">${s.stale.length} stale</b> <${Names} server=${server} jobs=${s.stale} /></div>` : null}</td>
       <td data-label="Next run">${s.next ? html`<${Time} at=${s.next.state.next_run} /> <a class="small" href=${link(server.name, "job", s.next.name)}>${clean(s.next.name)}</a>` : html`<span class="none">–</span>`}</td>
