@@ -53,6 +53,7 @@ void print_allowed_commands(std::uint32_t mask) {
 int command_api_info(const CommandContext& context) {
   const std::unique_ptr<Config> config = load_config(context);
   if (!config) return kExitFailed;
+  // What cannot be read is said in its own line: the rest is most wanted when something is wrong.
   const ApiSection& api = config->api;
   std::printf("enabled:            %s\n", yes_no(api.enabled));
   std::printf("listen:             %s\n",

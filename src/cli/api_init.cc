@@ -55,6 +55,7 @@ std::string cause_of(ErrorCode rc, const char* common_name, int error_number) {
 
 int create_pair(const ApiSection& api, const char* common_name, bool force) {
   remove_pair_leftovers(api.cert.c_str(), api.key.c_str());
+  // errno is the reason of a failure below; 0 says that it was none of the system's.
   const ScopedFd lock = lock_pair(api);
   errno = lock.valid() ? 0 : errno;
   const ErrorCode rc = lock.valid() ? cert_create(api.cert.c_str(), api.key.c_str(), common_name,
@@ -83,6 +84,7 @@ int command_api_init(const CommandContext& context) {
   const int status = create_pair(api, common_name, option_present(context.args, "--force"));
   if (status != kExitOk) return status;
 
+  // Shown for a kept pair, too: it is what clients are given to pin.
   char fingerprint[kFingerprintSize];
   if (cert_fingerprint(api.cert.c_str(), fingerprint) == ErrorCode::Ok)
     std::printf("SHA-256 fingerprint: %s\n", fingerprint);

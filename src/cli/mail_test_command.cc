@@ -22,6 +22,7 @@ int command_mail_test(const CommandContext& context) {
                 "This is a test mail from orv_sched on %s.\n"
                 "If you can read it, the [mail] settings in %s work.\n",
                 host, context.config_path);
+  // Through a network process of its own: a running daemon has one, which is not disturbed.
   char err[512];
   if (net_send_mail_now(config->mail, subject, body, err) != 0) return complain("%s", err);
   std::puts("OK");

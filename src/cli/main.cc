@@ -71,6 +71,7 @@ int deliver_results(int status) {
 }
 
 int run_command(const ArgList& args) {
+  // Both logs come first: from here on every way out is recorded, wrong usage included.
   log_init(kProgramName, LogLevel::Info);
   runlog_init(args, kProgramName);
   if (args.size() >= 2 && option_present(args, "--help", "-h")) {

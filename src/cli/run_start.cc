@@ -106,6 +106,7 @@ int run_start_command(const CommandContext& context, bool detached) {
   if (args[2][0] == '-') {
     return usage_error("'" + command + "' needs the name of a job before '" + args[2] + "'");
   }
+  // Wrong usage is reported before any file is read, and a refused configuration exits like it.
   if (option_present(args, "--background") && option_present(args, "--no-background")) {
     (void)complain("--background and --no-background are mutually exclusive");
     return kExitUsage;
@@ -117,6 +118,7 @@ int run_start_command(const CommandContext& context, bool detached) {
     return complain("cannot open queue %s", context.queue_path);
   }
   JobRunSettings settings = settle(context, config->sched).run;
+  // Of `run`, an unknown job is reported by run_now(); of `start`, that would go to syslog alone.
   const Job* const job = find_job(*config, args[2]);
   if (job == nullptr && detached) {
     return complain("unknown job '%s'", args[2]);

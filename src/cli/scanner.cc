@@ -30,6 +30,7 @@ std::string unknown_option_warning(std::string_view option, WordScan& words) {
 
 std::size_t scan_command_line(const ArgList& args, const CommandRow& command,
                               const ScanWarning& warn) {
+  // The run log's options count only where there is a run log: without one they have no effect.
   const std::array<OptionTable, 3> tables = {command.options, kGeneralOptions,
                                              runlog_active() ? kRunlogOptions : OptionTable()};
   WordScan words(args, 1, tables);

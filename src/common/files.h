@@ -64,7 +64,7 @@ struct FileIdentity {
 // says why, and `names` has those that were read before it.
 [[nodiscard]] ErrorCode read_directory(const std::string& path, std::vector<std::string>& names);
 
-// The same for whoever can do without: none when the directory cannot be read.
+// The same for callers that can do without: none when the directory cannot be read.
 [[nodiscard]] std::vector<std::string> directory_names(const std::string& path);
 
 // Those of them that end in `suffix` and are longer than it.

@@ -69,7 +69,7 @@ constexpr const char* kAllowed[] = {
 };
 // clang-format on
 
-// Nothing here has a reason to call these: whoever does has taken the process over.
+// Nothing here has a reason to call these: a process that does has been taken over.
 // clang-format off
 constexpr const char* kDeadly[] = {
     "execve", "execveat", "fork", "vfork", "ptrace", "process_vm_readv", "process_vm_writev",

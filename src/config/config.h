@@ -1,8 +1,8 @@
 // The configuration file: the records it is loaded into, and its loader.
 //
 // A load reads the whole file, stops at the first fault with one message, and proves that the
-// result is consistent: whoever holds a loaded Config need not check it again. There are no
-// warnings. Messages about a line begin "<path>:<line>: ", messages about the whole "[<job>]: " or
+// result is consistent: a loaded Config need not be checked again. There are no warnings. Messages
+// about a line begin "<path>:<line>: ", messages about the whole "[<job>]: " or
 // "[mail]: ".
 #ifndef ORV_CONFIG_CONFIG_H_
 #define ORV_CONFIG_CONFIG_H_
@@ -43,7 +43,9 @@ inline constexpr std::size_t kConfigMessageSize = 2048;  // holds the longest me
 
 using JobName = FixedText<kMaxJobName>;
 
+// What a dependency must have done: ended well, or just ended.
 enum class AfterMode : std::uint32_t { Success = 0, Finished = 1 };
+// A switch that may be left to somebody else's default.
 enum class Tristate : std::int32_t { Unset = -1, No = 0, Yes = 1 };
 
 struct Job {
@@ -57,7 +59,7 @@ struct Job {
   std::int64_t once = 0;       // Unix seconds
   std::vector<JobName> after;  // as written, at most kMaxAfter
   AfterMode after_mode = AfterMode::Success;
-  bool after_mode_given = false;
+  bool after_mode_given = false;  // the key was written, which needs after=
   bool enabled = true;
   std::uint32_t timeout_s = 0;  // 0: the [sched] time limit
   Notify notify = Notify::Inherit;
@@ -72,10 +74,10 @@ struct Job {
 
 struct SchedSection {  // 0 or empty: not set
   std::uint32_t poll_interval_s = 0;
-  std::uint32_t busy_retry_s = 0;
-  std::uint32_t job_timeout_s = 0;
+  std::uint32_t busy_retry_s = 0;   // before a tool that was busy is tried again
+  std::uint32_t job_timeout_s = 0;  // of jobs without one of their own
   FixedText<kMaxJobLogDir> job_log_dir;
-  std::uint32_t job_log_keep = 0;
+  std::uint32_t job_log_keep = 0;  // logs of each job that are kept
 };
 
 struct MailSection {

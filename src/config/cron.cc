@@ -259,6 +259,7 @@ bool cron_parse_field(std::string_view text, unsigned low, unsigned high,
 
 bool cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
   if (text.size() > kMaxCronText) return refuse(err, "cron expression too long");
+  // All fields are counted before one is read: a field too many or too few shifts those after it.
   std::array<std::string_view, kFields> fields;
   std::string_view field;
   std::size_t count = 0;
@@ -276,7 +277,7 @@ bool cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
     unsigned high;
     std::span<std::uint8_t> flags;
   };
-  CronSpec cron;
+  CronSpec cron;  // `out` stays whole while a later field may still be refused
   const std::array<FieldRow, kFields> rows = {{
       {"minute", 0, 59, cron.minute},
       {"hour", 0, 23, cron.hour},

@@ -135,6 +135,7 @@ bool check_retention(const Job& job, std::span<char> err) {
   return true;
 }
 
+// A misspelt name would leave the job waiting for ever.
 bool check_after(const Job& job, const JobIndex& index, std::span<char> err) {
   for (const JobName& name : job.after) {
     if (name == job.name) {
@@ -163,6 +164,7 @@ bool check_job(const Config& config, const Job& job, const JobIndex& index, std:
 
 bool cross_check(Config& config, std::string_view written_password, std::span<char> err) {
   if (!check_mail(config.mail, written_password, err)) return false;
+  // Circles come last: their search takes every name for one that exists.
   const JobIndex index(config.jobs);
   for (const Job& job : config.jobs) {
     if (!check_job(config, job, index, err)) return false;

@@ -11,13 +11,15 @@
 namespace orv {
 namespace {
 
+// OnPath: the search is below the job. Finished: no circle leads through it, it is not visited
+// again.
 enum class Colour : std::uint8_t { NotVisited, OnPath, Finished };
 
 struct Search {
   const std::vector<Job>& jobs;
   JobIndex index;
   std::vector<Colour> colours;
-  std::vector<std::size_t> path;
+  std::vector<std::size_t> path;  // from the job that the search began with
 };
 
 // Words the circle that the path closes at `job`.

@@ -62,6 +62,7 @@ int split_tokens(std::string_view text, std::vector<std::string>& tokens, std::s
   for (;;) {
     while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
     if (text.empty()) return 0;
+    // Before the token is read: of two faults the one that stands first is reported.
     if (tokens.size() == max_tokens) return fail(err, "too many tokens in 'args'");
     std::string& token = tokens.emplace_back();
     if (text.front() == '"') {

@@ -15,6 +15,7 @@ namespace orv {
 
 class JobIndex {
  public:
+  // Made in linear time, which pays from the second look-up on.
   explicit JobIndex(std::span<const Job> jobs) {
     rows_.reserve(jobs.size());
     for (std::size_t place = 0; place < jobs.size(); ++place) {

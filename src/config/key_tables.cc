@@ -81,6 +81,7 @@ bool notify(KeyTarget& target, std::string_view value, std::span<char>) {
   return parse_notify(value, field<kField>(target));
 }
 
+// A name or an address alone: no login, no path, and no second word.
 bool smtp_host(KeyTarget& target, std::string_view value, std::span<char>) {
   return value.find_first_of(" \t/@") == std::string_view::npos &&
          target.config.mail.smtp_host.set(value);
@@ -126,6 +127,7 @@ bool listen(KeyTarget& target, std::string_view value, std::span<char>) {
 bool allowed_commands(KeyTarget& target, std::string_view value, std::span<char> words) {
   if (value.size() > kMaxCommandsText) return refuse(words, "'allowed-commands' too long");
   std::uint32_t mask = 0;  // the list replaces the default, it does not add to it
+  // "none" stands for the empty list, because a key must have a value.
   if (value == "none") value = {};
   for (std::string_view item; next_list_item(value, item);) {
     const std::string_view name = trim(item);
@@ -146,6 +148,7 @@ bool job_command(KeyTarget& target, std::string_view value, std::span<char> word
 }
 
 bool job_args(KeyTarget& target, std::string_view value, std::span<char> words) {
+  // The text is kept with the tokens: the API shows and edits it as it was written.
   if (!field<&Job::args_text>(target).set(value)) return refuse(words, "'args' too long");
   return tokenize_args(value, field<&Job::args>(target), kMaxArgTokens, words) >= 0;
 }

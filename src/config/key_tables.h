@@ -17,6 +17,7 @@ inline constexpr std::size_t kMaxSecretText = 1023;    // bytes of a secret as i
 inline constexpr std::size_t kMaxListText = 2047;      // bytes of the list of recipients
 inline constexpr std::size_t kMaxCommandsText = 1023;  // bytes of the list of allowed commands
 
+// None: before the first header. Every name that is not reserved opens a job.
 enum class SectionKind { None, Sched, Mail, Api, Job };
 
 // Where the values of the file go. The written password waits in its own field until the whole file

@@ -34,9 +34,11 @@ bool split_listen(std::string_view text, std::string_view& host, std::string_vie
   }
   host = text.substr(0, colon);
   port = text.substr(colon + 1);
+  // A second colon would be IPv6 without brackets, where nobody can say which one ends the address.
   return !host.empty() && host.find(':') == std::string_view::npos;
 }
 
+// Names are refused: looking one up could block, and could change where the API is served.
 bool is_numeric_address(const char* host) {
   std::array<unsigned char, sizeof(in6_addr)> address{};
   return ::inet_pton(AF_INET, host, address.data()) == 1 ||

@@ -18,9 +18,9 @@ enum class RetentionUnit : std::uint32_t {
 };
 struct Retention {
   RetentionUnit unit = RetentionUnit::Forever;
-  std::uint32_t count = 0;
+  std::uint32_t count = 0;  // of units; 0 for Forever
 };
-inline constexpr std::size_t kMaxRetention = 31;       // bytes
+inline constexpr std::size_t kMaxRetention = 31;       // bytes of the text
 inline constexpr std::size_t kMaxRetentionClass = 31;  // bytes
 
 // "<n>d", "<n>w", "<n>m", "<n>y" (n >= 1, at most 100 years) or "forever". False: `out` as it was.

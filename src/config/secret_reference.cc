@@ -41,6 +41,7 @@ bool parse_secret_reference(std::string_view text, bool literal_allowed, SecretR
   constexpr Prefix kPrefixes[] = {{"file:", SecretKind::File, "file: needs a path"},
                                   {"kms:", SecretKind::Kms, "kms: needs a url"}};
   if (text.empty()) return refuse(err, "empty secret value");
+  // With a prefix it is never a literal: a reference without its path must not pass for a password.
   for (const Prefix& prefix : kPrefixes) {
     if (!text.starts_with(prefix.text)) continue;
     if (text == prefix.text) return refuse(err, "%s", prefix.nothing_after_it);

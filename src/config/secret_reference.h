@@ -12,6 +12,7 @@
 namespace orv {
 
 // Where a secret is found: the literal text, a file, or a key service (parsed, not read yet).
+// "file:<path>", "kms:<url>", anything else is the secret itself.
 enum class SecretKind : std::uint32_t { Literal = 0, File = 1, Kms = 2 };
 inline constexpr std::size_t kMaxSecret = 64;  // bytes
 struct SecretReference {

@@ -19,11 +19,22 @@ EntityTag entity_tag(std::string_view text) {
   return tag;
 }
 
+namespace {
+
+// The file, when it is a regular one. Non-blocking, because a FIFO in its place must not stop the
+// daemon.
+ScopedFd open_regular(const std::string& path, struct stat& st) {
+  ScopedFd file = open_file(path.c_str(), O_RDONLY | O_NONBLOCK);
+  if (file.valid() && (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode))) file.reset();
+  return file;
+}
+
+}  // namespace
+
 bool read_config_text(const std::string& path, SecretString& out) {
-  // Non-blocking, because a FIFO in the file's place must not stop the daemon.
-  const ScopedFd file = open_file(path.c_str(), O_RDONLY | O_NONBLOCK);
   struct stat st {};
-  if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  const ScopedFd file = open_regular(path, st);
+  if (!file.valid()) return false;
   SecretString text;
   if (read_whole(file.get(), kMaxConfigFile, text) != ErrorCode::Ok) return false;
   if (text.find('\0') != SecretString::npos) return false;
@@ -34,10 +45,10 @@ bool read_config_text(const std::string& path, SecretString& out) {
 namespace {
 
 bool file_holds(const std::string& path, std::string_view text) {
-  const ScopedFd file = open_file(path.c_str(), O_RDONLY | O_NONBLOCK);
   struct stat st {};
-  if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  if (st.st_size != static_cast<off_t>(text.size())) return false;
+  const ScopedFd file = open_regular(path, st);
+  // The size answers for nearly every changed file without a byte being read.
+  if (!file.valid() || st.st_size != static_cast<off_t>(text.size())) return false;
   std::array<char, 16384> part;  // compared piece by piece: a copy of the whole is not needed
   const ScopedWipe wipe(part.data(), part.size());
   for (;;) {
@@ -49,6 +60,7 @@ bool file_holds(const std::string& path, std::string_view text) {
   }
 }
 
+// The secret may change while the configuration that names its file stays as it is.
 bool password_is_current(const MailSection& mail) {
   if (!mail.smtp_password_set || mail.smtp_password_kind != SecretKind::File) return true;
   FixedSecret<kMaxSecret> now;

@@ -103,9 +103,10 @@ struct IpcMailConfig {
 
 struct IpcApiConfig {
   SecretString cert_pem;
-  SecretString key_pem;
-  std::uint32_t max_clients = 0;
+  SecretString key_pem;           // of the certificate, without a password
+  std::uint32_t max_clients = 0;  // connections at once, 1..kIpcMaxClients
 };
+// Back to the initial state, the key zeroed.
 void ipc_release_api_config(IpcApiConfig& record);
 
 struct ApiRequest {

@@ -15,7 +15,9 @@ namespace orv::ipc {
 
 inline constexpr std::size_t kItemHeaderSize = 6;  // bytes of tag and length
 
-class Seen {  // the tags that a record has shown so far
+// The tags that a record has shown so far. One bit each: a record type's range of tags has at most
+// 32 of them, and only a tag within the range may be asked for.
+class Seen {
  public:
   explicit Seen(Tag first) : first_(first) {}
   [[nodiscard]] bool has(std::uint16_t tag) const { return (bits_ & bit(tag)) != 0; }
@@ -46,12 +48,14 @@ struct RecordType {
   const char* name;
   Tag first, last;                         // its range of tags, those without a meaning included
   std::span<const ItemRow<Record>> items;  // in the order of sending
-  // What the record lacks after its last item; null when it is complete.
+  // What the record lacks after its last item; null when it is complete. Here stand the rules that
+  // concern several fields.
   const char* (*missing)(const Record& record, const Seen& seen);
+  // The wording of the faults that all records share, where a type words them differently.
   const char* empty = "incomplete";
-  const char* malformed = "malformed record";
-  const char* outside = "unexpected tag";   // a tag beyond the range
-  const char* repeated = "unexpected tag";  // a second item of a tag
+  const char* malformed = "malformed record";  // an item runs beyond the record's end
+  const char* outside = "unexpected tag";      // a tag beyond the range
+  const char* repeated = "unexpected tag";     // a second item of a tag
 };
 
 inline bool has_nul(std::string_view value) { return value.find('\0') != std::string_view::npos; }
@@ -113,7 +117,7 @@ struct Flag {
 inline bool any_text(std::string_view value) { return !has_nul(value); }
 inline bool some_text(std::string_view value) { return !value.empty() && !has_nul(value); }
 
-// A text of a fixed capacity that `kAccepts` agrees with.
+// A text of a fixed capacity that `kAccepts` agrees with. It is copied: it outlives the record.
 template <auto kField, Sent kSent, bool (*kAccepts)(std::string_view) = any_text>
 struct Text {
   using Record = RecordOf<kField>;
@@ -127,7 +131,8 @@ struct Text {
   }
 };
 
-// Bytes of any kind. The decoded field points into the received record.
+// Bytes of any kind, also NUL. The decoded field points into the received record: bodies are large,
+// and are used up before the next record is received.
 template <auto kField, Sent kSent, std::size_t kMax>
 struct Bytes {
   using Record = RecordOf<kField>;
@@ -155,7 +160,8 @@ struct Item {
   std::string_view value;
 };
 
-// Takes the next item off `rest`. False when what is there is no whole item.
+// Takes the next item off `rest`. False when what is there is no whole item. The length is compared
+// with what is left and never added to anything, so that no sender can make it overflow.
 inline bool next_item(std::span<const unsigned char>& rest, Item& item) {
   if (rest.size() < kItemHeaderSize) return false;
   const std::uint32_t length = load_le32(rest.data() + 2);
@@ -166,7 +172,8 @@ inline bool next_item(std::span<const unsigned char>& rest, Item& item) {
   return true;
 }
 
-// Checks one item and stores it. 0; -1 with the fault.
+// Checks one item and stores it. 0; -1 with the fault. No value is read before its tag was found to
+// be one that may stand here.
 template <typename Record>
 int take_item(const RecordType<Record>& type, const Item& item, Record& out, Seen& seen,
               std::span<char> err) {
@@ -213,7 +220,8 @@ int decode(
   return rc;
 }
 
-// Writes the record. An item that does not fit makes the result -1; the others are still written.
+// Writes the record, replacing what was in `msg`. An item that does not fit makes the result -1;
+// the others are still written, and the record must not be sent.
 template <typename Record>
 int encode(const RecordType<Record>& type, IpcMessage& msg, std::uint32_t id,
            const Record& record) {

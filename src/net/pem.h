@@ -8,8 +8,8 @@
 
 namespace orv {
 
-// Reads the whole file: 1..kIpcMaxPem bytes without a NUL; what they say is not looked into.
-// 0; -1 with one message and `out` as it was.
+// Reads the whole file: 1..kIpcMaxPem bytes without a NUL; what they say is not checked. Never
+// blocks, whatever the path names. 0; -1 with one message and `out` as it was.
 [[nodiscard]] int read_pem_file(const char* path, SecretString& out, std::span<char> err);
 
 }  // namespace orv

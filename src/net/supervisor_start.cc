@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::size_t kMaxBinaryPath = 4095;  // bytes
 constexpr int kSendBuffer = 1048576;          // bytes; absorbs bursts while the child is busy
-constexpr rlim_t kSpareDescriptors = 64;      // for the child, beside one for each client
+constexpr rlim_t kSpareDescriptors = 64;      // for the child, besides one for each client
 constexpr rlim_t kMaxClosedOneByOne = 65536;
 
 // Where the child finds its descriptors; its command line says the same.

@@ -56,12 +56,13 @@ class ClientLimits {
     std::int64_t block = 0;  // length of the last block
     std::int64_t blocked_until = 0;
   };
+  // The client's record, made when it has none and moved to the end of the list. Makes room first.
   Failures& failures_of(const Ipv6Bytes& key, std::int64_t now);
 
   std::uint32_t max_clients_ = 0;
-  std::uint32_t share_ = 0;
+  std::uint32_t share_ = 0;  // places that one client may take
   std::uint32_t connections_ = 0;
-  std::map<Ipv6Bytes, std::uint32_t> per_client_;
+  std::map<Ipv6Bytes, std::uint32_t> per_client_;  // places taken; no row for those without any
   std::list<Failures> failures_;  // by the time of the last failure, the oldest first
   std::map<Ipv6Bytes, std::list<Failures>::iterator> failures_by_key_;
 };

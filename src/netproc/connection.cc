@@ -123,7 +123,7 @@ void Connection::read_head() {
                           }));
 }
 
-// A blocked client is told so before anything else of its request is looked into.
+// A blocked client gets its 429 before anything else of its request is checked.
 const HttpError* Connection::check_head(std::int64_t& retry_after_s) {
   retry_after_s = host_.clients.blocked_for(client_.key, steady_seconds());
   if (retry_after_s > 0) return &kHttpTooManyFailures;

@@ -78,7 +78,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Sends the scheduler's answer to the request that is waiting for it. Dropped when none is.
   void answer(const ApiResponse& response);
 
-  // Ends at once, in any stage; tells the host. A second call does nothing.
+  // Ends at once, in any stage; the host learns of it. A second call does nothing.
   void close();
 
   [[nodiscard]] const ClientAddress& client() const { return client_; }

@@ -28,7 +28,8 @@ class HttpsServer {
   HttpsServer(boost::asio::io_context& loop, const HttpsLimits& limits, SendRequest send_request,
               std::function<void()> on_empty);
 
-  // Takes the listening socket, an empty owner when there is none.
+  // Takes the listening socket, an empty owner when there is none. Nobody is accepted before the
+  // first configure(). -1 with the reason when it cannot be used.
   [[nodiscard]] int listen_on(ScopedFd listener, std::span<char> err);
 
   // Takes certificate, key and number of clients for the connections to come; the first time,
@@ -38,10 +39,12 @@ class HttpsServer {
   // Passes the scheduler's answer on. An answer that nobody waits for any more is dropped.
   void answer(std::uint32_t id, const ApiResponse& response);
 
-  // Closes the listening socket and all connections.
+  // Closes the listening socket and all connections. For good; the loop then runs out of work.
   void stop();
 
  private:
+  // A client comes in by these, in this order; every way ends in waiting for the next one, in a
+  // pause, or in waiting for a place.
   void await_clients();
   void on_clients();
   void welcome(TcpSocket socket);
@@ -53,13 +56,13 @@ class HttpsServer {
 
   boost::asio::io_context& loop_;
   const SendRequest send_request_;
-  ConnectionHost host_;
+  ConnectionHost host_;  // what the connections use of the server
   boost::asio::ip::tcp::acceptor acceptor_;
-  boost::asio::steady_timer retry_timer_;
-  std::shared_ptr<boost::asio::ssl::context> tls_;
+  boost::asio::steady_timer retry_timer_;           // while accepting pauses
+  std::shared_ptr<boost::asio::ssl::context> tls_;  // of connections to come; none: not configured
   std::set<std::shared_ptr<Connection>> connections_;
   std::map<std::uint32_t, std::shared_ptr<Connection>> waiting_;  // by the id of their request
-  std::uint32_t last_id_ = 0;
+  std::uint32_t last_id_ = 0;                                     // of a request; 0 is never given
   bool accepting_ = false;                   // a wait on the listening socket is under way
   std::optional<TcpSocket> waiting_client_;  // accepted, and without a place so far
   ClientAddress waiting_address_;

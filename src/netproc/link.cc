@@ -46,7 +46,7 @@ void Link::on_input() {
 void Link::send(IpcMessage& record) {
   if (!ended_) {
     const std::string_view bytes(reinterpret_cast<const char*>(record.bytes.data()), record.length);
-    // Behind those that wait already, so that records stay in order.
+    // After those that wait already, so that records stay in order.
     if (!waiting_.empty() || ipc_send(socket_.native_handle(), record, true) != 0) {
       waiting_.emplace_back(bytes);
       waiting_bytes_ += bytes.size();

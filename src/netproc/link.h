@@ -29,8 +29,9 @@ class Link {
   // Takes the socket. `on_end` is called at most once; the link is dead then.
   Link(boost::asio::io_context& loop, ScopedFd fd, OnRecord on_record, OnEnd on_end);
 
+  // Begins to read. Once; on_record is called from the loop only, never from here.
   void start();
-  // Sends or queues the record, and wipes it.
+  // Sends or queues the record, and wipes it. After the end it is dropped.
   void send(IpcMessage& record);
   // More than kLinkBusyBytes wait.
   [[nodiscard]] bool busy() const { return waiting_bytes_ > kLinkBusyBytes; }
@@ -46,11 +47,11 @@ class Link {
   const OnRecord on_record_;
   const OnEnd on_end_;
   std::unique_ptr<IpcMessage> buffer_ = std::make_unique<IpcMessage>();
-  std::deque<SecretString> waiting_;  // whole records
-  std::size_t waiting_bytes_ = 0;
-  bool reading_ = false;
-  bool writing_ = false;
-  bool ended_ = false;
+  std::deque<SecretString> waiting_;  // whole records, in the order they go out
+  std::size_t waiting_bytes_ = 0;     // of all of them
+  bool reading_ = false;              // a wait for input is under way
+  bool writing_ = false;              // a wait for room is under way
+  bool ended_ = false;                // on_end_ was called
 };
 
 }  // namespace orv

@@ -14,8 +14,8 @@
 namespace orv {
 
 struct MailEnvelope {
-  std::string from;
-  std::vector<std::string> recipients;
+  std::string from;                     // domains as A-labels, here and below
+  std::vector<std::string> recipients;  // in the order of the settings
 };
 
 // Fills the envelope of the settings' mails. 0; -1 when an address has a domain that no A-label
@@ -40,8 +40,8 @@ class Utf8Locale {
   ~Utf8Locale();
 
  private:
-  locale_t own_;
-  locale_t before_;
+  locale_t own_;     // null: the system has no such locale
+  locale_t before_;  // the thread's until then
 };
 
 }  // namespace orv

@@ -73,7 +73,7 @@ void MailQueue::run() {
     if (settings != nullptr) outcome = deliver_(*settings, mail, stop_);
     lock.lock();
     delivering_ = false;
-    // Not busy any more when the outcome is told: whoever waits for the last mail asks then.
+    // Not busy any more when the outcome is reported: who waits for the last mail asks then.
     lock.unlock();
     done_(mail.id, outcome);
     lock.lock();

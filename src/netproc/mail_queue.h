@@ -19,10 +19,10 @@
 
 namespace orv {
 
-inline constexpr std::size_t kMaxQueuedMails = 64;
+inline constexpr std::size_t kMaxQueuedMails = 64;  // the one under way not counted
 
 struct QueuedMail {
-  std::uint32_t id = 0;
+  std::uint32_t id = 0;  // the scheduler's; its result goes back under it
   std::string subject;
   std::string body;
 };
@@ -57,12 +57,12 @@ class MailQueue {
   const Done done_;
   mutable std::mutex mutex_;  // guards all below but the flag and the thread
   std::condition_variable wake_;
-  std::deque<QueuedMail> mails_;
-  std::shared_ptr<const IpcMailConfig> settings_;
+  std::deque<QueuedMail> mails_;                   // waiting; the oldest first
+  std::shared_ptr<const IpcMailConfig> settings_;  // shared with the mail under way
   std::string no_settings_reason_ = "no [mail] settings have been received";
-  bool delivering_ = false;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;  // started with the first mail
+  bool delivering_ = false;        // a mail is under way
+  std::atomic<bool> stop_{false};  // read by the delivery without the lock
+  std::thread thread_;             // started with the first mail
 };
 
 // Makes the message of `mail` and sends it with smtp_send(). When the server does not take

@@ -40,7 +40,7 @@ void SmtpDialogue::sent(std::string_view line) {
       {"DATA", At::Other, "DATA"},
   };
   const std::string_view word = line.substr(0, line.find_first_of(" :\r\n"));
-  // The answer to QUIT is about nothing: step and answer stay those that tell what happened.
+  // The answer to QUIT is about nothing: step and answer stay those that say what happened.
   if (word == "QUIT") at_ = At::Quit;
   const Verb* verb = std::ranges::find(kVerbs, word, &Verb::name);
   if (verb == std::end(kVerbs) || at_ == At::Quit) return;

@@ -51,15 +51,15 @@ class SmtpDialogue {
   void note_offer(std::string_view text);
   void note_last_line();
 
-  At at_ = At::Greeting;
+  At at_ = At::Greeting;  // what the next answer is about
   const char* step_ = "";
   std::string answer_;
   std::size_t recipients_ = 0;  // RCPT commands so far
   std::size_t refusals_ = 0;
   std::size_t first_refused_ = 0;
   std::string first_refusal_;
-  bool greeted_ = false;
-  bool tls_ = false;
+  bool greeted_ = false;  // EHLO was answered whole
+  bool tls_ = false;      // STARTTLS was accepted: the offers made before it do not count
   bool offers_auth_ = false;
   bool offers_utf8_ = false;
   bool taken_ = false;

@@ -12,7 +12,7 @@ namespace orv {
 namespace {
 
 constexpr std::int64_t kDay = 86400;
-constexpr std::size_t kDays = 7;  // that are looked at for what is too much
+constexpr std::size_t kDays = 7;  // ahead that are checked for too much
 
 // Why a job can never run; empty when it can. Each job is worked out once.
 class NeverRuns {

@@ -14,15 +14,16 @@
 
 namespace orv {
 
-inline constexpr std::uint32_t kMaxDays = 366;
+inline constexpr std::uint32_t kMaxDays = 366;  // of --days and --past
 
-enum class JobWord { None, Optional, Required };
+enum class JobWord { None, Optional, Required };  // whether a command takes the name of a job
 struct PlanCommand {
   std::string_view name;
   JobWord job;
   OptionTable options;  // beside kCommonOptions
 };
 inline constexpr std::size_t kPlanCommandCount = 7;
+// In the order of the usage text.
 [[nodiscard]] std::span<const PlanCommand, kPlanCommandCount> plan_commands();
 
 // Options of every command.
@@ -32,6 +33,7 @@ inline constexpr std::array<OptionRow, 3> kCommonOptions = {{
     {"--job-log-dir", "", true},
 }};
 
+// On standard output, as --help asks for it.
 void print_plan_usage();
 
 // One call of a command, its words checked. `job` is the name given, or null.

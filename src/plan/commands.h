@@ -12,7 +12,7 @@
 namespace orv {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;
+inline constexpr int kExitFailed = 1;  // or health or check found something
 inline constexpr int kExitUsage = 2;
 
 // A picture goes to the file `svg`; "-" is standard output, which then holds nothing else.
@@ -36,8 +36,8 @@ int history_command(const Plan& plan, const HistoryOptions& options);
 
 enum class HealthFormat { Text, Json, Prometheus, Nagios };
 struct HealthOptions {
-  const char* job = nullptr;  // name; null: all
-  std::optional<std::int64_t> max_age;
+  const char* job = nullptr;            // name; null: all
+  std::optional<std::int64_t> max_age;  // seconds without a success; none: by the longest gap
   HealthFormat format = HealthFormat::Text;
   const char* output = nullptr;  // replaced whole; null: standard output
 };

@@ -17,7 +17,7 @@ namespace orv {
 // control characters and all other bytes become "\x1b". Names and arguments may hold any byte.
 [[nodiscard]] std::string printable(std::string_view text);
 
-// "2026-10-25 02:30:00" in local time, the zone behind it ("CEST") when the clock shows that twice.
+// "2026-10-25 02:30:00" in local time, the zone after it ("CEST") when the clock shows that twice.
 [[nodiscard]] std::string clock_text(std::int64_t time);
 
 // "3h 05m", "12m 04s", "9s".

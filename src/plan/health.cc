@@ -18,7 +18,7 @@ bool is_stale(const JobFacts& facts, std::int64_t now, std::optional<std::int64_
 }
 
 bool is_late(const JobFacts& facts, std::int64_t now) {
-  // Behind a running job it waits, for however long that takes.
+  // While another job runs it has to wait, however long that takes.
   return facts.due_since && !facts.running_since && !facts.other_running &&
          now - *facts.due_since > kLateGrace;
 }

@@ -52,7 +52,7 @@ struct JobFacts {
   std::optional<std::int64_t> failing_since;  // start of its oldest
 
   std::optional<std::int64_t> usual_s;      // median of the newest kUsualRuns successes
-  std::optional<std::int64_t> median_s;     // of all successes; looked at while the job runs
+  std::optional<std::int64_t> median_s;     // of all successes; known while the job runs
   std::optional<std::int64_t> longest_gap;  // seconds between nominal times
   std::int64_t time_limit = 0;              // seconds
   std::optional<std::int64_t> log_bytes;    // of the newest log

@@ -33,7 +33,7 @@ struct HealthReport {
   std::string queue_path;
   std::string queue_message;  // empty: readable, or not there yet
   std::string logs_path;
-  std::string logs_message;     // empty: all that was looked at could be read
+  std::string logs_message;     // empty: all that was needed could be read
   std::vector<JobHealth> jobs;  // the worst first, else in the order of the file
 };
 

@@ -21,10 +21,10 @@ struct HistoryRun {
 // The runs of one job in the time of a history.
 struct JobTotals {
   const Job* job = nullptr;
-  std::uint32_t runs = 0;
-  std::uint32_t busy = 0;
+  std::uint32_t runs = 0;  // all, one that goes on included
+  std::uint32_t busy = 0;  // ended with 75: neither done nor failed
   std::uint32_t done = 0;
-  std::uint32_t failures = 0;
+  std::uint32_t failures = 0;             // lost ones included
   std::optional<std::int64_t> median_s;   // of the runs done
   std::optional<std::int64_t> longest_s;  // of the runs done
   // By how many percent the median of the last five runs done lies above that of those before.
@@ -49,6 +49,7 @@ struct History {
 // outlives the history.
 [[nodiscard]] History collect_history(const Plan& plan, std::int64_t from, const Job* only);
 
+// For a terminal: the runs, then a row of totals for each job.
 [[nodiscard]] std::string history_text(const Plan& plan, const History& history);
 [[nodiscard]] std::string history_json(const Plan& plan, const History& history);
 

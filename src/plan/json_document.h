@@ -15,7 +15,7 @@ namespace orv {
 
 // The document that `write` (a callable that takes a JsonWriter&) produces, with a line feed after
 // it. The writer's buffer is fixed: a document that does not fit is written again into a larger
-// one.
+// one, so `write` must write the same each time. Nothing here is secret: the buffers are not wiped.
 template <typename Write>
 [[nodiscard]] std::string json_document(Write write) {
   for (std::size_t size = 65536;; size *= 4) {

@@ -123,7 +123,7 @@ int run_forecast(const Invocation& call) {
   ForecastOptions options;
   options.json = option_present(call.args, "--json");
   options.svg = option_value(call.args, "--svg", nullptr);
-  // All words are checked before anything is read: wrong usage is told even on a broken server.
+  // All words are checked before anything is read: wrong usage is reported even on a broken server.
   if (take_days(call.args, "--days", options.days) != kExitOk ||
       take_days(call.args, "--past", options.past) != kExitOk ||
       check_outputs(options.svg, options.json) != kExitOk) {
@@ -191,7 +191,7 @@ using RunFunction = int (*)(const Invocation& call);
 constexpr std::array<RunFunction, kPlanCommandCount> kRun = {
     run_health, run_history, run_forecast, run_report, run_why, run_show, run_check};
 
-// An answer that could not be written is none. A reader that has seen enough need not be told.
+// An answer that could not be written is none. A reader that has seen enough wants no message.
 int deliver(int status) {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
   if (errno != EPIPE) {

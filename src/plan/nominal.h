@@ -14,7 +14,7 @@
 
 namespace orv {
 
-inline constexpr std::size_t kNominalTimes = 10;  // looked at on either side of now
+inline constexpr std::size_t kNominalTimes = 10;  // taken on either side of now
 
 // The newest `most` matches at or before `now` (Unix seconds), oldest first; fewer when the
 // schedule has no more within about eight years.

@@ -99,7 +99,7 @@ JobRuns::JobRuns(std::string_view job_log_dir, std::string_view job, const Queue
 }
 
 // The record stands for a run of its own only when no log is as new: an older log may have been
-// removed, and the record then tells nothing of those that are left.
+// removed, and the record then says nothing about those that are left.
 void JobRuns::add_record_run(const QueueRecord& record) {
   recorded_ = run_of_record(record);
   if (!recorded_ || (!slots_.empty() && slots_.front().run.start >= recorded_->start)) return;

@@ -82,7 +82,7 @@ class JobRuns {
   std::string directory_;
   std::string job_;
   bool queue_known_;
-  std::optional<PastRun> recorded_;  // the run that the queue's record tells of
+  std::optional<PastRun> recorded_;  // the run that the queue's record is about
   std::vector<Slot> slots_;
   std::vector<LogNote> notes_;
 };

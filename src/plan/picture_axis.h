@@ -13,9 +13,10 @@ namespace orv {
 struct TimeScale {
   std::int64_t from = 0;  // Unix seconds
   std::int64_t to = 1;    // after `from`
-  double left = 0;
-  double width = 1;
+  double left = 0;        // the place of `from`
+  double width = 1;       // between the places of `from` and `to`
 
+  // The place of a moment; one outside the span is moved to its nearer end.
   [[nodiscard]] double x(std::int64_t time) const {
     const double share =
         static_cast<double>(std::clamp(time, from, to) - from) / static_cast<double>(to - from);

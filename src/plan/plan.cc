@@ -15,7 +15,7 @@
 namespace orv {
 namespace {
 
-// A queue that may not be looked at must not pass for one that is not there yet.
+// A queue that may not be read must not pass for one that does not exist yet.
 std::string load_queue(Plan& plan) {
   struct stat status {};
   if (::stat(plan.queue_path.c_str(), &status) != 0) {

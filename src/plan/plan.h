@@ -19,8 +19,8 @@ namespace orv {
 struct Plan {
   std::string config_path;
   std::string queue_path;
-  std::string job_log_dir;
-  Config config;
+  std::string job_log_dir;     // with a subdirectory for each job
+  Config config;               // empty when it would be refused
   std::string config_message;  // why the configuration would be refused; empty: it loads
   QueueState seen;
   QueueState queue;
@@ -43,7 +43,7 @@ struct PlanPaths {
 // Brings `queue` in line with `config` and marks lost runs, in memory only.
 void settle_queue(Plan& plan);
 
-// The runs of `job`.
+// The runs of `job`, read from its logs as they are asked for. `plan` outlives them.
 [[nodiscard]] JobRuns runs_of(const Plan& plan, const Job& job);
 
 }  // namespace orv

@@ -157,7 +157,7 @@ std::string report_text(const Report& report) {
   return out;
 }
 
-// A refused file or an unreadable queue is in the mail, and in the status for whoever sends it.
+// A refused file or an unreadable queue is in the mail, and in the status for what sends it.
 int report_command(const Plan& plan, const ReportOptions& options) {
   const Report report =
       make_report(plan, find_daemon(plan.config_path, plan.queue_path), options.days);

@@ -12,8 +12,8 @@
 
 namespace orv {
 
-inline constexpr std::size_t kLogLinesShown = 10;
-inline constexpr std::size_t kLogLineBytes = 300;
+inline constexpr std::size_t kLogLinesShown = 10;  // of each failure
+inline constexpr std::size_t kLogLineBytes = 300;  // a longer line is cut, between characters
 
 // A job that failed in the time reported on, or whose newest finished run failed before it.
 struct ReportedFailure {
@@ -25,7 +25,7 @@ struct ReportedFailure {
 
 struct Report {
   std::string host;
-  std::uint32_t days = 1;
+  std::uint32_t days = 1;  // back from now that it is about
   HealthReport health;
   History history;
   Forecast forecast;  // of the next 24 hours

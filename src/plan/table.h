@@ -40,7 +40,7 @@ class Table {
     std::vector<std::string> cells;
     Tone tone;
   };
-  std::vector<std::size_t> widths_;
+  std::vector<std::size_t> widths_;  // of the columns so far, in characters
   std::size_t gap_;
   std::vector<Row> rows_;
 };
