@@ -10,7 +10,7 @@
 namespace orv {
 namespace {
 
-// Options of more than one command.
+// Options of more than one command. Their words are those of orv_sched where both have them.
 constexpr OptionRow kJson = {"--json", "", false};
 constexpr OptionRow kDays = {"--days", "", true};
 constexpr OptionRow kSvg = {"--svg", "", true};

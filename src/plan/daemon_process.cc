@@ -43,6 +43,7 @@ std::vector<const char*> daemon_arguments(std::uint32_t pid, std::string& text) 
   if (!is_scheduler(static_cast<pid_t>(pid))) return {};
   text = read_proc(process_path(pid, "cmdline"), kMaxText);
   std::vector<const char*> args;
+  // One text with a NUL after each argument (proc(5), /proc/pid/cmdline).
   for (std::size_t at = 0; at < text.size(); at = text.find('\0', at) + 1) {
     args.push_back(text.c_str() + at);
     if (text.find('\0', at) == text.npos) break;
@@ -65,6 +66,7 @@ bool means_file(std::uint32_t pid, const char* path, const std::string& mine) {
   std::error_code error;
   const fs::path ours = fs::absolute(mine, error);
   if (path[0] == '/') return same_file(path, ours);
+  // Relative to its directory, which only its owner may ask for: else the end of the path decides.
   const fs::path directory = fs::read_symlink(process_path(pid, "cwd"), error);
   if (!error) return same_file(directory / path, ours);
   const std::string end = "/" + fs::path(path).lexically_normal().string();
@@ -79,7 +81,7 @@ DaemonProcess find_daemon(const std::string& config_path, const std::string& que
   found.running = false;
   for (const std::string& name : directory_names("/proc")) {
     std::uint32_t pid = 0;
-    if (!parse_u32(name, pid)) continue;
+    if (!parse_u32(name, pid)) continue;  // no process
     std::string text;
     const std::vector<const char*> words = daemon_arguments(pid, text);
     if (words.empty()) continue;
@@ -102,6 +104,8 @@ bool is_daemon(std::uint32_t pid) {
 }
 
 std::optional<std::int64_t> process_start(std::uint32_t pid) {
+  // The kernel knows the moment of boot in Unix seconds, and the process's start in clock ticks
+  // since then (proc(5)).
   constexpr std::string_view kLabel = "\nbtime ";
   const std::string stat = read_proc("/proc/stat", kMaxText);
   const std::size_t boot = stat.find(kLabel);

@@ -80,6 +80,7 @@ std::string time_in_words(const CronSpec& cron) {
     }
     return text;
   }
+  // The hours follow the minutes: "every 20 minutes of hour 8 to 18".
   std::string text;
   if (minutes.size() == cron.minute.size()) {
     text = "every minute";
@@ -172,6 +173,10 @@ std::string duration_text(std::int64_t seconds) {
     std::snprintf(text.data(), text.size(), "%llds", s);
   }
   return text.data();
+}
+
+std::string duration_cell(std::optional<std::int64_t> seconds) {
+  return seconds ? duration_text(*seconds) : "-";
 }
 
 }  // namespace orv

@@ -3,6 +3,7 @@
 #define ORV_PLAN_DESCRIBE_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,8 @@ namespace orv {
 
 // "3h 05m", "12m 04s", "9s".
 [[nodiscard]] std::string duration_text(std::int64_t seconds);
+// The same in a table; "-" when it is not known.
+[[nodiscard]] std::string duration_cell(std::optional<std::int64_t> seconds);
 
 }  // namespace orv
 

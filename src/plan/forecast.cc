@@ -53,7 +53,7 @@ class Simulation {
     std::unordered_map<std::string_view, std::size_t> places;
     for (const Job& job : config.jobs) {
       QueueRecord* const record = queue_find(queue_, job.name.view());
-      if (record == nullptr) continue;
+      if (record == nullptr) continue;  // unknown to the daemon: it would not start it
       places.emplace(job.name.view(), actors_.size());
       Actor& actor = actors_.emplace_back();
       actor.job = &job;
@@ -106,12 +106,13 @@ class Simulation {
                                     : StartReason::Once;
     const std::int64_t time = actor.record->next_run;
     const bool timed = has_time(job) && time > 0 && time != kNever;
+    // Late is what comes after the later of the two things that let it start.
     const std::int64_t due = std::max(timed ? time : 0, stamp);
     if (due > 0) run.late_s = now_ - due;
     out_.runs.push_back(run);
     record_end(actor, run.start, run.end);
     set_next(actor, run.end, stamp);
-    now_ = run.end;
+    now_ = run.end;  // one at a time: nothing starts in between
     expect(i);
     for (const std::size_t dependant : actor.dependants) candidates_.insert(dependant);
   }

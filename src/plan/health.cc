@@ -39,9 +39,7 @@ bool is_slow(const JobFacts& facts, std::int64_t now) {
 // How the newest failure ended, how many there are in a row, and since when.
 std::string failed_reason(const JobFacts& facts) {
   const PastRun& run = *facts.last_failure;
-  std::string text = run.outcome == PastOutcome::Failed
-                         ? "exit " + std::to_string(run.exit_code.value_or(-1))
-                         : past_outcome_name(run.outcome);
+  std::string text = failure_text(run);
   if (run.outcome == PastOutcome::Lost) text += " (its scheduler was gone before it ended)";
   if (facts.failures > 1) text += ", " + std::to_string(facts.failures) + " in a row";
   return text + " since " + clock_text(*facts.failing_since);

@@ -5,14 +5,10 @@
 namespace orv {
 namespace {
 
-std::optional<std::int64_t> start_of(const std::optional<PastRun>& run) {
-  return run ? std::optional(run->start) : std::nullopt;
-}
-
 void write_scheduler(JsonWriter& json, const HealthReport& report) {
   json.key("scheduler");
   json.begin_object();
-  // Not text_member() and the like: null says that the processes are hidden.
+  // Three answers: null says that the processes of others are hidden from the asker.
   json.key("daemon_running");
   if (report.daemon.running) {
     json.boolean(*report.daemon.running);
@@ -69,6 +65,7 @@ void write_job(JsonWriter& json, const HealthReport& report, const JobHealth& ro
 std::string health_json(const HealthReport& report) {
   return json_document([&](JsonWriter& json) {
     json.begin_object();
+    // Ages are left to the reader, who has the time of the answer to subtract from.
     json.integer_member("now", report.now);
     json.boolean_member("healthy", !health_wrong(report));
     write_scheduler(json, report);

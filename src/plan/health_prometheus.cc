@@ -12,8 +12,6 @@ namespace {
 
 using Value = std::optional<std::int64_t>;  // none: the series is left out
 
-Value start_of(const std::optional<PastRun>& run) { return run ? Value(run->start) : std::nullopt; }
-
 struct JobMetric {
   const char* name;
   const char* help;
@@ -58,6 +56,8 @@ void add_single(std::string& out, const char* name, const char* help, Value valu
   out += std::string(name) + " " + std::to_string(*value) + "\n";
 }
 
+// The text format wants all series of a name together, after its one head: hence a loop over the
+// jobs for each metric. A metric without any series has no head either.
 void add_job_metric(std::string& out, const JobMetric& metric, const HealthReport& report,
                     const std::vector<std::string>& labels) {
   bool headed = false;
@@ -91,6 +91,8 @@ bool reads_as_code(std::string_view text) {
 
 }  // namespace
 
+// Label values are UTF-8, but names of jobs may hold any byte: what is none becomes a code, and a
+// backslash that would read as such a code becomes one itself, so that no two names share a label.
 std::string prometheus_label(std::string_view text) {
   std::string out;
   const auto code = [&](unsigned byte) {  // the format itself doubles a backslash
@@ -131,6 +133,7 @@ std::string health_prometheus(const HealthReport& report) {
              Value(report.config_message.empty()));
   add_single(out, "orv_sched_collected_timestamp_seconds", "When these metrics were collected.",
              report.now);
+  // Once for all the metrics: each of them names every job.
   std::vector<std::string> labels;
   for (const JobHealth& job : report.jobs) labels.push_back(prometheus_label(job.job->name.view()));
   for (const JobMetric& metric : kJobMetrics) add_job_metric(out, metric, report, labels);

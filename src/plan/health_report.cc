@@ -66,7 +66,7 @@ HealthReport make_health_report(const Plan& plan, const DaemonProcess& daemon,
   report.queue_path = plan.queue_path;
   report.queue_message = plan.queue_message;
   report.logs_path = plan.job_log_dir;
-  LongestGaps gaps(plan.config, plan.now);
+  LongestGaps gaps(plan.config, plan.now);  // shared: jobs look at the gaps of those they wait for
   for (const Job& job : plan.config.jobs) {
     if (only != nullptr && only != &job) continue;
     JobRuns runs = runs_of(plan, job);
@@ -85,6 +85,7 @@ HealthReport make_health_report(const Plan& plan, const DaemonProcess& daemon,
   return report;
 }
 
+// Hidden processes are no sign of trouble: value_or() gives the daemon the benefit of the doubt.
 bool health_wrong(const HealthReport& report) {
   return !report.config_message.empty() || !report.queue_message.empty() ||
          !report.logs_message.empty() || !report.daemon.running.value_or(true) ||

@@ -6,6 +6,7 @@
 namespace orv {
 namespace {
 
+// Never run is no failure yet, but stays in sight.
 Tone tone_of(Health health) {
   switch (health) {
     case Health::Failed:

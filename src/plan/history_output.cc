@@ -11,10 +11,6 @@
 namespace orv {
 namespace {
 
-std::string duration_cell(std::optional<std::int64_t> seconds) {
-  return seconds ? duration_text(*seconds) : "-";
-}
-
 // Tenths only where there are some: 100 %, 66.6 %.
 std::string permille_text(std::int64_t permille) {
   std::string text = std::to_string(permille / 10);
@@ -22,6 +18,7 @@ std::string permille_text(std::int64_t permille) {
   return text + " %";
 }
 
+// A busy tool is neither good nor bad: the job is tried again.
 Tone tone_of(PastOutcome outcome) {
   if (run_failed(outcome)) return Tone::Bad;
   if (outcome == PastOutcome::Running) return Tone::Active;
@@ -42,6 +39,7 @@ std::string totals_text(const Plan& plan, const History& history) {
     const std::optional<std::int64_t> rate = job.success_permille();
     std::string trend = "-";
     if (job.trend_percent) {
+      // With its sign: whether runs get longer is what the column is for.
       trend = (*job.trend_percent > 0 ? "+" : "") + std::to_string(*job.trend_percent) + " %";
     }
     table.add({printable(job.job->name.view()), std::to_string(job.runs),
@@ -52,6 +50,7 @@ std::string totals_text(const Plan& plan, const History& history) {
   return table.text(plan.color);
 }
 
+// docs/orv_plan.8 describes the fields: their names are never changed.
 void write_run(JsonWriter& json, const HistoryRun& row) {
   json.begin_object();
   json.text_member("job", row.job->name.view());

@@ -37,6 +37,7 @@ std::string join(const std::vector<JobName>& names) {
 std::string trigger_in_words(const Job& job) {
   std::string text;
   if (job.has_schedule) {
+    // The words are ours, the text in brackets is what the file has to be searched for.
     text = schedule_in_words(job.schedule) + " (" + printable(job.schedule_text.view()) + ")";
   } else if (job.has_once) {
     text = "once at " + clock_text(job.once);
@@ -92,10 +93,11 @@ WhyAnswer explain(const Plan& plan, const Job& job) {
                    {},   {},  {},     {}};
   answer.next = next_runs(plan, job, record);
   JobRuns runs = runs_of(plan, job);
+  // Each run costs the reading of its log: no more are opened than are shown.
   for (std::size_t i = 0; i < runs.size() && answer.last.size() < kLastRunsShown; ++i) {
     if (const PastRun* const run = runs.run(i)) answer.last.push_back(*run);
   }
-  answer.notes = runs.notes();
+  answer.notes = runs.notes();  // of the logs that were opened
   answer.reasons = reasons_not_now(plan, job, answer.daemon);
   return answer;
 }
@@ -118,6 +120,7 @@ std::string run_line(const PastRun& run, bool color) {
     return start + toned("not finished (its scheduler was gone)", Tone::Bad, color);
   }
   std::string text = "exit " + std::to_string(*run.exit_code);
+  // The exit code of a tool that was ended says nothing without the reason for its end.
   const bool cut = run.outcome == PastOutcome::TimedOut || run.outcome == PastOutcome::Cancelled;
   if (cut) text += std::string(" (") + past_outcome_name(run.outcome) + ")";
   const std::optional<std::int64_t> took = run.duration_s();
@@ -213,6 +216,7 @@ const char* mail_wish(const Plan& plan, const Job& job) {
 
 std::string show_text(const Plan& plan, const Job& job, const std::vector<const char*>& argv) {
   std::string out = lines("job:", {printable(job.name.view())});
+  // One line for each argument: blanks and quotes in it then need no explanation.
   for (std::size_t i = 0; i + 1 < argv.size(); ++i) {
     const std::string label = "argv[" + std::to_string(i) + "]:";
     out += lines(label.c_str(), {printable(argv[i])});

@@ -144,6 +144,7 @@ int run_history(const Invocation& call) {
   }
   const std::unique_ptr<Plan> plan = call.load();
   if (plan == nullptr) return kExitFailed;
+  // A misspelt name must not look like a job that never ran.
   if (call.job != nullptr && (options.job = call.find(*plan)) == nullptr) return kExitFailed;
   return history_command(*plan, options);
 }
@@ -200,6 +201,7 @@ int deliver(int status) {
   return kExitFailed;
 }
 
+// The usage text goes to standard output, where a pager can take it, the complaint after it.
 int wrong_command(const ArgList& args) {
   print_plan_usage();
   if (args.size() < 2) return complain("a command is missing");
@@ -209,6 +211,7 @@ int wrong_command(const ArgList& args) {
 }
 
 int run(const ArgList& args) {
+  // Both are looked for among all words: who asks for help has seldom typed the rest right.
   if (option_present(args, "--version")) {
     print(std::string("orv_plan ") + kVersion + "\n");
     return kExitOk;
@@ -242,6 +245,7 @@ std::unique_ptr<Plan> Invocation::load_as_it_is() const {
 std::unique_ptr<Plan> Invocation::load() const {
   std::unique_ptr<Plan> plan = load_as_it_is();
   if (plan->config_message.empty() && plan->queue_message.empty()) return plan;
+  // One message: with a configuration that is refused, the state of the queue answers nothing.
   const std::string text = !plan->config_message.empty() ? plan->config_message
                                                          : "cannot read queue " + plan->queue_path +
                                                                ": " + plan->queue_message;

@@ -81,6 +81,11 @@ bool run_failed(PastOutcome outcome) {
          outcome == PastOutcome::Cancelled || outcome == PastOutcome::Lost;
 }
 
+std::string failure_text(const PastRun& run) {
+  if (run.outcome != PastOutcome::Failed) return past_outcome_name(run.outcome);
+  return "exit " + std::to_string(run.exit_code.value_or(-1));
+}
+
 JobRuns::JobRuns(std::string_view job_log_dir, std::string_view job, const QueueRecord* record,
                  bool queue_known)
     : directory_(job_log_directory(job_log_dir, job)), job_(job), queue_known_(queue_known) {

@@ -39,6 +39,12 @@ struct PastRun {
   }
 };
 
+// How a failed run ended: "exit 3", or the outcome's name.
+[[nodiscard]] std::string failure_text(const PastRun& run);
+[[nodiscard]] inline std::optional<std::int64_t> start_of(const std::optional<PastRun>& run) {
+  return run ? std::optional(run->start) : std::nullopt;
+}
+
 enum class LogFault { Unreadable, Foreign, Cut };
 struct LogNote {
   std::string log;  // path

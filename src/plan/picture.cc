@@ -63,6 +63,7 @@ constexpr const char* kStyle = R"(<style>
 </style>
 )";
 
+// Appends a short piece; texts of any length are appended as they are.
 [[gnu::format(printf, 2, 3)]] void add(std::string& out, const char* format, ...) {
   std::array<char, 512> piece{};
   va_list args;
@@ -115,6 +116,7 @@ class Drawing {
     add(out_, "<rect class=\"bg\" width=\"%d\" height=\"%d\"/>\n", width, height);
     add(out_, "<text class=\"title\" x=\"%d\" y=\"%d\">", kMargin, 22);
     out_ += escape_markup(picture_.title) + "</text>\n";
+    // From back to front: what comes later covers what was drawn before.
     add_legend();
     add_shades();
     add_axes();

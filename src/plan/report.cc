@@ -82,8 +82,8 @@ std::string totals_table(const Report& report) {
   Table table({"JOB", "RUNS", "FAILURES", "MEDIAN", "LONGEST"});
   for (const JobTotals& job : report.history.jobs) {
     table.add({printable(job.job->name.view()), std::to_string(job.runs),
-               std::to_string(job.failures), job.median_s ? duration_text(*job.median_s) : "-",
-               job.longest_s ? duration_text(*job.longest_s) : "-"});
+               std::to_string(job.failures), duration_cell(job.median_s),
+               duration_cell(job.longest_s)});
   }
   return table.text(false);
 }
@@ -95,6 +95,7 @@ Report make_report(const Plan& plan, const DaemonProcess& daemon, std::uint32_t 
   std::array<char, kMaxHostName + 1> host{};
   report.host = host_name(host);
   report.days = days;
+  // All from one plan, so that the parts of the mail cannot contradict each other.
   report.health = make_health_report(plan, daemon, std::nullopt, nullptr);
   report.history = collect_history(plan, plan.now - days * kDay, nullptr);
   report.failures = collect_failures(plan, report.health, report.history);
@@ -107,9 +108,7 @@ Report make_report(const Plan& plan, const DaemonProcess& daemon, std::uint32_t 
 
 std::string failure_sentence(const ReportedFailure& failure) {
   const PastRun& run = failure.run;
-  std::string text = run.outcome == PastOutcome::Failed
-                         ? "exit " + std::to_string(run.exit_code.value_or(-1))
-                         : past_outcome_name(run.outcome);
+  std::string text = failure_text(run);
   text += ", run of " + clock_text(run.start);
   if (failure.failures == 0) return text + ", has succeeded since";
   return failure.failures == 1 ? text

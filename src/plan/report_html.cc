@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::int64_t kDay = 86400;
 
+// Mail programs fetch nothing and run nothing: style and picture are part of the page.
 constexpr const char* kHead = R"(<meta charset="utf-8">
 <meta name="viewport" content="width=device-width,initial-scale=1">
 <meta name="color-scheme" content="light dark">
@@ -36,10 +37,6 @@ std::string cell(const std::string& text, const char* css = "") {
 }
 
 std::string name_cell(const Job& job) { return cell(std::string(job.name.view())); }
-
-std::string duration_cell(std::optional<std::int64_t> seconds) {
-  return cell(seconds ? duration_text(*seconds) : "-", "n");
-}
 
 void add_failures(const Report& report, std::string& out) {
   if (report.failures.empty()) return;
@@ -76,7 +73,8 @@ void add_totals(const Report& report, std::string& out) {
   for (const JobTotals& job : report.history.jobs) {
     out += "<tr>" + name_cell(*job.job) + cell(std::to_string(job.runs), "n") +
            cell(std::to_string(job.failures), job.failures > 0 ? "n bad" : "n") +
-           duration_cell(job.median_s) + duration_cell(job.longest_s) + "</tr>\n";
+           cell(duration_cell(job.median_s), "n") + cell(duration_cell(job.longest_s), "n") +
+           "</tr>\n";
   }
   out += "</table>\n";
 }

@@ -123,7 +123,7 @@ int forecast_command(const Plan& plan, const ForecastOptions& options) {
   const std::string* const lost = lost_run(plan);
   ForecastStart start;
   start.now = free_at(plan, durations);
-  start.horizon = plan.now + options.days * kDay;
+  start.horizon = plan.now + options.days * kDay;  // from now, also when nothing can start yet
   start.by_hand = running_by_hand(plan);
   const Forecast forecast = make_forecast(plan.config, plan.queue, durations, start);
   // With the picture on standard output, nothing else goes there.
@@ -144,6 +144,7 @@ int forecast_command(const Plan& plan, const ForecastOptions& options) {
 
 int history_command(const Plan& plan, const HistoryOptions& options) {
   const History history = collect_history(plan, plan.now - options.days * kDay, options.job);
+  // With the picture on standard output, nothing else goes there.
   if (options.svg == nullptr || std::string_view(options.svg) != "-") {
     print(options.json ? history_json(plan, history) : history_text(plan, history));
   }

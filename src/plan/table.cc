@@ -38,6 +38,7 @@ std::string Table::text(bool color) const {
   }
   std::string out;
   for (const Row& row : rows_) {
+    // The last cell ends the line: padding would only make it wrap.
     std::string line;
     for (std::size_t i = 0; i < row.cells.size(); ++i) {
       line += row.cells[i];

@@ -16,6 +16,7 @@ std::vector<std::string> missing_dependencies(const QueueState& queue, const Job
   std::vector<std::string> out;
   for (const JobName& name : job.after) {
     const QueueRecord* record = queue_find(queue, name.view());
+    // No record yet: the daemon has not seen the job, which then has not run either.
     const JobState state = record == nullptr ? JobState::Pending : record_state(*record);
     if (record != nullptr && dependency_met(*record, job.after_mode)) continue;
     std::string text = "it waits for job " + quoted(name.view()) + ", which ";
@@ -99,6 +100,7 @@ std::vector<std::string> reasons_of_job(const Plan& plan, const Job& job) {
     return {"it is running now (pid " + std::to_string(queue_get_runner_pid(*record)) + ")"};
   }
   std::vector<std::string> out;
+  // From what holds up every job to what holds up this one.
   if (plan.obstacle) out.push_back(blocked_by_others(*plan.obstacle));
   if (std::string text = blocked_by_time(job, *record, plan.now); !text.empty()) {
     out.push_back(text);
