@@ -70,5 +70,17 @@ TEST(Stories, NothingStartsBesideTheToolOfAKilledRunner) {
   EXPECT_GT(story.history.model.starts.size(), 1U);
 }
 
+TEST(Stories, AClockThatIsSetCutsNoRun) {
+  BesideALongRun story;
+  for (const int days : {3, -10}) {  // the time limit is one day
+    story.history.world.wall_offset += days * 24 * 60 * kMinute;
+    story.history.model.clock_set(days * std::int64_t{86400});
+    story.pass(30);
+    EXPECT_NE(story.history.world.find_process("run b"), nullptr);
+  }
+  EXPECT_EQ(story.history.model.failure, "");
+  EXPECT_EQ(story.history.model.starts.size(), 1U);
+}
+
 }  // namespace
 }  // namespace orv::sim
