@@ -1,18 +1,15 @@
 #include "console/http_server.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <boost/asio/post.hpp>
 #include <string>
 #include <thread>
 
-#include "common/scoped_fd.h"
-
 namespace orv {
 namespace {
+
+using Client = boost::asio::ip::tcp::iostream;
 
 // A server in a thread of its own that answers each request with its method, target and body, and
 // whose streams send what `event` holds.
@@ -33,27 +30,20 @@ class Http : public testing::Test {
     thread_.join();
   }
 
-  [[nodiscard]] ScopedFd connect() const {
-    ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval limit{10, 0};  // a test that waits in vain fails instead of hanging
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port_);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    return fd;
-  }
-  static void say(const ScopedFd& fd, const std::string& text) {
-    EXPECT_EQ(::send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(text.size()));
+  // Connects and sends the text. A test that waits in vain fails instead of hanging.
+  [[nodiscard]] Client connect(const std::string& text = {}) const {
+    Client client;
+    client.expires_after(std::chrono::seconds(10));
+    client.connect("127.0.0.1", std::to_string(port_));
+    client << text << std::flush;
+    EXPECT_TRUE(client) << client.error().message();
+    return client;
   }
   // What comes until `end` has come, or the connection closes.
-  static std::string hear(const ScopedFd& fd, const std::string& end) {
+  static std::string hear(Client& client, const std::string& end) {
     std::string text;
     char byte = 0;
-    while ((end.empty() || !text.ends_with(end)) && ::recv(fd.get(), &byte, 1, 0) == 1)
-      text += byte;
+    while (!text.ends_with(end) && client.get(byte)) text += byte;
     return text;
   }
   [[nodiscard]] std::string request(const std::string& line, const std::string& more = {}) const {
@@ -94,11 +84,10 @@ class Http : public testing::Test {
 };
 
 TEST_F(Http, AnswersRequestsThatCameTogetherOneAfterTheOther) {
-  const ScopedFd fd = connect();
-  say(fd,
-      request("PUT /a?b", "If-Match: \"x\"\r\nContent-Length: 3\r\n") + "one" + request("GET /c"));
-  EXPECT_NE(hear(fd, "|").find("PUT /a?b \"x\" one|"), std::string::npos);
-  const std::string second = hear(fd, "|");
+  Client client = connect(request("PUT /a?b", "If-Match: \"x\"\r\nContent-Length: 3\r\n") + "one" +
+                          request("GET /c"));
+  EXPECT_NE(hear(client, "|").find("PUT /a?b \"x\" one|"), std::string::npos);
+  const std::string second = hear(client, "|");
   EXPECT_TRUE(second.starts_with("HTTP/1.1 200 OK\r\n")) << second;
   EXPECT_TRUE(second.ends_with("GET /c  |")) << second;
 }
@@ -115,21 +104,20 @@ TEST_F(Http, RefusesWhatIsMalformedTooLargeOrForeignAndCloses) {
   };
   for (const auto& [text, status] : cases) {
     SCOPED_TRACE(text.substr(0, 60));
-    const ScopedFd fd = connect();
-    say(fd, text);
-    const std::string reply = hear(fd, "}}");
+    Client client = connect(text);
+    const std::string reply = hear(client, "}}");
     EXPECT_TRUE(reply.starts_with("HTTP/1.1 " + status)) << reply;
     EXPECT_NE(reply.find("Cache-Control: no-store\r\n"), std::string::npos);
+    EXPECT_EQ(client.get(), EOF);
   }
 }
 
 TEST_F(Http, AStreamBeginsWithWhatIsKnownAndFollowsWhatChanges) {
   set_event("one");
-  const ScopedFd fd = connect();
-  say(fd, request("GET /api/events"));
-  EXPECT_NE(hear(fd, "\r\n\r\n").find("text/event-stream"), std::string::npos);
+  Client client = connect(request("GET /api/events"));
+  EXPECT_NE(hear(client, "\r\n\r\n").find("text/event-stream"), std::string::npos);
   const auto next = [&] {
-    std::string text = hear(fd, "\n\n");
+    std::string text = hear(client, "\n\n");
     return text.substr(text.find("data: "));
   };
   EXPECT_EQ(next(), "data: one\n\n");
@@ -138,12 +126,9 @@ TEST_F(Http, AStreamBeginsWithWhatIsKnownAndFollowsWhatChanges) {
 }
 
 TEST_F(Http, StrangersCannotKeepTheOwnerOut) {
-  const ScopedFd first = connect();
-  const ScopedFd second = connect();
-  const ScopedFd third = connect();
+  const Client first = connect(), second = connect(), third = connect();
   for (int i = 0; i < 5; ++i) {
-    const ScopedFd owner = connect();
-    say(owner, request("GET /mine"));
+    Client owner = connect(request("GET /mine"));
     EXPECT_NE(hear(owner, "|").find("GET /mine"), std::string::npos);
   }
 }
