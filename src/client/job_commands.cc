@@ -50,24 +50,18 @@ struct Standing {
 };
 
 Standing standing_of(const JsonValue* info, const JsonValue* jobs) {
-  const auto text = [](const JsonValue* object, std::string_view key) {
-    return std::string(json_string(json_member(object, key)).value_or(""));
-  };
-  const auto number = [](const JsonValue* object, std::string_view key) {
-    return json_integer(json_member(object, key)).value_or(0);
-  };
   Standing at;
-  at.version = text(info, "version");
-  at.running = text(info, "running_job");
-  at.now = number(info, "time");
+  at.version = json_member_text(info, "version");
+  at.running = json_member_text(info, "running_job");
+  at.now = json_member_integer(info, "time");
   for (std::size_t i = 0; i < json_size(jobs); ++i) {
     const JsonValue* const job = json_element(jobs, i);
     const JsonValue* const state = state_of(job);
-    const std::string name = text(job, "name");
+    const std::string name(json_member_text(job, "name"));
     // A running job's last run is the one under way.
-    if (name == at.running) at.running_since = number(state, "last_run");
-    if (text(state, "status") == "FAILED") at.failed.push_back(name);
-    const std::int64_t next = number(state, "next_run");
+    if (name == at.running) at.running_since = json_member_integer(state, "last_run");
+    if (json_member_text(state, "status") == "FAILED") at.failed.push_back(name);
+    const std::int64_t next = json_member_integer(state, "next_run");
     if (next > 0 && (at.next_run == 0 || next < at.next_run)) {
       at.next_run = next;
       at.next_job = name;
@@ -196,7 +190,7 @@ CommandResult validate_command(Session& session, const Arguments& given) {
   const JsonReply reply =
       co_await session.request("POST", "validate/job", {}, object_text(members));
   if (reply == nullptr) co_return session.failed();
-  const bool valid = json_boolean(json_member(reply.get(), "valid")).value_or(false);
+  const bool valid = json_member_flag(reply.get(), "valid");
   session.show(reply.get(), [&] {
     if (valid) return std::string("valid\n");
     const JsonValue* const error = json_member(json_member(reply.get(), "result"), "error");

@@ -1,4 +1,5 @@
 // Commands about runs: starting, stopping, listing and following them.
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,35 +12,24 @@
 namespace orv {
 namespace {
 
-constexpr std::int64_t kExitCodeBusy = 75;  // of a tool that could not run now
-
 // How often a run is asked for. When nothing new comes, it must stay below one request in two
 // seconds, whatever the request: the server takes fewer than seven a second of all its clients.
 constexpr std::chrono::milliseconds kFirstPause{1000};  // after something new
 constexpr std::chrono::milliseconds kPause{2500};
 
-bool flag(const JsonValue* object, std::string_view key) {
-  return json_boolean(json_member(object, key)).value_or(false);
-}
-
-std::int64_t number(const JsonValue* object, std::string_view key) {
-  return json_integer(json_member(object, key)).value_or(0);
-}
-
 // The id of the newest run; empty when there is none.
 std::string newest_of(const JsonValue* reply) {
-  const JsonValue* const run = json_element(json_member(reply, "runs"), 0);
-  return std::string(json_string(json_member(run, "id")).value_or(""));
+  return std::string(json_member_text(json_element(json_member(reply, "runs"), 0), "id"));
 }
 
 std::string runs_table(const JsonValue* runs) {
   std::vector<std::vector<std::string>> rows = {{"ID", "START", "FINISH", "EXIT", "NOTE", "BYTES"}};
   for (std::size_t i = 0; i < json_size(runs); ++i) {
     const JsonValue* const run = json_element(runs, i);
-    const char* const note = !flag(run, "finished")   ? "not finished"
-                             : flag(run, "timed_out") ? "timed out"
-                             : flag(run, "cancelled") ? "cancelled"
-                                                      : "";
+    const char* const note = !json_member_flag(run, "finished")   ? "not finished"
+                             : json_member_flag(run, "timed_out") ? "timed out"
+                             : json_member_flag(run, "cancelled") ? "cancelled"
+                                                                  : "";
     rows.push_back({cell(run, "id"), cell(run, "start"), cell(run, "finish"),
                     cell(run, "exit_code"), note, cell(run, "size")});
   }
@@ -57,19 +47,19 @@ std::string named(const Followed& run) { return "the run of job '" + run.job + "
 
 // Ends a command by the outcome of the run.
 int outcome(Session& session, const Followed& run, const JsonValue* entry) {
-  if (entry == nullptr || !flag(entry, "finished")) {
+  if (entry == nullptr || !json_member_flag(entry, "finished")) {
     return session.fail(kExitRunFailed, "run_lost", named(run) + " was lost: its log has no end");
   }
   // A run that was stopped has an exit code, too, but that tells of the signal.
-  if (flag(entry, "cancelled")) {
+  if (json_member_flag(entry, "cancelled")) {
     return session.fail(kExitRunStopped, "run_cancelled", named(run) + " was cancelled");
   }
-  if (flag(entry, "timed_out")) {
+  if (json_member_flag(entry, "timed_out")) {
     return session.fail(kExitRunStopped, "run_timed_out", named(run) + " took too long");
   }
-  const std::int64_t code = number(entry, "exit_code");
+  const std::int64_t code = json_member_integer(entry, "exit_code");
   if (code == 0) return kExitDone;
-  if (code == kExitCodeBusy) {
+  if (code == EX_TEMPFAIL) {
     return session.fail(kExitRunBusy, "run_busy",
                         named(run) + " found its tool busy; the job is tried again later");
   }
@@ -84,7 +74,7 @@ CommandResult end_by_outcome(Session& session, Followed run) {
   const JsonValue* const runs = json_member(reply.get(), "runs");
   for (std::size_t i = 0; i < json_size(runs); ++i) {
     const JsonValue* const entry = json_element(runs, i);
-    if (json_string(json_member(entry, "id")) == run.id) co_return outcome(session, run, entry);
+    if (json_member_text(entry, "id") == run.id) co_return outcome(session, run, entry);
   }
   co_return session.fail(kExitRefused, "not_found", "the log of " + named(run) + " is gone");
 }
@@ -95,7 +85,7 @@ void show_chunk(Session& session, const JsonValue* chunk) {
     session.show_line(chunk);
     return;
   }
-  const std::string_view data = json_string(json_member(chunk, "data")).value_or("");
+  const std::string_view data = json_member_text(chunk, "data");
   // Asked once: the answer cannot change, and a log has many chunks.
   static const bool terminal = ::isatty(STDOUT_FILENO) == 1;
   session.print(terminal ? printable(data, Lines::Keep) : std::string(data));
@@ -110,12 +100,13 @@ boost::asio::awaitable<std::optional<bool>> show_log(Session& session, const Fol
         co_await session.get(job_path(run.job) + "/runs/" + path_segment(run.id) + "/log",
                              "offset=" + std::to_string(offset));
     if (chunk == nullptr) co_return std::nullopt;
-    const std::int64_t next = number(chunk.get(), "next_offset");
+    const std::int64_t next = json_member_integer(chunk.get(), "next_offset");
     const bool news = next > offset;
     if (news || offset == 0) show_chunk(session, chunk.get());
     offset = news ? next : offset;
     // A server that promises more and gives nothing would be asked for ever.
-    if (!news || next >= number(chunk.get(), "size")) co_return flag(chunk.get(), "finished");
+    if (!news || next >= json_member_integer(chunk.get(), "size"))
+      co_return json_member_flag(chunk.get(), "finished");
   }
 }
 
@@ -154,7 +145,7 @@ CommandResult wait_for_start(Session& session, Followed& run) {
     const JsonReply reply = co_await session.get(path);
     if (reply == nullptr) co_return session.failed();
     const JsonValue* const state = json_member(json_member(reply.get(), "job"), "state");
-    if (!flag(state, "run_requested")) {
+    if (!json_member_flag(state, "run_requested")) {
       const JsonReply runs = co_await session.get(path + "/runs");
       if (runs == nullptr) co_return session.failed();
       const std::string newest = newest_of(runs.get());
@@ -185,7 +176,7 @@ CommandResult find_newest(Session& session, Followed& run, bool following) {
     const JsonReply reply = co_await session.get(path);
     if (reply == nullptr) co_return session.failed();
     const JsonValue* const state = json_member(json_member(reply.get(), "job"), "state");
-    if (flag(state, "run_requested")) co_return co_await wait_for_start(session, run);
+    if (json_member_flag(state, "run_requested")) co_return co_await wait_for_start(session, run);
   }
   if (!run.id.empty()) co_return kExitDone;
   co_return session.fail(kExitRefused, "not_found", "job '" + run.job + "' has no runs");
@@ -194,7 +185,7 @@ CommandResult find_newest(Session& session, Followed& run, bool following) {
 std::string queued_text(const std::string& job, const JsonValue* reply) {
   const JsonValue* const running = json_member(reply, "running_job");
   std::string text = "the run of job '" + job + "' is queued";
-  if (flag(reply, "already_queued")) text += " already";
+  if (json_member_flag(reply, "already_queued")) text += " already";
   text += ", number " + cell(reply, "position");
   if (json_kind(running) == JsonKind::String) {
     text += ", after the running job '" + readable({}, running) + "'";

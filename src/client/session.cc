@@ -129,8 +129,8 @@ Session::Reply Session::change(std::string method, std::string path, std::string
     // which somebody else changes in between is never put back.
     const JsonReply present = co_await get(read_path);
     if (present == nullptr) co_return nullptr;
-    const auto present_tag = json_string(json_member(present.get(), "config_etag"));
-    std::string if_match = !tag.empty() ? tag : std::string(present_tag.value_or(""));
+    std::string if_match =
+        !tag.empty() ? tag : std::string(json_member_text(present.get(), "config_etag"));
     JsonReply reply = co_await request(method, path, {}, body(present.get()), std::move(if_match));
     // A tag that the user gave is a condition of theirs: it is not replaced by a newer one.
     const bool again = http_status_ == 412 && tag.empty() && attempt < kAttempts;
@@ -156,7 +156,7 @@ Session::Reply Session::all_jobs() {
         continue;
       }
       if (page == nullptr) co_return nullptr;
-      const std::string now(json_string(json_member(page.get(), "config_etag")).value_or(""));
+      const std::string now(json_member_text(page.get(), "config_etag"));
       changed = !tag.empty() && tag != now;
       tag = now;
       const std::optional<std::int64_t> before = offset;

@@ -1,5 +1,7 @@
 #include "console/known_server.h"
 
+#include <sysexits.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -56,39 +58,32 @@ std::string json_text(const JsonValue& value, std::string_view without = {}) {
   return json.overflow() ? std::string("null") : std::string(json.text());
 }
 
-std::string text_of(const JsonValue* node) {
-  return std::string(json_string(node).value_or(std::string_view()));
-}
-
-std::int64_t integer_of(const JsonValue* node) { return json_integer(node).value_or(0); }
-
 bool read_job(const JsonValue* node, KnownJob& job) {
-  job.name = text_of(json_member(node, "name"));
+  job.name = json_member_text(node, "name");
   if (json_kind(node) != JsonKind::Object || job.name.empty()) return false;
   const JsonValue* state = json_member(node, "state");
-  job.last.start = integer_of(json_member(state, "last_run"));
-  job.last.finish = integer_of(json_member(state, "last_finish"));
-  job.running = text_of(json_member(state, "status")) == "RUNNING";
+  job.last.start = json_member_integer(state, "last_run");
+  job.last.finish = json_member_integer(state, "last_finish");
+  job.running = json_member_text(state, "status") == "RUNNING";
   // Written anew and not cut out of the reply: what goes to the page is known to be well-formed.
   job.json = json_text(*node);
   return true;
 }
 
 const char* outcome_of(const JsonValue* run) {
-  constexpr std::int64_t kBusyExit = 75;
   // In this order: a run that was stopped has an exit code, too, but it tells of the signal.
-  if (!json_boolean(json_member(run, "finished")).value_or(false)) return "unfinished";
-  if (json_boolean(json_member(run, "timed_out")).value_or(false)) return "timed out";
-  if (json_boolean(json_member(run, "cancelled")).value_or(false)) return "cancelled";
+  if (!json_member_flag(run, "finished")) return "unfinished";
+  if (json_member_flag(run, "timed_out")) return "timed out";
+  if (json_member_flag(run, "cancelled")) return "cancelled";
   const std::int64_t exit = json_integer(json_member(run, "exit_code")).value_or(-1);
-  return exit == 0 ? "done" : exit == kBusyExit ? "busy" : "failed";
+  return exit == 0 ? "done" : exit == EX_TEMPFAIL ? "busy" : "failed";
 }
 
 std::string runs_json(const JsonValue* runs, std::int64_t now) {
   std::string out = "[";
   for (std::size_t i = 0; i < json_size(runs); ++i) {
     const JsonValue* run = json_element(runs, i);
-    const std::int64_t start = integer_of(json_member(run, "start"));
+    const std::int64_t start = json_member_integer(run, "start");
     // The list is newest first, so nothing after this one is younger.
     if (i >= kRunsKept && start < now - kRunsKeptFor) break;
     const auto finish = json_integer(json_member(run, "finish"));
@@ -117,13 +112,13 @@ KnownJob* known_find_job(KnownServer& server, std::string_view name) {
 
 bool known_take_info(KnownServer& server, const JsonValue& reply) {
   KnownInfo info;
-  info.config_etag = text_of(json_member(&reply, "config_etag"));
+  info.config_etag = json_member_text(&reply, "config_etag");
   if (info.config_etag.empty()) return false;
-  info.running_job = text_of(json_member(&reply, "running_job"));
-  info.daemon_started = integer_of(json_member(&reply, "daemon_started"));
+  info.running_job = json_member_text(&reply, "running_job");
+  info.daemon_started = json_member_integer(&reply, "daemon_started");
   const JsonValue* queue = json_member(&reply, "run_queue");
   for (std::size_t i = 0; i < json_size(queue); ++i) {
-    info.run_queue.push_back(text_of(json_element(queue, i)));
+    info.run_queue.emplace_back(json_string(json_element(queue, i)).value_or(""));
   }
   server.info = std::move(info);
   server.info_json = json_text(reply);
@@ -138,7 +133,7 @@ bool known_take_info(KnownServer& server, const JsonValue& reply) {
 
 bool known_read_page(const JsonValue& reply, std::vector<KnownJob>& jobs, JobsPage& page) {
   const JsonValue* list = json_member(&reply, "jobs");
-  page.config_etag = text_of(json_member(&reply, "config_etag"));
+  page.config_etag = json_member_text(&reply, "config_etag");
   page.next_offset = json_integer(json_member(&reply, "next_offset")).value_or(-1);
   if (json_kind(list) != JsonKind::Array || page.config_etag.empty()) return false;
   for (std::size_t i = 0; i < json_size(list); ++i) {

@@ -339,6 +339,18 @@ std::optional<bool> json_boolean(const JsonValue* node) {
   return node->boolean;
 }
 
+std::string_view json_member_text(const JsonValue* object, std::string_view key) {
+  return json_string(json_member(object, key)).value_or(std::string_view());
+}
+
+std::int64_t json_member_integer(const JsonValue* object, std::string_view key) {
+  return json_integer(json_member(object, key)).value_or(0);
+}
+
+bool json_member_flag(const JsonValue* object, std::string_view key) {
+  return json_boolean(json_member(object, key)).value_or(false);
+}
+
 std::size_t json_size(const JsonValue* node) { return node != nullptr ? node->values.size() : 0; }
 
 const JsonValue* json_element(const JsonValue* array, std::size_t index) {

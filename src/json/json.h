@@ -67,6 +67,10 @@ inline constexpr JsonLimits kJsonRequestLimits{32768, 4, 512};
 [[nodiscard]] std::optional<std::string_view> json_string(const JsonValue* node);
 [[nodiscard]] std::optional<std::int64_t> json_integer(const JsonValue* node);
 [[nodiscard]] std::optional<bool> json_boolean(const JsonValue* node);
+// A member of that kind, else the empty value. Borrowed.
+[[nodiscard]] std::string_view json_member_text(const JsonValue* object, std::string_view key);
+[[nodiscard]] std::int64_t json_member_integer(const JsonValue* object, std::string_view key);
+[[nodiscard]] bool json_member_flag(const JsonValue* object, std::string_view key);
 [[nodiscard]] std::size_t json_size(const JsonValue* node);  // elements or members
 [[nodiscard]] const JsonValue* json_element(const JsonValue* array, std::size_t index);
 
