@@ -8,6 +8,15 @@ namespace {
 // What is older has reached the disk by itself.
 constexpr std::int64_t kWriteBack = 30'000'000'000;  // nanoseconds
 
+template <class Names>
+void set_name(Names& names, const std::string& path, NodeRef node) {
+  if (node) {
+    names[path] = std::move(node);
+  } else {
+    names.erase(path);
+  }
+}
+
 }  // namespace
 
 NodeRef Disk::find(std::string_view path) const {
@@ -24,54 +33,29 @@ NodeRef Disk::create(const std::string& path, bool directory, std::int64_t now) 
 }
 
 void Disk::name(const std::string& path, NodeRef node, std::int64_t now) {
-  settle(now);
-  if (node) {
-    names_[path] = node;
-  } else {
-    names_.erase(path);
-  }
+  write_names_until(now - kWriteBack);
+  set_name(names_, path, node);
   journal_.push_back({path, std::move(node), now});
 }
 
 void Disk::change(Node& node, std::int64_t now, std::int64_t wall) {
-  if (node.dirty_since != 0 && now - node.dirty_since > kWriteBack) flush(node);
-  if (node.dirty_since == 0) {
+  if (node.dirty_since == 0 || now - node.dirty_since > kWriteBack) {
     node.flushed = node.data;
     node.dirty_since = now;
   }
   node.modified = wall;
 }
 
-void Disk::flush(Node& node) {
-  node.dirty_since = 0;
-  node.flushed.clear();
-}
-
-void Disk::flush_names() {
-  for (NameChange& change : journal_) {
-    if (change.node) {
-      on_disk_[change.path] = std::move(change.node);
-    } else {
-      on_disk_.erase(change.path);
-    }
-  }
-  journal_.clear();
-}
-
-void Disk::settle(std::int64_t now) {
-  while (!journal_.empty() && now - journal_.front().at > kWriteBack) {
-    NameChange& change = journal_.front();
-    if (change.node) {
-      on_disk_[change.path] = std::move(change.node);
-    } else {
-      on_disk_.erase(change.path);
-    }
-    journal_.pop_front();
+void Disk::write_names_until(std::int64_t time) {
+  for (; !journal_.empty() && journal_.front().at <= time; journal_.pop_front()) {
+    set_name(on_disk_, journal_.front().path, std::move(journal_.front().node));
   }
 }
+
+void Disk::flush_names() { write_names_until(INT64_MAX); }
 
 void Disk::lose_power(Rng& rng, std::int64_t now) {
-  settle(now);
+  write_names_until(now - kWriteBack);
   journal_.resize(rng.below(journal_.size() + 1));  // the disk has the first so many changes
   flush_names();
   names_ = on_disk_;
@@ -99,9 +83,9 @@ std::vector<std::string> Disk::list(const std::string& directory) const {
   return found;
 }
 
-std::string Disk::read(std::string_view path) const {
-  const NodeRef node = find(path);
-  return node ? node->data : std::string();
+std::string_view Disk::read(std::string_view path) const {
+  const auto at = names_.find(path);
+  return at == names_.end() ? std::string_view() : at->second->data;
 }
 
 void Disk::replace(const std::string& path, std::string text, std::int64_t now, std::int64_t wall) {

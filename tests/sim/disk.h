@@ -27,7 +27,7 @@ struct Node {
   mode_t mode = 0644;
   std::string data;
   std::string flushed;           // what the disk has, while `dirty_since` is set
-  std::int64_t dirty_since = 0;  // nanoseconds since boot; 0: the disk has `data`
+  std::int64_t dirty_since = 0;  // nanoseconds since the world began; 0: the disk has `data`
   std::int64_t modified = 0;     // nanoseconds of the wall clock
   const OpenFile* locked_by = nullptr;
 };
@@ -42,12 +42,12 @@ class Disk {
   NodeRef create(const std::string& path, bool directory, std::int64_t now);
   void name(const std::string& path, NodeRef node, std::int64_t now);  // null: the name goes
   void change(Node& node, std::int64_t now, std::int64_t wall);        // before a write
-  static void flush(Node& node);
+  static void flush(Node& node) { node.dirty_since = 0; }
   void flush_names();
   void lose_power(Rng& rng, std::int64_t now);
   [[nodiscard]] std::vector<std::string> list(const std::string& directory) const;
   // The content of a file, or the empty text.
-  [[nodiscard]] std::string read(std::string_view path) const;
+  [[nodiscard]] std::string_view read(std::string_view path) const;
   // As an editor does it: under another name, flushed, renamed.
   void replace(const std::string& path, std::string text, std::int64_t now, std::int64_t wall);
 
@@ -57,11 +57,10 @@ class Disk {
     NodeRef node;
     std::int64_t at;
   };
-  using Names = std::map<std::string, NodeRef, std::less<>>;
-  void settle(std::int64_t now);
+  void write_names_until(std::int64_t time);
 
-  Names names_;
-  Names on_disk_;
+  std::map<std::string, NodeRef, std::less<>> names_;
+  std::map<std::string, NodeRef, std::less<>> on_disk_;
   std::deque<NameChange> journal_;
   std::uint64_t next_number_ = 100;
 };

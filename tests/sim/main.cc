@@ -12,7 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -30,9 +30,20 @@ struct Outcome {
   std::array<char, 400> failure{};
 };
 
+Outcome play(const HistoryOptions& options) {
+  Outcome outcome;
+  History history(options);
+  outcome.incidents = history.play();
+  outcome.runs = history.model.runs;
+  outcome.held = history.model.failure.empty();
+  history.model.failure.copy(outcome.failure.data(), outcome.failure.size() - 1);
+  return outcome;
+}
+
 // Plays one history in a process of its own: what the killed leave behind goes with it, and a crash
 // is a failure like any other.
 Outcome play_apart(const HistoryOptions& options) {
+  Outcome outcome{.failure = {"the program crashed"}};
   int ends[2];
   if (::pipe(ends) != 0) std::abort();
   (void)std::fflush(nullptr);
@@ -42,22 +53,13 @@ Outcome play_apart(const HistoryOptions& options) {
       (void)!std::freopen("/dev/null", "w", stdout);
       (void)!std::freopen("/dev/null", "w", stderr);
     }
-    Outcome outcome;
-    History history(options);
-    outcome.incidents = history.play();
-    outcome.runs = history.model.runs;
-    outcome.held = history.model.failure.empty();
-    std::snprintf(outcome.failure.data(), outcome.failure.size(), "%s",
-                  history.model.failure.c_str());
+    outcome = play(options);
     (void)std::fflush(nullptr);
     (void)!::write(ends[1], &outcome, sizeof outcome);
     ::_exit(0);
   }
   ::close(ends[1]);
-  Outcome outcome;
-  if (::read(ends[0], &outcome, sizeof outcome) != static_cast<ssize_t>(sizeof outcome)) {
-    std::snprintf(outcome.failure.data(), outcome.failure.size(), "the program crashed");
-  }
+  (void)!::read(ends[0], &outcome, sizeof outcome);  // whole or not at all
   ::close(ends[0]);
   (void)::waitpid(child, nullptr, 0);
   return outcome;
@@ -66,7 +68,7 @@ Outcome play_apart(const HistoryOptions& options) {
 int play_one(HistoryOptions options) {
   options.verbose = true;
   const Outcome outcome = play_apart(options);
-  std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed),
+  std::printf("seed %lu: %s\n", options.seed,
               outcome.held ? "everything held" : outcome.failure.data());
   return outcome.held ? 0 : 1;
 }
@@ -85,38 +87,36 @@ int shrink(HistoryOptions options) {
     }
   }
   std::string left_out;
-  for (const std::size_t i : options.without) {
-    left_out += (left_out.empty() ? "" : ",") + std::to_string(i);
-  }
+  for (const std::size_t i : options.without) left_out += "," + std::to_string(i);
   const int status = play_one(options);
-  std::printf("%zu of %zu incidents are needed: --seed %llu --without %s\n",
-              whole.incidents - options.without.size(), whole.incidents,
-              static_cast<unsigned long long>(options.seed), left_out.c_str());
+  std::printf("%zu of %zu incidents are needed: --seed %lu --without %s\n",
+              whole.incidents - options.without.size(), whole.incidents, options.seed,
+              left_out.empty() ? "" : left_out.c_str() + 1);
   return status;
 }
 
 int play_many(HistoryOptions options, double minutes, std::uint64_t count) {
-  const auto start = std::chrono::steady_clock::now();
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
   const auto seconds = [start] {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return std::chrono::duration<double>(Clock::now() - start).count();
   };
-  std::uint64_t played = 0;
+  const std::uint64_t first = options.seed;
   std::uint64_t failed = 0;
   std::uint64_t runs = 0;
-  for (; minutes > 0 ? seconds() < minutes * 60 : played < count; ++played, ++options.seed) {
+  for (; minutes > 0 ? seconds() < minutes * 60 : options.seed < first + count; ++options.seed) {
     const Outcome outcome = play_apart(options);
     runs += outcome.runs;
     if (outcome.held) continue;
     ++failed;
-    std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed),
-                outcome.failure.data());
+    std::printf("seed %lu: %s\n", options.seed, outcome.failure.data());
     (void)std::fflush(stdout);
   }
-  std::printf("%llu histories, %.1f years, %llu runs in %.1f s: %llu failed\n",
-              static_cast<unsigned long long>(played),
-              static_cast<double>(played) * static_cast<double>(options.days + 3) / 365.25,
-              static_cast<unsigned long long>(runs), seconds(),
-              static_cast<unsigned long long>(failed));
+  const std::uint64_t played = options.seed - first;
+  std::printf("seeds %lu to %lu: %lu histories, %.1f years, %lu runs in %.1f s: %lu failed\n",
+              first, options.seed - 1, played,
+              static_cast<double>(played) * static_cast<double>(options.days + 3) / 365.25, runs,
+              seconds(), failed);
   return failed == 0 ? 0 : 1;
 }
 
@@ -130,31 +130,18 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::map<std::string, std::string> words;
+  for (int i = 1; i + 1 < argc; i += 2) words[argv[i]] = argv[i + 1];
+  if (argc % 2 == 0) return usage();
   HistoryOptions options;
-  double minutes = 0;
-  std::uint64_t count = 0;
-  const char* mode = "";
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string word = argv[i];
-    const char* const value = argv[i + 1];
-    if (word == "--seed" || word == "--shrink" || word == "--from") {
-      options.seed = std::strtoull(value, nullptr, 10);
-      if (word != "--from") mode = argv[i];
-    } else if (word == "--without") {
-      std::stringstream list(value);
-      for (std::string item; std::getline(list, item, ',');) {
-        options.without.insert(std::strtoull(item.c_str(), nullptr, 10));
-      }
-    } else if (word == "--minutes") {
-      minutes = std::strtod(value, nullptr);
-    } else if (word == "--count") {
-      count = std::strtoull(value, nullptr, 10);
-    } else {
-      return usage();
-    }
+  for (const char* word : {"--seed", "--shrink", "--from"}) {
+    if (words.contains(word)) options.seed = std::stoull(words[word]);
   }
-  if (argc % 2 == 0 || argc < 3) return usage();
-  if (std::strcmp(mode, "--seed") == 0) return play_one(options);
-  if (std::strcmp(mode, "--shrink") == 0) return shrink(options);
-  return play_many(options, minutes, count);
+  std::stringstream list(words["--without"]);
+  for (std::string item; std::getline(list, item, ',');) options.without.insert(std::stoul(item));
+  if (words.contains("--seed")) return play_one(options);
+  if (words.contains("--shrink")) return shrink(options);
+  if (words.contains("--count")) return play_many(options, 0, std::stoull(words["--count"]));
+  if (words.contains("--minutes")) return play_many(options, std::stod(words["--minutes"]), 0);
+  return usage();
 }

@@ -16,49 +16,40 @@
 
 namespace orv::sim {
 
-struct ModelJob {
+struct JobPlan {
   std::string name;
-  std::string schedule;
+  std::string schedule = {};
+  std::vector<std::string> after = {};
   std::int64_t once = 0;  // Unix seconds; 0: none
-  std::vector<std::string> after;
-  bool after_finished = false;
+  bool finished = false;  // the mode of 'after'
   bool enabled = true;
-  std::int64_t serial = -1;  // of the newest change through the API
+  std::uint32_t timeout_s = 0;  // 0: not set
+  std::int64_t serial = 0;      // of the newest change through the API
 };
 
 // The jobs of a configuration text, read as plainly as it can be done.
-[[nodiscard]] std::vector<ModelJob> read_config(const std::string& text);
+[[nodiscard]] std::vector<JobPlan> read_config(std::string_view text);
 
-// The first minute after `after` that the schedule names, or INT64_MAX. Knows what the histories
-// write: a number, "*" and "*/n" for minute and hour, a number or "*" for the day of the week.
-[[nodiscard]] std::int64_t next_nominal(const std::string& schedule, std::int64_t after);
-
-struct ModelRecord {
-  std::string name;
-  int state = 0;
-  int runner = 0;  // pid
-  std::int64_t next_run = 0;
-  std::int64_t started = 0;
-  std::int64_t finished = 0;
-  std::int64_t after_stamp = 0;
-};
-[[nodiscard]] std::vector<ModelRecord> read_queue(const std::string& bytes);
+// The times in a queue file at which its jobs run next.
+[[nodiscard]] std::vector<std::int64_t> next_runs(std::string_view queue);
 
 struct Start {
   std::string job;
   std::int64_t at = 0;  // Unix seconds
 };
 
-class Model : public Observer {
+class Model {
  public:
   // `poll_s`: the daemon's poll interval; `verbose` prints the story.
   void attach(World& world, std::int64_t poll_s, bool verbose);
 
-  void tool_started(const Tool& tool) override;
-  void tool_ended(const Tool& tool) override;
-  void logged(const Process& process, std::string_view line) override;
-  void process_ended(const Process& process, bool killed) override;
+  // What the world reports.
+  void tool_started(const Tool& tool);
+  void tool_ended(const Tool& tool);
+  void logged(const Process& process, std::string_view line);
+  void process_ended(const Process& process, bool killed);
   void mail_handed_over(const Process& process, std::string_view subject);
+  // What the history reports.
   void requested(const std::string& job) { ++requests_[job]; }
   void change_told(const std::string& job, std::int64_t serial) { told_serials_[job] = serial; }
   void people_edited() { told_serials_.clear(); }
@@ -66,12 +57,12 @@ class Model : public Observer {
   void rebooted(bool power_lost);
   // From now until `calm`, writing may fail: what was reported may be missing on the disk.
   void trouble() { troubled_ = true; }
-  void calm();
+  void calm() { troubled_ = false; }
 
   // Whether everything that was due has run; to be asked when nothing runs.
   void check_nothing_waits();
   void check_files();
-  void story(const std::string& line);
+  void story(const std::string& line) const;
   void fail(const std::string& what);
 
   // The first thing that did not hold; empty while all is well.
@@ -80,32 +71,42 @@ class Model : public Observer {
   std::vector<Start> starts;
 
  private:
+  struct Record {
+    int state = 0;
+    int runner = 0;  // pid
+    std::int64_t next_run = 0;
+    std::int64_t finished = 0;
+    std::int64_t after_stamp = 0;
+  };
   struct Track {
     std::string schedule;
     std::int64_t once = 0;
-    std::int64_t covered = 0;  // nominal times up to here are done with
-    std::int64_t next = 0;     // the first nominal time after `covered`
+    std::int64_t next = 0;     // the first nominal time that is not done with
     std::int64_t wanted = 0;   // the first of them that the wall clock shows but once
     bool loose = true;         // the clock was put back: its next time is not known from outside
     bool interrupted = false;  // the outcome of its last run was not kept
     bool busy = false;
+    bool requested = false;     // what runs now was asked for by a client
     std::int64_t consumed = 0;  // the newest dependency finish that a run was made for
     std::int64_t about_to_consume = 0;
   };
-  void adopt(const std::string& text);
-  void cover(Track& track, std::int64_t until);
-  void check_cause(const Tool& tool, const ModelJob& job);
+  static std::map<std::string, Record> read_queue(std::string_view bytes);
+  void adopt(std::string_view text);
+  void cover(Track& track) const;
+  void check_cause(const Tool& tool, const JobPlan& job);
+  void check_waiting(const JobPlan& job, const Record& record);
   void finished(const Process& process, const std::string& job, const std::string& result);
-  void note_settled(const Process& process);
-  [[nodiscard]] const ModelJob* job_of(const std::string& name) const;
+  void settle(const Process& process);
+  void loosen_all();
+  [[nodiscard]] const JobPlan* job_of(const std::string& name) const;
   // The newest end of what the job waits for, when all of that is as it must be.
-  [[nodiscard]] std::optional<std::int64_t> dependency_stamp(const ModelJob& job) const;
+  [[nodiscard]] std::optional<std::int64_t> dependency_stamp(const JobPlan& job) const;
 
   World* world_ = nullptr;
   std::int64_t poll_s_ = 30;
   bool verbose_ = false;
   bool troubled_ = false;
-  std::vector<ModelJob> jobs_;  // in force
+  std::vector<JobPlan> jobs_;  // in force
   std::map<std::string, Track> tracks_;
   std::map<std::string, int> requests_;
   std::map<std::string, std::int64_t> told_serials_;

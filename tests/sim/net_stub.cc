@@ -19,9 +19,9 @@ void net_stop_api(NetSupervisor& sup) { sup.api.enabled = false; }
 
 void net_pump(NetSupervisor& sup) {
   sim::History& history = *sim::current_history;
-  while (sup.api.handler_context != nullptr && !history.api_requests.empty()) {
-    const auto request = std::move(history.api_requests.front());
-    history.api_requests.pop_front();
+  while (sup.api.handler_context != nullptr && !history.requests.empty()) {
+    const auto request = std::move(history.requests.front());
+    history.requests.pop_front();
     request(sup.api.handler_context);
   }
 }
@@ -30,7 +30,7 @@ void net_wait(NetSupervisor& sup, int timeout_ms) {
   sim::World& world = *sim::current_world;
   const std::int64_t asked = timeout_ms * (sim::kSecond / 1000);
   const std::uint64_t events = world.events;
-  if (sim::current_history->api_requests.empty()) {
+  if (sim::current_history->requests.empty()) {
     world.block([&world, events] { return world.events != events; }, world.quiet_until(asked));
   }
   net_pump(sup);

@@ -28,28 +28,18 @@ inline constexpr const char* kConfigPath = "/etc/orv/orv_sched.cfg";
 inline constexpr const char* kQueuePath = "/var/lib/orv_sched/queue.state";
 inline constexpr const char* kLogDir = "/var/log/jobs";
 
+class Model;
 struct Tool;
-
-struct Pipe {
-  std::string data;
-  int writers = 0;
-};
+using ToolRef = std::shared_ptr<Tool>;
 
 struct OpenFile {
-  enum class Kind { File, Directory, PipeRead, PipeWrite, Leash, Pidfd, Null, Terminal };
-  Kind kind = Kind::File;
-  NodeRef node;
-  std::shared_ptr<Pipe> pipe;
-  std::shared_ptr<Tool> tool;
-  std::string path;
+  NodeRef node;       // none: a socket, or what `tool` says
+  ToolRef tool = {};  // of a pidfd
+  std::string path = {};
   int flags = 0;
   std::uint64_t offset = 0;
-  OpenFile() = default;
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
   ~OpenFile() {
     if (node && node->locked_by == this) node->locked_by = nullptr;
-    if (kind == Kind::PipeWrite) --pipe->writers;
   }
 };
 using OpenRef = std::shared_ptr<OpenFile>;
@@ -64,7 +54,7 @@ struct Tool {
   bool forced = false;  // started beside others on purpose
   bool stubborn = false;
   std::int64_t started_ticks = 0;
-  std::int64_t ends = kForever;  // nanoseconds since boot
+  std::int64_t ends = kForever;  // nanoseconds since the world began
   int exit_code = 0;
   int status = 0;  // as waitpid() reports it
   OpenRef output;
@@ -91,7 +81,7 @@ struct Process {
   std::map<int, OpenRef> fds;
   std::map<int, void (*)(int)> handlers;  // null: ignored
   std::vector<int> signals;               // sent, not yet handled
-  std::shared_ptr<Tool> tool;             // the newest that it forked
+  ToolRef tool;                           // the newest that it forked
   std::uint64_t calls = 0;
   std::uint64_t dies_at = UINT64_MAX;   // the call in which it is killed
   std::uint64_t fails_at = UINT64_MAX;  // the call that fails
@@ -99,18 +89,9 @@ struct Process {
   std::string log_line;                 // not ended yet
 };
 
-// What the world reports to whoever keeps the books.
-struct Observer {
-  virtual ~Observer() = default;
-  virtual void tool_started(const Tool& tool) = 0;
-  virtual void tool_ended(const Tool& tool) = 0;
-  virtual void logged(const Process& process, std::string_view line) = 0;
-  virtual void process_ended(const Process& process, bool killed) = 0;
-};
-
 class World {
  public:
-  World(std::uint64_t seed, Observer& observer);
+  World(std::uint64_t seed, Model& model);
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
@@ -120,20 +101,21 @@ class World {
   void send_signal(Process& process, int number);
   void kill_process(Process& process);  // SIGKILL; does not return when it is the running one
   void reboot(bool power_loss);
-  // Runs everything until `mono` nanoseconds since boot.
+  // Runs everything until `mono` nanoseconds since the world began.
   void run_until(std::int64_t mono);
+  void run_for(std::int64_t nanoseconds) { run_until(mono + nanoseconds); }
   // Calls `what` at that time; it counts as something that happened.
   void at(std::int64_t mono, std::function<void()> what);
 
-  [[nodiscard]] std::int64_t wall() const { return (mono + wall_offset) / kSecond; }
+  [[nodiscard]] std::int64_t wall_ns() const { return mono + wall_offset; }
+  [[nodiscard]] std::int64_t wall() const { return wall_ns() / kSecond; }
   [[nodiscard]] Process* find_process(std::string_view what);
   [[nodiscard]] Process* process_of(int pid);
-  [[nodiscard]] std::shared_ptr<Tool> tool_of(int pid);
+  [[nodiscard]] ToolRef tool_of(int pid);
   int new_pid();
 
   // For the system calls of the running process.
   void block(std::function<bool()> ready, std::int64_t deadline);
-  void yield();
   void let_go(Tool& tool);
   void end_tool(Tool& tool, int status);
   // How long a process that only waits for its next look may sleep: to the next event, or to the
@@ -144,7 +126,7 @@ class World {
   std::function<void(Tool&)> shape;
 
   Rng rng;
-  Observer& observer;
+  Model& model;
   Disk disk;
   std::int64_t mono = kSecond;  // nanoseconds since the world began; goes on over a reboot
   std::int64_t wall_offset = 0;
@@ -153,14 +135,11 @@ class World {
   std::string boot_id;
   Process* running = nullptr;
   std::vector<std::unique_ptr<Process>> processes;
-  std::vector<std::shared_ptr<Tool>> tools;
+  std::vector<ToolRef> tools;
   bool races = false;  // processes may be interrupted between any two calls
 
  private:
-  void happened() {
-    ++events;
-    last_change = mono;
-  }
+  void happened();
   void resume(Process& process);
   void take_image(Process& process);
   void end_process(Process& process, bool killed);
