@@ -9,6 +9,7 @@
 #include "cli/console.h"
 #include "common/terminal.h"
 #include "common/times.h"
+#include "config/after_list.h"
 #include "config/config.h"
 #include "config/job_command.h"
 #include "sched/queue_file.h"
@@ -20,14 +21,7 @@ namespace {
 constexpr std::size_t kMaxAfterCell = 511;  // bytes
 
 std::string after_cell(const Job& job) {
-  if (job.after.empty()) return "-";
-  std::string text;
-  for (const JobName& name : job.after) {
-    if (!text.empty()) text += ",";
-    text += name.view();
-  }
-  if (job.after_mode == AfterMode::Finished) text += " (finished)";
-  return text.substr(0, kMaxAfterCell);
+  return job.after.empty() ? "-" : after_text(job).substr(0, kMaxAfterCell);
 }
 
 // The whole row is coloured; a state without a colour needs no reset either.

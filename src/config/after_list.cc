@@ -22,4 +22,14 @@ bool parse_after(std::string_view text, std::vector<JobName>& out, std::span<cha
   return true;
 }
 
+std::string after_text(const Job& job) {
+  std::string text;
+  for (const JobName& name : job.after) {
+    if (!text.empty()) text += ",";
+    text += name.view();
+  }
+  if (!text.empty() && job.after_mode == AfterMode::Finished) text += " (finished)";
+  return text;
+}
+
 }  // namespace orv

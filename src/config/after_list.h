@@ -3,6 +3,7 @@
 #define ORV_CONFIG_AFTER_LIST_H_
 
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -15,6 +16,10 @@ namespace orv {
 // kMaxAfter.
 [[nodiscard]] bool parse_after(std::string_view text, std::vector<JobName>& out,
                                std::span<char> err);
+
+// The list as people read it: "a,b", with " (finished)" after it when that is the mode; empty when
+// the job waits for nothing.
+[[nodiscard]] std::string after_text(const Job& job);
 
 }  // namespace orv
 

@@ -97,8 +97,7 @@ CivilDate day_after(const CivilDate& date) {
 }
 
 bool qualifies(const CronSpec& cron, const CivilDate& date) {
-  return cron.month[date.month] != 0 && cron.day_of_month[date.day] != 0 &&
-         (cron.day_of_week[date.weekday] != 0 || (date.weekday == 0 && cron.day_of_week[7] != 0));
+  return cron_allows_date(cron, date.month, date.day, date.weekday);
 }
 
 std::optional<std::tm> local_time(std::int64_t at) {
@@ -294,6 +293,12 @@ bool cron_parse(std::string_view text, CronSpec& out, std::span<char> err) {
   }
   out = cron;
   return true;
+}
+
+bool cron_allows_date(const CronSpec& cron, std::size_t month, std::size_t day,
+                      std::size_t weekday) {
+  return cron.month[month] != 0 && cron.day_of_month[day] != 0 &&
+         (cron.day_of_week[weekday] != 0 || (weekday == 0 && cron.day_of_week[7] != 0));
 }
 
 std::int64_t cron_next_run(const CronSpec& cron, std::int64_t now, bool include_current_minute) {

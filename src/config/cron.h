@@ -37,6 +37,11 @@ static_assert(sizeof(CronSpec) == 137);
 [[nodiscard]] bool cron_parse_field(std::string_view text, unsigned low, unsigned high,
                                     std::span<std::uint8_t> flags);
 
+// Whether the fields allow a date: month 1..12, day 1..31, and the weekday that it is, 0 for
+// Sunday.
+[[nodiscard]] bool cron_allows_date(const CronSpec& cron, std::size_t month, std::size_t day,
+                                    std::size_t weekday);
+
 // The first time at or after the minute of `now` (`include_current_minute`) or after that minute,
 // in Unix seconds; kCronNoRun when no date within the horizon has one. Local times that a
 // daylight-saving change skips are passed over; of a repeated hour the first pass counts.

@@ -22,10 +22,9 @@ std::int64_t change_between(std::int64_t low, std::int64_t high) {
 }
 
 bool matches(const CronSpec& cron, const struct tm& at) {
-  const auto day = static_cast<std::size_t>(at.tm_wday);
-  return (cron.day_of_week[day] != 0 || (day == 0 && cron.day_of_week[7] != 0)) &&
-         cron.month[static_cast<std::size_t>(at.tm_mon) + 1] != 0 &&
-         cron.day_of_month[static_cast<std::size_t>(at.tm_mday)] != 0 &&
+  return cron_allows_date(cron, static_cast<std::size_t>(at.tm_mon) + 1,
+                          static_cast<std::size_t>(at.tm_mday),
+                          static_cast<std::size_t>(at.tm_wday)) &&
          cron.hour[static_cast<std::size_t>(at.tm_hour)] != 0 &&
          cron.minute[static_cast<std::size_t>(at.tm_min)] != 0;
 }

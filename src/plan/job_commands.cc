@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "config/after_list.h"
 #include "config/job_argv.h"
 #include "plan/check.h"
 #include "plan/commands.h"
@@ -24,15 +25,6 @@ namespace {
 constexpr std::size_t kNextRunsShown = 5;
 constexpr std::size_t kLastRunsShown = 5;
 
-std::string join(const std::vector<JobName>& names) {
-  std::string text;
-  for (const JobName& name : names) {
-    if (!text.empty()) text += ",";
-    text += printable(name.view());
-  }
-  return text;
-}
-
 // What starts the job, in words.
 std::string trigger_in_words(const Job& job) {
   std::string text;
@@ -43,25 +35,20 @@ std::string trigger_in_words(const Job& job) {
     text = "once at " + clock_text(job.once);
   }
   if (!job.after.empty()) {
-    text += std::string(text.empty() ? "" : ", ") + "after " + join(job.after) +
-            (job.after_mode == AfterMode::Finished ? " (finished)" : "");
+    text += std::string(text.empty() ? "" : ", ") + "after " + printable(after_text(job));
   }
   return text.empty() ? "by hand only" : text;
 }
 
 // The next times that start the job, an overdue one first.
 std::vector<std::int64_t> next_runs(const Plan& plan, const Job& job, const QueueRecord& record) {
-  if (!job.enabled || !has_time(job)) return {};
-  std::int64_t next = record.next_run;
-  // A running job's time is the one that it was started for, unless it was run by hand.
-  if (record_state(record) == JobState::Running && next <= plan.now) {
-    next = job.has_schedule ? first_next_run(job, plan.now) : kNever;
-  }
-  if (next < 1 || next == kNever) return {};
-  std::vector<std::int64_t> times = {next};
+  const bool running = record_state(record) == JobState::Running;
+  const std::optional<std::int64_t> next = next_start(job, record, plan.now, running);
+  if (!next || !has_time(job)) return {};
+  std::vector<std::int64_t> times = {*next};
   if (job.has_schedule) {
     const std::vector<std::int64_t> more =
-        next_matches(job.schedule, std::max(next, plan.now), kNextRunsShown - 1);
+        next_matches(job.schedule, std::max(*next, plan.now), kNextRunsShown - 1);
     times.insert(times.end(), more.begin(), more.end());
   }
   return times;

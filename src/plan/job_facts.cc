@@ -16,15 +16,6 @@ std::optional<std::int64_t> due_since(const Plan& plan, const Job& job, const Qu
   return since > 0 ? std::optional(since) : std::nullopt;
 }
 
-// The next time that will start the job. A running job's own time is the one it was started for.
-std::optional<std::int64_t> next_run(const Plan& plan, const Job& job, const QueueRecord& record,
-                                     bool running) {
-  if (!job.enabled) return std::nullopt;
-  std::int64_t next = record.next_run;
-  if (running && next <= plan.now) next = job.has_schedule ? first_next_run(job, plan.now) : kNever;
-  return next > 0 && next != kNever ? std::optional(next) : std::nullopt;
-}
-
 // Goes through the runs from the newest, until nothing more is to be learned.
 void take_runs(JobRuns& runs, JobFacts& facts) {
   constexpr std::size_t kMostRead = 5000;  // of a job whose logs are never removed
@@ -73,7 +64,7 @@ JobFacts collect_facts(const Plan& plan, const Job& job, JobRuns& runs, LongestG
   const QueueRecord* const record = queue_find(plan.queue, job.name.view());
   if (record == nullptr || !facts.queue_known) return facts;
   facts.due_since = due_since(plan, job, *record);
-  facts.next_run = next_run(plan, job, *record, facts.running_since.has_value());
+  facts.next_run = next_start(job, *record, plan.now, facts.running_since.has_value());
   facts.other_running = plan.obstacle && plan.obstacle->unread == 0 && !plan.obstacle->lost &&
                         plan.obstacle->job != job.name.view();
   return facts;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sched/queue_schedule.h"
+
 namespace orv {
 namespace {
 
@@ -20,6 +22,15 @@ std::optional<std::int64_t> longest_gap(const CronSpec& schedule, std::int64_t n
 }
 
 }  // namespace
+
+std::optional<std::int64_t> next_start(const Job& job, const QueueRecord& record, std::int64_t now,
+                                       bool running) {
+  if (!job.enabled) return std::nullopt;
+  std::int64_t next = record.next_run;
+  // A run by hand leaves a time to come as it is: that one is still to be kept.
+  if (running && next <= now) next = job.has_schedule ? first_next_run(job, now) : kNever;
+  return next > 0 && next != kNever ? std::optional(next) : std::nullopt;
+}
 
 std::vector<std::int64_t> next_matches(const CronSpec& schedule, std::int64_t now,
                                        std::size_t most) {

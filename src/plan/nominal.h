@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "config/config.h"
+#include "sched/queue_record.h"
 
 namespace orv {
 
@@ -23,6 +24,11 @@ inline constexpr std::size_t kNominalTimes = 10;  // taken on either side of now
 // The first `most` matches after `now`, oldest first.
 [[nodiscard]] std::vector<std::int64_t> next_matches(const CronSpec& schedule, std::int64_t now,
                                                      std::size_t most);
+
+// The next time, in Unix seconds, that will start the job: its record's, unless it is running and
+// that is the time it was started for. None when no time is set, and for a disabled job.
+[[nodiscard]] std::optional<std::int64_t> next_start(const Job& job, const QueueRecord& record,
+                                                     std::int64_t now, bool running);
 
 // The longest rest between two nominal times, for the jobs of one configuration. A job that waits
 // for others can run no more often than they: it has the longest of its own gap and theirs. Each
