@@ -111,6 +111,7 @@ std::string health_reason(const JobFacts& facts, Health health, std::int64_t now
              " and not started, though no other job is running";
     case Health::Slow: return slow_reason(facts, now);
     case Health::Never:
+      if (!facts.logs_known) return "no run is known, its logs cannot be read";
       return facts.next_run ? "first run " + clock_text(*facts.next_run) : "has not run yet";
     case Health::Running: return "since " + clock_text(*facts.running_since);
     case Health::Waiting:

@@ -34,6 +34,7 @@ struct JobFacts {
   bool has_time_or_dependencies = false;
   bool once = false;        // it has a once time
   bool queue_known = true;  // false: the queue cannot be read, and running and due are guesses
+  bool logs_known = true;   // false: some logs cannot be read, and there may be other runs
 
   std::optional<std::int64_t> running_since;  // none: it does not run
   bool other_running = false;                 // another job runs

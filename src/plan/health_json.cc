@@ -46,7 +46,7 @@ void write_job(JsonWriter& json, const HealthReport& report, const JobHealth& ro
                facts.last_finished ? facts.last_finished->duration_s() : std::nullopt);
   known_member(json, "last_success", start_of(facts.last_success));
   known_member(json, "usual_duration", facts.usual_s);
-  json.integer_member("consecutive_failures", facts.failures);
+  json.integer_member("consecutive_failures", facts.failures, facts.logs_known);
   known_member(json, "failing_since", facts.failing_since);
   known_member(json, "next_run", facts.next_run);
   known_member(json, "due_since", facts.due_since);

@@ -35,7 +35,7 @@ constexpr JobMetric kJobMetrics[] = {
      [](const JobFacts& f, std::int64_t) {
        return f.last_finished && f.last_finished->exit_code ? Value(*f.last_finished->exit_code) : Value(); }},
     {"orv_sched_job_consecutive_failures", "Failed runs in a row up to now.",
-     [](const JobFacts& f, std::int64_t) { return Value(f.failures); }},
+     [](const JobFacts& f, std::int64_t) { return f.logs_known ? Value(f.failures) : Value(); }},
     {"orv_sched_job_next_run_timestamp_seconds", "Time of the next scheduled run.",
      [](const JobFacts& f, std::int64_t) { return f.next_run; }},
     {"orv_sched_job_late_seconds", "For how long the job has been due without running, 0 when on time.",

@@ -111,8 +111,9 @@ std::string jobs_summary(const HealthReport& report) {
   }
   if (!text.empty()) return text;
   if (!report.config_message.empty()) return "jobs not known";
-  return std::to_string(report.jobs.size()) +
-         (report.jobs.size() == 1 ? " job, nothing wrong" : " jobs, nothing wrong");
+  text = std::to_string(report.jobs.size()) + (report.jobs.size() == 1 ? " job" : " jobs");
+  // With no daemon, say, something is wrong all the same.
+  return text + (health_wrong(report) ? ", none in trouble" : ", nothing wrong");
 }
 
 std::string scheduler_summary(const HealthReport& report) {

@@ -48,7 +48,8 @@ struct HealthReport {
 // How many jobs have each health, in the order of kHealths.
 [[nodiscard]] std::array<unsigned, kHealthCount> count_healths(const HealthReport& report);
 
-// "2 failed, 1 stale"; "5 jobs, nothing wrong" when no job is in trouble.
+// "2 failed, 1 stale"; when no job is in trouble "5 jobs, nothing wrong", or "none in trouble" when
+// something else is wrong.
 [[nodiscard]] std::string jobs_summary(const HealthReport& report);
 // The scheduler's line: daemon, configuration, queue and logs.
 [[nodiscard]] std::string scheduler_summary(const HealthReport& report);

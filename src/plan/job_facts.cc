@@ -59,6 +59,9 @@ JobFacts collect_facts(const Plan& plan, const Job& job, JobRuns& runs, LongestG
   facts.longest_gap = gaps.of(job);
   facts.time_limit = time_limit(job, plan.config.sched.job_timeout_s);
   take_runs(runs, facts);
+  facts.logs_known =
+      std::none_of(runs.notes().begin(), runs.notes().end(),
+                   [](const LogNote& note) { return note.fault == LogFault::Unreadable; });
   if (facts.last_run) facts.first_start = runs.start(runs.size() - 1);
   facts.queue_known = plan.queue_message.empty();
   const QueueRecord* const record = queue_find(plan.queue, job.name.view());

@@ -71,11 +71,14 @@ std::string indented(const std::string& text) {
 
 std::string forecast_table(const Report& report) {
   Table table({"START", "DURATION", "JOB", "WHY"});
-  for (const PlannedRun& run : report.forecast.runs) {
+  const std::vector<PlannedRun>& runs = report.forecast.runs;
+  for (std::size_t i = 0; i < std::min(runs.size(), kForecastRows); ++i) {
+    const PlannedRun& run = runs[i];
     table.add({clock_text(run.start), (run.guessed ? "~" : "") + duration_text(run.end - run.start),
                printable(run.job->name.view()), start_reason_name(run.reason)});
   }
-  return table.text(false);
+  const std::string rest = forecast_rest(report);
+  return table.text(false) + (rest.empty() ? "" : rest + "\n");
 }
 
 std::string totals_table(const Report& report) {
@@ -106,6 +109,12 @@ Report make_report(const Plan& plan, const DaemonProcess& daemon, std::uint32_t 
   return report;
 }
 
+std::string forecast_rest(const Report& report) {
+  const std::size_t count = report.forecast.runs.size();
+  if (count <= kForecastRows) return {};
+  return "and " + plural(count - kForecastRows, "more run");
+}
+
 std::string failure_sentence(const ReportedFailure& failure) {
   const PastRun& run = failure.run;
   std::string text = failure_text(run);
@@ -125,11 +134,14 @@ std::string report_summary(const Report& report) {
   const auto failed = static_cast<std::size_t>(
       std::count_if(report.history.runs.begin(), report.history.runs.end(),
                     [](const HistoryRun& row) { return run_failed(row.run.outcome); }));
-  std::string text = plural(health.jobs.size(), "job") + ", nothing wrong.";
+  std::string text = jobs_summary(health) + ".";
   if (troubled > 0) {
     text = std::to_string(troubled) + " of " + plural(health.jobs.size(), "job") +
-           (troubled == 1 ? " needs" : " need") + " attention: " + jobs_summary(health) + ".";
+           (troubled == 1 ? " needs" : " need") + " attention: " + text;
   }
+  // What is not known goes first: it makes all that follows doubtful.
+  if (!health.logs_message.empty()) text = "Logs cannot be read. " + text;
+  if (!health.queue_message.empty()) text = "The queue cannot be read. " + text;
   if (!health.daemon.running.value_or(true)) text = "No daemon is running. " + text;
   text += " " + plural(report.history.runs.size(), "run") + " in the last " +
           (report.days == 1 ? "day" : std::to_string(report.days) + " days");
@@ -152,6 +164,10 @@ std::string report_text(const Report& report) {
   if (!report.history.jobs.empty()) out += "\nRAN\n" + indented(totals_table(report));
   if (!report.forecast.runs.empty()) {
     out += "\nNEXT 24 HOURS\n" + indented(forecast_table(report));
+  }
+  if (!report.history.notes.empty()) out += "\nNOTES\n";
+  for (const LogNote& note : report.history.notes) {
+    out += "  " + printable(note.log) + " " + note.text + "\n";
   }
   return out;
 }

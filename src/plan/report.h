@@ -13,7 +13,8 @@
 namespace orv {
 
 inline constexpr std::size_t kLogLinesShown = 10;  // of each failure
-inline constexpr std::size_t kLogLineBytes = 300;  // a longer line is cut, between characters
+inline constexpr std::size_t kLogLineBytes = 300;  // a longer line is cut
+inline constexpr std::size_t kForecastRows = 100;  // of a mail that is to be read
 
 // A job that failed in the time reported on, or whose newest finished run failed before it.
 struct ReportedFailure {
@@ -35,6 +36,8 @@ struct Report {
 // `plan` outlives the report. Of a plan that is not complete only the scheduler's part is filled.
 [[nodiscard]] Report make_report(const Plan& plan, const DaemonProcess& daemon, std::uint32_t days);
 
+// "and 43 more runs" beyond kForecastRows of the forecast; empty when there are none.
+[[nodiscard]] std::string forecast_rest(const Report& report);
 // "exit 1, run of 2026-11-22 02:30:00, 3 in a row".
 [[nodiscard]] std::string failure_sentence(const ReportedFailure& failure);
 // "2 of 12 jobs need attention: 1 failed, 1 stale. 14 runs in the last day, 3 of them failed."

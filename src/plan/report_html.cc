@@ -19,7 +19,8 @@ color:#1f2933;background:#fff}
 h1{font-size:20px;margin:0 0 4px}h2{font-size:16px;margin:28px 0 8px}
 .sum{font-size:17px;margin:10px 0}.dim{color:#5f6b78}
 table{border-collapse:collapse}td,th{text-align:left;padding:4px 18px 4px 0;vertical-align:top;
-border-bottom:1px solid #e3e7ec}th{font-weight:600;color:#5f6b78}td.n,th.n{text-align:right}
+border-bottom:1px solid #e3e7ec}th{font-weight:600;color:#5f6b78}td.n,th.n{text-align:right;
+white-space:nowrap}
 .bad{color:#b3261e;font-weight:600}.good{color:#1f7a45;font-weight:600}
 pre{background:#f4f6f8;border-left:3px solid #c62f2f;padding:8px 12px;margin:6px 0 14px;
 overflow-x:auto;font:13px/1.45 ui-monospace,"DejaVu Sans Mono",monospace;white-space:pre-wrap;
@@ -84,17 +85,22 @@ void add_forecast_table(const Report& report, std::string& out) {
   out +=
       "<h2>Next 24 hours</h2>\n<table>\n<tr><th>Start</th><th class=\"n\">Duration</th>"
       "<th>Job</th><th>Why</th></tr>\n";
-  constexpr std::size_t kRows = 100;  // of a mail that is to be read
-  for (std::size_t i = 0; i < std::min(report.forecast.runs.size(), kRows); ++i) {
+  for (std::size_t i = 0; i < std::min(report.forecast.runs.size(), kForecastRows); ++i) {
     const PlannedRun& run = report.forecast.runs[i];
     out += "<tr>" + cell(clock_text(run.start)) +
            cell((run.guessed ? "~ " : "") + duration_text(run.end - run.start), "n") +
            name_cell(*run.job) + cell(start_reason_name(run.reason)) + "</tr>\n";
   }
   out += "</table>\n";
-  if (report.forecast.runs.size() > kRows) {
-    out += "<p class=\"dim\">and " + std::to_string(report.forecast.runs.size() - kRows) +
-           " more runs</p>\n";
+  const std::string rest = forecast_rest(report);
+  if (!rest.empty()) out += "<p class=\"dim\">" + rest + "</p>\n";
+}
+
+void add_notes(const Report& report, std::string& out) {
+  if (report.history.notes.empty()) return;
+  out += "<h2>Notes</h2>\n";
+  for (const LogNote& note : report.history.notes) {
+    out += "<div class=\"dim\">" + escape_markup(note.log + " " + note.text) + "</div>\n";
   }
 }
 
@@ -124,6 +130,7 @@ std::string report_html(const Plan& plan, const Report& report) {
         "<h2>Timeline</h2>\n<div class=\"pic\">\n" + picture_svg(plan.config, picture) + "</div>\n";
   }
   add_forecast_table(report, out);
+  add_notes(report, out);
   return out + "</body>\n</html>\n";
 }
 

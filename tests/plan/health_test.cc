@@ -194,6 +194,7 @@ TEST_F(HealthReportTest, BadLogsCostNothingElseItsAnswer) {
   EXPECT_EQ(all.jobs[0].notes.size(), 4U);
   EXPECT_TRUE(contains(all.logs_message, "logs/dir cannot be read"));
   EXPECT_TRUE(contains(health_text(all, false), "is no log of this job"));
+  EXPECT_FALSE(contains(health_prometheus(all), "consecutive_failures{job=\"dir\"}"));
 }
 
 TEST_F(HealthReportTest, StatusesFollowThePluginConvention) {
@@ -220,6 +221,7 @@ TEST_F(HealthReportTest, StatusesFollowThePluginConvention) {
   EXPECT_EQ(nagios(refused), "1 ORV_SCHED WARNING");
   int status = 0;
   EXPECT_TRUE(contains(health_nagios(refused, status), "a\\x7cb"));
+  EXPECT_TRUE(contains(health_nagios(report(false), status), "2 jobs, none in trouble; no daemon"));
 }
 
 TEST(PrometheusLabel, IsTakenByTheParserAndNeverShared) {
