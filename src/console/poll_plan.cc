@@ -36,11 +36,13 @@ bool PollPlan::wants_jobs(std::int64_t now_ms) const {
   return sweep_ || !changed_.empty() || now_ms >= jobs_due_ms_;
 }
 
-// The newest first: they are what the page shows of the last 24 hours.
+// The newest first: they are what the page shows of the last 24 hours. A job that runs has no new
+// one yet, but when nothing is known of it, how long it usually takes is just what is wanted.
 const KnownJob* PollPlan::wants_runs() const {
   const KnownJob* newest = nullptr;
   for (const KnownJob& job : known_.jobs) {
-    if (job.running || job.last.start == 0 || job.runs_upto == job.last) continue;
+    if (job.last.start == 0 || job.runs_upto == job.last) continue;
+    if (job.running && !job.runs.empty()) continue;
     if (newest == nullptr || job.last.start > newest->last.start) newest = &job;
   }
   return newest;

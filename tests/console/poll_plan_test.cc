@@ -95,14 +95,19 @@ TEST(PollPlan, AsksUnderHalfARequestASecondHoweverManyJobs) {
 
 TEST(PollPlan, AsksForTheRunsOfAJobAgainOnlyWhenItsLastRunChanged) {
   PlayedServer server;
-  server.jobs = {{"a b", {1000, 2000}}, {"never", {0, 0}}};
+  server.jobs = {{"a b", {1000, 2000}}, {"never", {0, 0}}, {"running", {2500, 0}}};
+  server.running = "\"running\"";
   server.play(kStart + 120'000);
+  EXPECT_EQ(server.asked["/api/v1/jobs/running/runs"], 1);
   EXPECT_EQ(server.asked["/api/v1/jobs/a%20b/runs"], 1);
   EXPECT_EQ(server.asked["/api/v1/jobs/never/runs"], 0);
-  EXPECT_NE(server.shown().find(R"("runs":{"a b":[[1000,2000,"done"],[1,null,"unfinished"]]})"),
+  EXPECT_NE(server.shown().find(R"("runs":{"a b":[[1000,2000,"done"],[1,null,"unfinished"]])"),
             std::string::npos);
   server.jobs["a b"] = {3000, 4000};
+  server.jobs["running"] = {2500, 2900};
+  server.running = "null";
   server.play(kStart + 240'000);
+  EXPECT_EQ(server.asked["/api/v1/jobs/running/runs"], 2);
   EXPECT_EQ(server.asked["/api/v1/jobs/a%20b/runs"], 2);
 }
 
