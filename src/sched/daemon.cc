@@ -99,6 +99,9 @@ ErrorCode daemon_loop(const DaemonSettings& settings, LiveState& live, ApiHandle
   const StopSignals signals({SIGTERM, SIGINT}, IfIgnored::IsCaught);
   // A log reader or a network process that goes away must not take the daemon along.
   (void)::signal(SIGPIPE, SIG_IGN);
+  // The usual way to have a configuration read again, which this daemon does by itself. Ended by
+  // it, it would leave its job's tool behind, and a service manager takes that for a clean end.
+  (void)::signal(SIGHUP, SIG_IGN);
   Dispatch dispatch(settings, live, handler, handler_context);
   if (ErrorCode rc = start_up(dispatch); rc != ErrorCode::Ok) {
     live.config.reset();

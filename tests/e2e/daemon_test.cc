@@ -52,6 +52,7 @@ TEST_F(DaemonTest, LetsARunningJobEndBeforeItStops) {
   EXPECT_EQ(told(), "READY=1\nSTATUS=waiting for the next job");
   EXPECT_TRUE(told().starts_with("STATUS=running job 'a' since 2"));
   ASSERT_TRUE(appears("up"));
+  daemon_->signal(SIGHUP);  // does nothing
   daemon_->signal(SIGINT);
   EXPECT_TRUE(daemon_says("INFO  orv_sched: stopping after job 'a', which is still running\n"));
   EXPECT_EQ(told(), "STOPPING=1\nSTATUS=stopping after job 'a'");
