@@ -23,7 +23,7 @@ void check_jobs(const Config& config) {
       require(find_job(config, name.view()) != nullptr);
     }
     std::vector<const char*> argv;
-    require(build_argv(job, true, argv, {}) == 0);
+    require(build_argv(job, true, argv, {}));
     require(argv.size() > job.args.size() + 1 && argv.back() == nullptr);
   }
 }

@@ -17,7 +17,7 @@ int command_validate(const CommandContext& context) {
   std::vector<const char*> argv;
   // A dry run of what every start of a job does first.
   for (const Job& job : config->jobs) {
-    if (build_argv(job, false, argv, err) != 0) {
+    if (!build_argv(job, false, argv, err)) {
       return complain("[%s]: %s", job.name.c_str(), err.data());
     }
   }

@@ -8,11 +8,11 @@
 
 namespace orv {
 
-int build_argv(const Job& job, bool background, std::vector<const char*>& out,
-               std::span<char> err) {
+bool build_argv(const Job& job, bool background, std::vector<const char*>& out,
+                std::span<char> err) {
   const JobCommandRow* row = find_command_row(job.command);
   if (row == nullptr) {
-    return fail(err, "internal error: unknown command enum %d", static_cast<int>(job.command));
+    return refuse(err, "internal error: unknown command enum %d", static_cast<int>(job.command));
   }
   // The job's own arguments come last: they may end the options with "--".
   try {
@@ -31,9 +31,9 @@ int build_argv(const Job& job, bool background, std::vector<const char*>& out,
     for (const std::string& arg : job.args) argv.push_back(arg.c_str());
     argv.push_back(nullptr);
     out.swap(argv);
-    return 0;
+    return true;
   } catch (const std::bad_alloc&) {
-    return fail(err, "out of memory");
+    return refuse(err, "out of memory");
   }
 }
 

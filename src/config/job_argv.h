@@ -12,9 +12,9 @@ namespace orv {
 // Builds what the job's tool is started with: tool, subcommand, --name <profile>, --background when
 // asked for and taken, --retention and --retention-class, then the job's own arguments; ended by a
 // null pointer that is part of `out` (argument count = out.size() - 1). The pointers borrow
-// from `job` and static storage: the vector must not outlive the job. 0; -1 with a message.
-[[nodiscard]] int build_argv(const Job& job, bool background, std::vector<const char*>& out,
-                             std::span<char> err);
+// from `job` and static storage: the vector must not outlive the job. False with a message.
+[[nodiscard]] bool build_argv(const Job& job, bool background, std::vector<const char*>& out,
+                              std::span<char> err);
 
 }  // namespace orv
 

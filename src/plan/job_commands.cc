@@ -262,7 +262,7 @@ int why_command(const Plan& plan, const Job& job, bool json) {
 int show_command(const Plan& plan, const Job& job, bool json) {
   std::array<char, kConfigMessageSize> err{};
   std::vector<const char*> argv;
-  if (build_argv(job, false, argv, err) != 0) {
+  if (!build_argv(job, false, argv, err)) {
     std::fprintf(stderr, "error: [%s]: %s\n", printable(job.name.view()).c_str(), err.data());
     return kExitFailed;
   }

@@ -198,7 +198,7 @@ JobRunResult run_job(const Job& job, const JobRunSettings& settings, QueueState&
                      ScopedFd& lock, const Poller* poller, CancelSlot* slot) {
   std::vector<const char*> argv;
   std::array<char, kArgvMessageSize> reason{};
-  if (build_argv(job, settings.background, argv, reason) != 0) {
+  if (!build_argv(job, settings.background, argv, reason)) {
     return fail_without_argv(job, reason.data(), queue);
   }
   JobRunResult result;

@@ -46,7 +46,7 @@ TEST(TokenizeArgs, SaysWhatItRefuses) {
 // The vector with --background asked for.
 std::vector<std::string> argv_of(const Job& job) {
   std::vector<const char*> argv;
-  EXPECT_EQ(build_argv(job, true, argv, {}), 0);
+  EXPECT_TRUE(build_argv(job, true, argv, {}));
   EXPECT_EQ(argv.back(), nullptr);
   return {argv.begin(), argv.end() - 1};
 }
@@ -72,7 +72,7 @@ TEST(BuildArgv, LeavesOutWhatTheCommandDoesNotTake) {
   job.command = static_cast<JobCommand>(11);
   std::vector<const char*> argv;
   std::array<char, 64> err{};
-  EXPECT_EQ(build_argv(job, true, argv, err), -1);
+  EXPECT_FALSE(build_argv(job, true, argv, err));
   EXPECT_STREQ(err.data(), "internal error: unknown command enum 11");
 }
 
