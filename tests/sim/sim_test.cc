@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <utility>
 
+#include "sched/queue_record.h"
 #include "sim/history.h"
 
 namespace orv::sim {
@@ -46,6 +48,20 @@ TEST(Stories, NothingStartsBesideARunWhileAnyCallOfThePassFails) {
     });
     story.pass(2);
     ASSERT_EQ(story.history.model.failure, "") << "call " << call;
+  }
+}
+
+TEST(Stories, ARunTriesForTenSecondsToSaveItsEnd) {
+  constexpr std::size_t kStateOfB = 172 + 128;  // in the queue file
+  for (const auto& [seconds, state] : {std::pair(9, JobState::Done), {12, JobState::Failed}}) {
+    BesideALongRun story;
+    World& world = story.history.world;
+    story.history.model.trouble();
+    const std::int64_t end = world.tools[0]->ends;
+    world.at(end, [&] { world.disk.full = true; });
+    world.at(end + seconds * kSecond, [&] { world.disk.full = false; });
+    story.pass(120);
+    EXPECT_EQ(world.disk.read(kQueuePath)[kStateOfB], static_cast<char>(state)) << seconds;
   }
 }
 
