@@ -115,14 +115,27 @@ std::string run_line(const PastRun& run, bool color) {
          (took ? duration_text(*took) : "?");
 }
 
+// As "orv_sched list" shows the state.
+Tone tone_of(JobState state) {
+  switch (state) {
+    case JobState::Pending: return Tone::Waiting;
+    case JobState::Running: return Tone::Active;
+    case JobState::Done: return Tone::Good;
+    case JobState::Failed: return Tone::Bad;
+    case JobState::Disabled: break;
+  }
+  return Tone::Plain;
+}
+
 // A screen of labels and lines, in the order in which a person asks.
 std::string why_text(const WhyAnswer& answer) {
   const Job& job = answer.job;
   const bool color = answer.plan.color;
+  const JobState state = record_state(answer.record);
   std::string out =
       lines("job:", {printable(job.name.view())}) + lines("command:", {command_name(job.command)}) +
       lines("enabled:", {job.enabled ? "yes" : "no"}) + lines("runs:", {trigger_in_words(job)}) +
-      lines("state:", {std::string(state_name(record_state(answer.record))) +
+      lines("state:", {toned(state_name(state), tone_of(state), color) +
                        state_note(queue_find(answer.plan.seen, job.name.view()))});
   std::vector<std::string> next;
   for (const std::int64_t time : answer.next) {
