@@ -23,6 +23,10 @@ ErrorCode make_directory(const char* path) {
   return error_from_errno(saved);
 }
 
+FileIdentity identity_of(const struct stat& st) {
+  return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ino, st.st_size};
+}
+
 template <typename Text>
 ErrorCode read_to_end(int fd, std::size_t limit, Text& out) {
   struct stat st {};
@@ -54,19 +58,14 @@ ErrorCode read_to_end(int fd, std::size_t limit, Text& out) {
 }  // namespace
 
 ErrorCode make_directories(std::string_view path) {
-  std::string part;
-  part.reserve(path.size() + 1);
-  for (std::size_t at = 0; at < path.size();) {
-    const std::size_t slash = path.find('/', at);
-    const std::size_t end = slash == std::string_view::npos ? path.size() : slash;
-    part.append(path.substr(at, end - at));
-    if (end > at) {
-      if (ErrorCode rc = make_directory(part.c_str()); rc != ErrorCode::Ok) return rc;
-    }
-    part += '/';
-    at = end + 1;
-  }
-  return ErrorCode::Ok;
+  while (path.ends_with('/')) path.remove_suffix(1);
+  if (path.empty()) return ErrorCode::Ok;
+  const std::string text(path);
+  // Mostly at most the last component is missing: the parents are made when they are missed.
+  const ErrorCode rc = make_directory(text.c_str());
+  if (rc != ErrorCode::NotFound) return rc;
+  const ErrorCode parents = make_parent_directories(path);
+  return parents == ErrorCode::Ok ? make_directory(text.c_str()) : parents;
 }
 
 ErrorCode make_parent_directories(std::string_view path) {
@@ -143,8 +142,12 @@ ErrorCode read_whole(int fd, std::size_t limit, SecretString& out) {
 
 FileIdentity file_identity(const char* path) {
   struct stat st {};
-  if (::stat(path, &st) != 0) return {};
-  return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_ino, st.st_size};
+  return ::stat(path, &st) == 0 ? identity_of(st) : FileIdentity{};
+}
+
+FileIdentity file_identity(int fd) {
+  struct stat st {};
+  return ::fstat(fd, &st) == 0 ? identity_of(st) : FileIdentity{};
 }
 
 ErrorCode read_directory(const std::string& path, std::vector<std::string>& names) {
