@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -11,7 +12,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,6 +32,10 @@ constexpr int kExecFailed = 127;
 // wait is short, because many clients at once look the same, and they wait for their answers.
 constexpr int kMaxHotRounds = 8;
 constexpr int kHotPauseMs = 2;
+constexpr std::size_t kChildStack = 64 * 1024;  // bytes; what is not touched takes no memory
+// How long a child that was let go is waited for until it executes its program. Longer takes only a
+// program on a mount that does not answer.
+constexpr int kExecPatienceMs = 2000;
 
 std::int64_t whole_seconds_since(std::int64_t start_ns) {
   return (monotonic_ns() - start_ns) / 1'000'000'000;
@@ -38,34 +45,33 @@ std::int64_t whole_seconds_since(std::int64_t start_ns) {
 struct ChildPlan {
   std::vector<char*> argv;        // null-ended
   std::vector<char*> shell_argv;  // "/bin/sh", <candidate>, arguments: for a script without "#!"
-  std::vector<std::string> owned_env;
-  std::vector<char*> env;  // null-ended
+  std::vector<char*> env;         // null-ended
   std::vector<std::string> owned_candidates;
   std::vector<char*> candidates;  // the program's possible paths, in the order of the PATH
   int out_fd = -1;                // becomes standard output and error; -1 leaves them alone
   int leash_fd = -1;              // the child's end of its leash
   int parents_leash_fd = -1;      // the other end, which the child must not keep open
+  std::unique_ptr<std::byte[]> stack;
 };
 
 std::string_view variable_name(std::string_view setting) {
   return setting.substr(0, setting.find('='));
 }
 
-void set_variable(ChildPlan& plan, std::string_view setting) {
+// Later settings replace earlier ones of the same name. The strings stay their owners'.
+void set_variable(ChildPlan& plan, const char* setting) {
   const std::string_view name = variable_name(setting);
-  if (name.empty() || name.size() == setting.size()) return;
-  std::erase_if(plan.owned_env, [name](const std::string& s) { return variable_name(s) == name; });
-  plan.owned_env.emplace_back(setting);
+  if (name.empty() || setting[name.size()] != '=') return;
+  std::erase_if(plan.env, [name](const char* other) { return variable_name(other) == name; });
+  plan.env.push_back(const_cast<char*>(setting));  // exec does not write to its environment
 }
 
 void plan_environment(ChildPlan& plan, std::span<const char* const> added) {
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    plan.owned_env.emplace_back(*entry);
+    plan.env.push_back(*entry);
   }
   set_variable(plan, "LVM_SUPPRESS_FD_WARNINGS=1");
   for (const char* setting : added) set_variable(plan, setting);
-  for (std::string& setting : plan.owned_env) plan.env.push_back(setting.data());
-  plan.env.push_back(nullptr);
 }
 
 // The search of execvp(), done here because execvp() itself may allocate: a name with a slash is
@@ -75,7 +81,7 @@ void plan_candidates(ChildPlan& plan, const std::string& program) {
     plan.owned_candidates.push_back(program);
   } else if (!program.empty()) {
     std::string_view path = "/bin:/usr/bin";
-    for (const std::string& setting : plan.owned_env) {
+    for (const char* setting : plan.env) {
       if (variable_name(setting) == "PATH") path = std::string_view(setting).substr(5);
     }
     for (bool more = true; more;) {
@@ -104,6 +110,7 @@ ChildPlan make_plan(const char* const* argv, const CommandOptions& options) {
   }
   plan.argv.push_back(nullptr);
   plan.shell_argv.push_back(nullptr);
+  plan.env.push_back(nullptr);
   return plan;
 }
 
@@ -144,9 +151,11 @@ bool let_go(const ChildPlan& plan) {
   return ::read(plan.leash_fd, &byte, 1) == 1;
 }
 
-// The child, from fork to exec: async-signal-safe calls only. Every signal is blocked on entry, so
-// that none can reach a handler of the scheduler's in here.
-[[noreturn]] void run_child(ChildPlan& plan) {
+// The child, from its start to exec, on a stack of its own but in the parent's memory: it makes
+// system calls and touches nothing but its plan. Every signal is blocked on entry, so that none can
+// reach a handler of the scheduler's in here.
+[[noreturn]] int run_child(void* context) {
+  ChildPlan& plan = *static_cast<ChildPlan*>(context);
   (void)::setpgid(0, 0);  // the parent does the same; whoever comes first wins
   if (!let_go(plan)) ::_exit(kExecFailed);
   if (plan.out_fd >= 0) {
@@ -177,25 +186,21 @@ void keep_exit_codes() {
   }
 }
 
-// Forks with every signal blocked and gives the caller its mask back. -1 when the fork failed.
+// Starts the child without a copy of this process's memory, which would cost as much as the start
+// of a small tool. It shares errno, too, but sets it only once it has been let go. -1 on failure.
 pid_t start_child(ChildPlan& plan) {
   keep_exit_codes();
-  (void)std::fflush(nullptr);  // or the child's copies of unwritten output could be written twice
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  (void)::sigprocmask(SIG_SETMASK, &all, &before);
-  const pid_t pid = ::fork();
-  if (pid == 0) run_child(plan);
-  const int error = errno;
-  (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
+  (void)std::fflush(nullptr);  // what was written before stands before the tool's output
+  plan.stack = std::make_unique_for_overwrite<std::byte[]>(kChildStack);
+  std::byte* const top = plan.stack.get() + kChildStack;
+  const pid_t pid = ::clone(run_child, top, CLONE_VM | SIGCHLD, &plan);
   if (pid > 0) (void)::setpgid(pid, pid);
-  errno = error;
   return pid;
 }
 
 // The socket between a child and its parent: a byte from the parent lets the child go, the end of
-// file tells it that the parent is gone, and the errno of a failed exec comes back on it.
+// file tells it that the parent is gone. What comes back is the end of file when it executes its
+// program, or the errno when it cannot.
 struct Leash {
   ScopedFd parent_end;
   ScopedFd child_end;
@@ -206,8 +211,9 @@ bool make_leash(Leash& leash) {
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
   leash.parent_end.reset(ends[0]);
   leash.child_end.reset(ends[1]);
-  // It must not lie where the tool's own descriptors are put.
-  leash.child_end.reset(::fcntl(ends[1], F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (ends[1] <= STDERR_FILENO) {  // where the tool's own descriptors are put
+    leash.child_end.reset(::fcntl(ends[1], F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  }
   return leash.child_end.valid();
 }
 
@@ -357,8 +363,24 @@ void wait_capturing(Child& child, const CommandOptions& options, Capture& captur
   if (capture.pipe.valid()) capture_rest(capture);
 }
 
+// No signal reaches this process, or the child that it starts, while this lives.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    ::sigfillset(&all);
+    (void)::sigprocmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { (void)::sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
 // Starts the child on its leash; false when that failed.
-bool start(ChildPlan& plan, Child& child) {
+bool put_on_leash(ChildPlan& plan, Child& child) {
   Leash leash;
   if (!make_leash(leash)) return false;
   plan.leash_fd = leash.child_end.get();
@@ -370,11 +392,18 @@ bool start(ChildPlan& plan, Child& child) {
   return true;
 }
 
-// Lets the started child execute its program.
-void release(const Child& child, const BeforeExec& before) {
+// Starts the child and lets it execute its program; false when it could not be started. `plan` must
+// live as long as the child.
+bool start(ChildPlan& plan, const BeforeExec& before, Child& child) {
+  const SignalsBlocked blocked;
+  if (!put_on_leash(plan, child)) return false;
   if (before.call != nullptr) before.call(before.context, child.pid);
   // It can only fail when the child has been killed, and then its status says so.
   (void)!::send(child.leash.get(), "", 1, MSG_NOSIGNAL);
+  // Until the child has done with it, nothing here asks for the errno that the two share.
+  pollfd executed{child.leash.get(), POLLIN, 0};
+  (void)::poll(&executed, 1, kExecPatienceMs);
+  return true;
 }
 
 struct Pipe {
@@ -411,9 +440,8 @@ int run_command_captured(const char* const* argv, const CommandOptions& options,
   (void)::fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK);  // the writer's end stays blocking
   plan.out_fd = pipe.write_end.get();
   Child child;
-  if (!start(plan, child)) return -1;
+  if (!start(plan, options.before_exec, child)) return -1;
   pipe.write_end.reset();
-  release(child, options.before_exec);
   Capture capture{std::move(pipe.read_end), output};
   wait_capturing(child, options, capture, outcome);
   conclude(child, outcome);
@@ -426,8 +454,7 @@ int run_command(const char* const* argv, const CommandOptions& options, int out_
   ChildPlan plan = make_plan(argv, options);
   plan.out_fd = out_fd;
   Child child;
-  if (!start(plan, child)) return -1;
-  release(child, options.before_exec);
+  if (!start(plan, options.before_exec, child)) return -1;
   wait_serving(child, options, poller, outcome);
   conclude(child, outcome);
   return 0;

@@ -373,9 +373,11 @@ int poll(const Call& call, pollfd* fds, nfds_t count, int timeout_ms) {
     int ready = 0;
     for (pollfd* fd = fds; fd < fds + count; ++fd) {
       const OpenFile* const open = call.file(fd->fd);
-      const bool ended = open != nullptr && open->tool && open->tool->state >= Tool::State::Ended;
-      fd->revents = ended ? POLLIN : 0;
-      ready += ended ? 1 : 0;
+      const bool leash = open != nullptr && !open->node && !open->tool;
+      const bool come = leash ? call.self.tool->state != Tool::State::Held
+                              : open != nullptr && open->tool->state >= Tool::State::Ended;
+      fd->revents = come ? POLLIN : 0;
+      ready += come ? 1 : 0;
     }
     return ready;
   };
@@ -389,11 +391,12 @@ int poll(const Call& call, pollfd* fds, nfds_t count, int timeout_ms) {
   return look();
 }
 
-pid_t fork(const Call& call) {
+// Of `start`, which goes on in the child: its parent has nothing left to do but to say so.
+pid_t fork(const Call&) { return 0; }
+
+int clone(const Call& call, int (*)(void*), void*, int, void*) {
   World& world = call.world;
   Process& self = call.self;
-  // `start` goes on in the child: its parent has nothing left to do but to say so.
-  if (self.job.empty() && self.what.starts_with("start")) return 0;
   self.tool = world.tools.emplace_back(std::make_shared<Tool>());
   Tool& tool = *self.tool;
   tool.pid = world.new_pid();
@@ -508,6 +511,7 @@ ORV_SIM_CALL(ssize_t, recv, (int fd, void* into, std::size_t size, int flags), f
 ORV_SIM_CALL(long, syscall, (long number, long pid, long flags), number, pid, flags)
 ORV_SIM_CALL(int, poll, (pollfd* fds, nfds_t count, int timeout_ms), fds, count, timeout_ms)
 ORV_SIM_RISK(pid_t, fork, ())
+ORV_SIM_RISK(int, clone, (int (*body)(void*), void* stack, int flags, void* context), body, stack, flags, context)
 ORV_SIM_CALL(pid_t, waitpid, (pid_t pid, int* status, int flags), pid, status, flags)
 ORV_SIM_CALL(int, kill, (pid_t pid, int number), pid, number)
 ORV_SIM_CALL(int, sigaction, (int number, const struct sigaction* set, struct sigaction* old), number, set, old)
