@@ -59,6 +59,7 @@ struct FileIdentity {
   friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 [[nodiscard]] FileIdentity file_identity(const char* path);
+[[nodiscard]] FileIdentity file_identity(int fd);
 
 // The names of the directory's entries, "." and ".." included, in no order. After a failure errno
 // says why, and `names` has those that were read before it.

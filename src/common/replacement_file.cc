@@ -46,10 +46,11 @@ ErrorCode ReplacementFile::move_to(const std::string& target, DirectoryFlush flu
 }
 
 ErrorCode replace_file(const std::string& target, std::string temporary, std::string_view bytes,
-                       mode_t mode, DirectoryFlush flush) {
+                       mode_t mode, DirectoryFlush flush, ScopedFd* kept) {
   ReplacementFile file(std::move(temporary));
   if (const ErrorCode rc = file.create(mode); rc != ErrorCode::Ok) return rc;
   if (const ErrorCode rc = file.write(bytes); rc != ErrorCode::Ok) return rc;
+  if (kept != nullptr) kept->reset(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0));
   if (const ErrorCode rc = file.finish(); rc != ErrorCode::Ok) return rc;
   return file.move_to(target, flush);
 }

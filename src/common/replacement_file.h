@@ -49,9 +49,10 @@ class ReplacementFile {
 };
 
 // All steps at once. On failure errno says why, `target` is as it was and nothing stays under the
-// temporary name.
+// temporary name. `kept`, when given, is then a descriptor of the new file, if one could be had.
 [[nodiscard]] ErrorCode replace_file(const std::string& target, std::string temporary,
-                                     std::string_view bytes, mode_t mode, DirectoryFlush flush);
+                                     std::string_view bytes, mode_t mode, DirectoryFlush flush,
+                                     ScopedFd* kept = nullptr);
 
 // The directory that `path` lies in: "." for a bare name, "/" for a name in the root.
 [[nodiscard]] std::string directory_of(std::string_view path);

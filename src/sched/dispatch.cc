@@ -64,15 +64,16 @@ void read_queue(Dispatch& d) {
             d.queue.path.c_str());
     return;
   }
-  QueueState fresh;
-  fresh.path = d.queue.path;
-  if (queue_reload(fresh) != ErrorCode::Ok) {
+  QueueState memory;
+  const bool unsaved = d.queue.unsaved();
+  if (unsaved) memory = d.queue;
+  if (queue_reload(d.queue) != ErrorCode::Ok) {
     log_msg(LogLevel::Error, "orv_sched: cannot re-read the queue %s -- using the in-memory copy",
             d.queue.path.c_str());
     return;
   }
-  if (d.queue.unsaved()) carry_over(d.queue, fresh);
-  d.queue = std::move(fresh);
+  if (!unsaved) return;
+  carry_over(memory, d.queue);
   if (d.queue.unsaved()) note_save(d, queue_save(d.queue));
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -23,9 +24,12 @@ std::optional<std::string> read_start(const std::string& path, std::size_t most)
   const ScopedFd fd = open_file(path.c_str(), O_RDONLY);
   if (!fd.valid()) return std::nullopt;
   std::string text(most, '\0');
-  std::size_t got = 0;
-  if (read_up_to(fd.get(), text, got) != ErrorCode::Ok || got == 0) return std::nullopt;
-  text.resize(got);
+  ssize_t got = -1;
+  do {
+    got = ::read(fd.get(), text.data(), text.size());
+  } while (got < 0 && errno == EINTR);
+  if (got <= 0) return std::nullopt;
+  text.resize(static_cast<std::size_t>(got));
   return text;
 }
 
@@ -67,8 +71,13 @@ std::optional<Stat> read_stat(pid_t pid) {
 }  // namespace
 
 ProcessId process_id(pid_t pid) {
+  // A process asks for itself at each run.
+  static ProcessId self;
+  if (self.start != 0 && self.pid == pid && pid == ::getpid()) return self;
   const std::optional<Stat> stat = read_stat(pid);
-  return {pid, stat ? stat->start : 0};
+  const ProcessId found{pid, stat ? stat->start : 0};
+  if (pid == ::getpid()) self = found;
+  return found;
 }
 
 bool process_lives(const ProcessId& process) {
@@ -86,8 +95,12 @@ bool is_scheduler(pid_t pid) {
 }
 
 std::string boot_name() {
+  static std::string known;  // no process outlives its boot
+  if (!known.empty()) return known;
   const std::optional<std::string> id = read_start("/proc/sys/kernel/random/boot_id", 64);
-  return id && id->size() >= kBootNameLength ? id->substr(0, kBootNameLength) : kUnknownBoot;
+  if (!id || id->size() < kBootNameLength) return kUnknownBoot;
+  known = id->substr(0, kBootNameLength);
+  return known;
 }
 
 }  // namespace orv

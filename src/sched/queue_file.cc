@@ -41,20 +41,36 @@ ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
   return got == bytes.size() ? ErrorCode::Ok : ErrorCode::Corrupt;
 }
 
+// To be called before the file is read.
+HeldFile hold(ScopedFd fd) {
+  const int saved = errno;
+  const FileIdentity identity = fd.valid() ? file_identity(fd.get()) : FileIdentity{};
+  errno = saved;
+  return {std::make_shared<const ScopedFd>(std::move(fd)), identity};
+}
+
+// Whether the records that were last read or saved are still those of the file: whoever changes the
+// queue replaces its file.
+bool file_is_the_same(const QueueState& state) {
+  const FileIdentity none;
+  return state.file().identity != none &&
+         state.file().identity == file_identity(state.path.c_str());
+}
+
 ErrorCode load_existing(QueueState& state) {
   // A FIFO in the file's place is refused, but must not hold the scheduler up first.
-  const ScopedFd fd = open_file(state.path.c_str(), O_RDONLY | O_NONBLOCK);
-  if (!fd.valid()) return error_from_errno(errno);
+  const HeldFile file = hold(open_file(state.path.c_str(), O_RDONLY | O_NONBLOCK));
+  if (!file.fd->valid()) return error_from_errno(errno);
   std::vector<QueueRecord> records;
-  if (ErrorCode rc = read_records(fd.get(), records); rc != ErrorCode::Ok) return rc;
+  if (ErrorCode rc = read_records(file.fd->get(), records); rc != ErrorCode::Ok) return rc;
   state.replace_all(std::move(records));
-  state.note_saved();
+  state.note_saved(file);
   return ErrorCode::Ok;
 }
 
 void start_empty(QueueState& state, std::string_view path) {
   state.replace_all({});
-  state.note_saved();
+  state.note_saved({});
   state.path = path.substr(0, kMaxQueuePath);
 }
 
@@ -105,16 +121,17 @@ ErrorCode queue_save(QueueState& state) {
                                     state.records().size_bytes());
   // The directory is not flushed: after a power loss an older queue is a complete one, too, and a
   // second flush for each step of each run would be felt.
+  ScopedFd file;
   const auto replace = [&] {
     return replace_file(state.path, state.path + ".tmp", {bytes.data(), bytes.size()}, 0644,
-                        DirectoryFlush::No);
+                        DirectoryFlush::No, &file);
   };
   ErrorCode rc = replace();
   if (rc == ErrorCode::NotFound) {
     rc = make_parent_directories(state.path);
     if (rc == ErrorCode::Ok) rc = replace();
   }
-  if (rc == ErrorCode::Ok) state.note_saved();
+  if (rc == ErrorCode::Ok) state.note_saved(hold(std::move(file)));
   return rc;
 }
 
@@ -125,6 +142,10 @@ void queue_log_unsaved(const QueueState& state, ErrorCode rc, const char* remark
 }
 
 ErrorCode queue_reload(QueueState& state) {
+  if (file_is_the_same(state)) {
+    if (state.unsaved()) state.replace_all(state.saved());
+    return ErrorCode::Ok;
+  }
   QueueState fresh;
   if (ErrorCode rc = queue_load(fresh, state.path.c_str()); rc != ErrorCode::Ok) return rc;
   state = std::move(fresh);

@@ -70,6 +70,16 @@ bool give_first_run(QueueRecord& record, const Job& job, std::int64_t now) {
   return true;
 }
 
+// queue_find() for jobs in the configuration's order, which mostly is that of the records: `place`
+// is where the next one is looked for first.
+QueueRecord* find_near(QueueState& state, std::string_view name, std::size_t& place) {
+  const std::span<QueueRecord> records = state.records();
+  if (place >= records.size() || record_name(records[place]) != name) {
+    place = state.position_of(name);
+  }
+  return place < records.size() ? &records[place++] : nullptr;
+}
+
 bool drop_removed(QueueState& state, const Config& config, bool quiet) {
   std::unordered_set<std::string_view> configured;
   configured.reserve(config.jobs.size());
@@ -137,8 +147,9 @@ std::uint32_t schedule_fingerprint(const Job& job) {
 bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, bool quiet) {
   bool changed = false;
   std::vector<QueueRecord> added;  // appended at the end, so that lookups stay cheap meanwhile
+  std::size_t next = 0;
   for (const Job& job : config.jobs) {
-    if (QueueRecord* const record = queue_find(state, job.name.view())) {
+    if (QueueRecord* const record = find_near(state, job.name.view(), next)) {
       changed = follow_enabled(*record, job, now) || changed;
       // The daemon's to give: a view shows what there is.
       if (!quiet) changed = give_first_run(*record, job, now) || changed;
@@ -149,6 +160,8 @@ bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, 
       log_msg(LogLevel::Info, "orv_sched: new job '%s' added to the queue", job.name.c_str());
     }
   }
+  // Every job has its record, and there are no others.
+  if (added.empty() && state.records().size() == config.jobs.size()) return changed;
   if (!added.empty()) {
     state.append(added);
     changed = true;

@@ -1,5 +1,6 @@
 #include "sched/queue_state.h"
 
+#include <cstring>
 #include <functional>
 #include <utility>
 
@@ -18,8 +19,16 @@ void QueueState::replace_all(std::vector<QueueRecord> records) {
 }
 
 void QueueState::append(std::span<const QueueRecord> records) {
+  if (records.empty()) return;  // the index stays
   records_.insert(records_.end(), records.begin(), records.end());
   slots_.clear();
+}
+
+bool QueueState::unsaved() const {
+  if (records_.size() != saved_.size()) return true;
+  // There is no padding.
+  return !records_.empty() &&
+         std::memcmp(records_.data(), saved_.data(), records().size_bytes()) != 0;
 }
 
 void QueueState::build_index() const {

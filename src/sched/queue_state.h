@@ -4,14 +4,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "common/files.h"
 #include "sched/queue_record.h"
 
 namespace orv {
+
+// A file that is held open, so that no other file can get its inode meanwhile.
+struct HeldFile {
+  std::shared_ptr<const ScopedFd> fd;  // null: none
+  FileIdentity identity;
+};
 
 // Records keep the order in which their jobs were first added. A record's fields are changed in
 // place, but never its name: the index depends on it. Copying and moving are cheap enough for the
@@ -34,11 +42,16 @@ class QueueState {
     return erased;
   }
 
-  // The file holds these very records: they were just read from it, or written to it.
-  void note_saved() { saved_ = records_; }
+  // The file holds these very records: they were just read from it, or written to it. `file` is
+  // that file, or empty.
+  void note_saved(const HeldFile& file) {
+    saved_ = records_;
+    file_ = file;
+  }
+  [[nodiscard]] const HeldFile& file() const { return file_; }
   [[nodiscard]] const std::vector<QueueRecord>& saved() const { return saved_; }  // at that moment
   // Whether the records hold changes that the file does not have.
-  [[nodiscard]] bool unsaved() const { return records_ != saved_; }
+  [[nodiscard]] bool unsaved() const;
 
   // The position of the first record of exactly this name; records().size() when there is none.
   // The first look-up after a change of the records costs one pass over them, the others nothing.
@@ -49,6 +62,7 @@ class QueueState {
 
   std::vector<QueueRecord> records_;
   std::vector<QueueRecord> saved_;
+  HeldFile file_;
   // Open addressing over the names; 0: free, else position + 1. Empty: to be built.
   mutable std::vector<std::uint32_t> slots_;
 };

@@ -89,10 +89,9 @@ int for_each_run_file(const std::string& queue_path, Visit visit) {
   return unread;
 }
 
-// The name of this process's run file. After many reboots of pids, a lost run's runner may have had
-// the same one: its file must stay.
-std::string own_path(const std::string& queue_path, const ProcessId& self) {
-  const std::string path = queue_path + kInfix + std::to_string(self.pid);
+// The name of this process's run file: `path`, or one made from it. A lost run's runner may have
+// had the same pid: its file must stay.
+std::string own_path(const std::string& path, const ProcessId& self) {
   std::string free = path;
   for (int n = 2;; ++n) {
     const std::optional<RunNote> present = read_note(free);
@@ -151,7 +150,10 @@ RunFile::RunFile(const std::string& queue_path, std::string_view job, std::strin
   note_.runner = process_id(::getpid());
   note_.job = job;
   note_.log = log_path;
-  path_ = own_path(queue_path, note_.runner);
+  path_ = queue_path + kInfix + std::to_string(note_.runner.pid);
+  // Mostly nothing has the name. Whatever goes wrong is found out again by the steps below.
+  if (::symlink(text_of(note_).c_str(), path_.c_str()) == 0) return;
+  path_ = own_path(path_, note_.runner);
   write();
 }
 
