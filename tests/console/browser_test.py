@@ -72,6 +72,12 @@ def free_port():
         return server.getsockname()[1]
 
 
+def put(path, text, mode=0o600):
+    path.write_text(text, encoding="utf-8")
+    path.chmod(mode)
+    return path
+
+
 def until(what, test, seconds=20):
     """Waits for a condition, which may fail on the way as a page that is being drawn does."""
     deadline, last = time.monotonic() + seconds, None
@@ -93,20 +99,13 @@ class Daemon:
         (home / "bin").mkdir()
         for program in ("orv_sched", "orv_sched_net"):
             shutil.copy(BIN / program, home / "bin")
-        (home / "bin/orv_agent").write_text(TOOL, encoding="utf-8")
-        (home / "bin/orv_agent").chmod(0o755)
-        self.config = home / "orv_sched.cfg"
-        self.config.write_text(CONFIG.format(home=home, port=self.port, closed=free_port()), encoding="utf-8")
+        put(home / "bin/orv_agent", TOOL, 0o755)
+        self.config = put(home / "orv_sched.cfg", CONFIG.format(home=home, port=self.port, closed=free_port()), 0o644)
         if AS_NOBODY:
             subprocess.run(["chown", "-R", "65534:65534", home], check=True)
         self.sched("api-init", "--cn", "localhost")
-        tokens = {role: re.search(r"\S+\.\S{43}", self.sched("api-token", "add", role, "--role", role))[0]
-                  for role in ("admin", "read")}
-        self.tokens = {}
-        for role, token in tokens.items():
-            self.tokens[role] = home / f"{role}.token"
-            self.tokens[role].write_text(token, encoding="ascii")
-            self.tokens[role].chmod(0o600)
+        self.tokens = {role: put(home / f"{role}.token", re.search(r"\S+\.\S{43}", self.sched(
+            "api-token", "add", role, "--role", role))[0]) for role in ("admin", "read")}
         self.fingerprint = re.search(r"fingerprint:\s*(\S+)", self.sched("api-info"))[1]
         with open(home / "daemon.err", "wb") as log:
             environment = dict(os.environ, PATH=f"{home}/bin:{os.environ['PATH']}")
@@ -213,7 +212,7 @@ def check_servers(console):
 class Browser:
     """What a person does with the page."""
 
-    def __init__(self, console, stack):
+    def __init__(self, console, daemon, stack):
         options = webdriver.ChromeOptions()
         for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=1440,1000"):
             options.add_argument(word)
@@ -222,10 +221,13 @@ class Browser:
         service = webdriver.chrome.service.Service(shutil.which("chromedriver"))
         self.driver = webdriver.Chrome(service=service, options=options)
         stack.callback(self.driver.quit)
-        self.console = console
+        self.console, self.daemon = console, daemon
 
     def go(self, *parts):
         self.driver.get(self.console.base + "/#/" + "/".join(parts))
+
+    def config(self):
+        return self.daemon.config.read_text(encoding="utf-8")
 
     def find(self, xpath):
         return self.driver.find_element(By.XPATH, xpath)
@@ -298,13 +300,13 @@ def check_run(page):
     page.look_around("server")
 
 
-def check_edit(page, daemon):
+def check_edit(page):
     page.go("alpha", "job", "documents")
     page.sees("copied 12 files")
     page.sees("every day at 02:30")
     page.look_around("job")
     page.type("schedule", "30 2 * *")
-    until("the server's words", lambda: f"{daemon.config}:" in page.text())
+    until("the server's words", lambda: f"{page.daemon.config}:" in page.text())
     page.look("fault")
     page.type("schedule", "45 3 * * *")
     page.sees("The server accepts this.")
@@ -321,8 +323,8 @@ def check_edit(page, daemon):
     assert page.field("timeout-seconds").get_attribute("value") == "77"
     page.look("conflict")
     page.click("button", "Save")
-    until("it is saved", lambda: re.search(r"schedule ?= ?45 3 ", daemon.config.read_text(encoding="utf-8")))
-    assert re.search(r"timeout-seconds ?= ?77", daemon.config.read_text(encoding="utf-8"))
+    until("it is saved", lambda: re.search(r"schedule ?= ?45 3 ", page.config()))
+    assert re.search(r"timeout-seconds ?= ?77", page.config())
 
 
 def check_log_and_cancel(page):
@@ -339,7 +341,7 @@ def check_log_and_cancel(page):
     page.sees("cancelled", 30)
 
 
-def check_disable_and_delete(page, daemon):
+def check_disable_and_delete(page):
     page.go("alpha", "job", "doomed")
     page.click("button", "Disable")
     page.sees("doomed is disabled.")
@@ -351,10 +353,10 @@ def check_disable_and_delete(page, daemon):
     confirm.send_keys("doomed")
     page.look("delete")
     confirm.send_keys(Keys.ENTER)
-    until("it is gone", lambda: "[doomed]" not in daemon.config.read_text(encoding="utf-8"))
+    until("it is gone", lambda: "[doomed]" not in page.config())
 
 
-def check_settings(page, daemon):
+def check_settings(page):
     page.go("alpha", "settings")
     page.type("busy-retry-seconds", "x")
     page.click("button", "Save", "//section[h2='Scheduler']")
@@ -362,7 +364,7 @@ def check_settings(page, daemon):
     page.type("busy-retry-seconds", "17")
     page.look_around("settings")
     page.click("button", "Save", "//section[h2='Scheduler']")
-    until("it is saved", lambda: re.search(r"busy-retry-seconds ?= ?17", daemon.config.read_text(encoding="utf-8")))
+    until("it is saved", lambda: re.search(r"busy-retry-seconds ?= ?17", page.config()))
     Select(page.field("notify")).select_by_visible_text("failed")
     page.click("button", "Save", "//section[h2='Mail']")
     page.sees("Mail: saved")
@@ -429,8 +431,7 @@ def check_read_only(stack, servers_file):
 def check_open(stack, servers_file, home):
     """The URL on xdg-open's command line is good for one sign-in."""
     opened = home / "opened"
-    (home / "bin/xdg-open").write_text(f'#!/bin/sh\necho "$1" >{opened}.new\nmv {opened}.new {opened}\n', encoding="utf-8")
-    (home / "bin/xdg-open").chmod(0o755)
+    put(home / "bin/xdg-open", f'#!/bin/sh\necho "$1" >{opened}.new\nmv {opened}.new {opened}\n', 0o755)
     console = ConsoleProgram(stack, servers_file, "--open", environment=dict(os.environ, PATH=f"{home}/bin:{os.environ['PATH']}"))
     url = until("the browser is opened", lambda: opened.exists() and opened.read_text(encoding="utf-8").strip())
     target = url[len(console.base):]
@@ -442,19 +443,13 @@ def write_servers(home, daemon):
     wrong = "00" * 32
     rows = [("alpha", daemon.port, daemon.fingerprint, daemon.tokens["admin"]), ("down", free_port(), wrong, daemon.tokens["admin"]),
             ("wrong", daemon.port, wrong, daemon.tokens["admin"]), ("reader", daemon.port, daemon.fingerprint, daemon.tokens["read"])]
-    token = home / "stand-in.token"
-    token.write_text(stand_in.TOKEN, encoding="ascii")
-    token.chmod(0o600)
-    too_open = home / "open.token"
-    too_open.write_text(stand_in.TOKEN, encoding="ascii")
-    too_open.chmod(0o644)
+    token = put(home / "stand-in.token", stand_in.TOKEN)
+    too_open = put(home / "open.token", stand_in.TOKEN, 0o644)
     rows += [(name, port, print_, token) for name, (port, print_) in stand_ins(home).items()]
     rows.append(("open-token", daemon.port, daemon.fingerprint, too_open))
-    path = home / "servers"
-    path.write_text("".join(f"[{name}]\nserver = {'localhost' if name == 'alpha' else '127.0.0.1'}:{port}\nfingerprint = {print_}\ntoken-file = {file}\n\n"
-                            for name, port, print_, file in rows), encoding="utf-8")
-    path.chmod(0o600)
-    return path
+    return put(home / "servers", "".join(
+        f"[{name}]\nserver = {'localhost' if name == 'alpha' else '127.0.0.1'}:{port}\nfingerprint = {print_}\n"
+        f"token-file = {file}\n\n" for name, port, print_, file in rows))
 
 
 def main():
@@ -466,22 +461,19 @@ def main():
         earlier_cookie = check_read_only(stack, servers_file)
         check_open(stack, servers_file, home)
         console = ConsoleProgram(stack, servers_file)
-        page = Browser(console, stack)
-        steps = [("guard", lambda: check_guard(console, earlier_cookie)), ("servers", lambda: check_servers(console)),
-                 ("overview", lambda: check_overview(page)), ("run", lambda: check_run(page)),
-                 ("edit", lambda: check_edit(page, daemon)), ("log and cancel", lambda: check_log_and_cancel(page)),
-                 ("disable and delete", lambda: check_disable_and_delete(page, daemon)),
-                 ("settings", lambda: check_settings(page, daemon)), ("keyboard", lambda: check_keyboard(page)),
-                 ("hostile texts", lambda: check_evil(page)), ("read token", lambda: check_reader(page))]
-        for name, step in steps:
+        page = Browser(console, daemon, stack)
+        check_guard(console, earlier_cookie)
+        check_servers(console)
+        for step in (check_overview, check_run, check_edit, check_log_and_cancel, check_disable_and_delete, check_settings,
+                     check_keyboard, check_evil, check_reader):
             began = time.monotonic()
             try:
-                step()
+                step(page)
             except BaseException:
                 page.driver.save_screenshot(str(WORK / "failed.png"))
                 print((home / "daemon.err").read_text(encoding="utf-8")[-2000:])
                 raise
-            print(f"test-console: {name}: good ({time.monotonic() - began:.1f} s)", flush=True)
+            print(f"test-console: {step.__name__}: good ({time.monotonic() - began:.1f} s)", flush=True)
         complaints = [entry["message"] for entry in page.driver.get_log("browser")
                       if entry["level"] == "SEVERE" and "the server responded with a status" not in entry["message"]]
         assert not complaints, complaints
