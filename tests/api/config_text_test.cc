@@ -18,12 +18,8 @@ std::string edited(std::string_view text, const std::vector<KeyEdit>& edits,
 }
 
 TEST(ConfigText, ChangesTheLinesOfTheKeysAndNothingElse) {
-  struct Case {
-    std::string text;
-    std::vector<KeyEdit> edits;
-    std::string expected;
-  };
-  const std::vector<Case> cases = {
+  // clang-format off
+  const struct { std::string text; std::vector<KeyEdit> edits; std::string expected; } cases[] = {
       {"", {{"k", "v"}}, "[a]\nk=v\n"},
       {"[b]\nk=1\n", {{"k", "v"}, {"l", "w"}}, "[b]\nk=1\n\n[a]\nk=v\nl=w\n"},
       {"[a] # c\n\n[b]\n", {{"k", "v"}}, "[a] # c\nk=v\n\n[b]\n"},
@@ -43,7 +39,8 @@ TEST(ConfigText, ChangesTheLinesOfTheKeysAndNothingElse) {
       {"[a]\nk=x\f", {{"k", "#"}}, "[a]\nk='#' "},
       {"[a]\nk=x\n", {{"k", "a;b#"}}, "[a]\nk=a;b#\n"},
   };
-  for (const Case& c : cases) EXPECT_EQ(edited(c.text, c.edits), c.expected) << c.text;
+  // clang-format on
+  for (const auto& c : cases) EXPECT_EQ(edited(c.text, c.edits), c.expected) << c.text;
 }
 
 TEST(ConfigText, RefusesWhatTheFileCannotHold) {

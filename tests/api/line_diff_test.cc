@@ -6,23 +6,18 @@ namespace orv {
 namespace {
 
 TEST(LineDiff, ShowsWhatDiffersAndHidesPasswords) {
-  struct Case {
-    const char* before;
-    const char* after;
-    const char* diff;
-  };
-  static constexpr Case kCases[] = {
+  // clang-format off
+  static constexpr struct { const char *before, *after, *diff; } kCases[] = {
       {"", "", ""},
       {"a\nb\n", "a\r\nb", ""},
       {"a\nb\nc\n", "a\nc\n", "-    b\n"},
       {"a\nc\n", "a\nb\nc\nd", "+2: b\n+4: d\n"},
       {"a\nx\nc\ny\n", "b\nx\nc\n\nz\n", "-    a\n+1: b\n-    y\n+4: \n+5: z\n"},
-      {"smtp-password=old\n", " smtp-password = new\n",
-       "-    smtp-password=***\n+1: smtp-password=***\n"},
-      {"# smtp-password=old\n", "smtp-passwords=x\n",
-       "-    #smtp-password=***\n+1: smtp-passwords=x\n"},
+      {"smtp-password=old\n", " smtp-password = new\n", "-    smtp-password=***\n+1: smtp-password=***\n"},
+      {"# smtp-password=old\n", "smtp-passwords=x\n", "-    #smtp-password=***\n+1: smtp-passwords=x\n"},
   };
-  for (const Case& c : kCases) EXPECT_EQ(line_diff(c.before, c.after), c.diff) << c.before;
+  // clang-format on
+  for (const auto& c : kCases) EXPECT_EQ(line_diff(c.before, c.after), c.diff) << c.before;
 }
 
 TEST(LineDiff, StaysWithinItsLimits) {

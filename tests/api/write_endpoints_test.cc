@@ -19,6 +19,11 @@ class WriteEndpoints : public ApiFixture {
       "[base] ; nightly\ncommand = verify  # check\nargs= --all \"a b\"\nschedule=0 1 * * *\n\n"
       "[next]\nafter=base\n"
       "[gone]\ncommand=restore\nenabled=no";
+  // PUT settings/NAME with {NAME: value} and the present tag.
+  std::string put_settings(const std::string& name, std::string_view value) {
+    return change("PUT", "settings/" + name, "{\"" + name + "\":" + std::string(value) + "}")
+        .verdict();
+  }
 };
 
 TEST_F(WriteEndpoints, ChecksThePreconditionsInTheirOrder) {
@@ -173,15 +178,13 @@ TEST_F(WriteEndpoints, DeletesAJobThatNothingNeeds) {
 
 TEST_F(WriteEndpoints, ChangesTheSchedulerSettings) {
   load(kConfig);
-  EXPECT_EQ(change("PUT", "settings/sched",
-                   R"({"sched":{"poll_interval":9,"job_log_keep":0,"busy_retry_seconds":null}})")
-                .verdict(),
-            "200");
+  EXPECT_EQ(
+      put_settings("sched", R"({"poll_interval":9,"job_log_keep":0,"busy_retry_seconds":null})"),
+      "200");
   EXPECT_TRUE(config_text().ends_with("enabled=no\n\n[sched]\npoll-interval=9\njob-log-keep=0\n"));
-  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"poll_interval":null}})").verdict(),
-            "200");
+  EXPECT_EQ(put_settings("sched", R"({"poll_interval":null})"), "200");
   EXPECT_TRUE(config_text().ends_with("[sched]\njob-log-keep=0\n"));
-  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"job_log_keep":100000001}})").verdict(),
+  EXPECT_EQ(put_settings("sched", R"({"job_log_keep":100000001})"),
             "400 invalid_value: 'job_log_keep' must be an integer 0..100000000 or null");
 }
 
@@ -199,19 +202,16 @@ TEST_F(WriteEndpoints, ATextThatStaysAsItIsIsNoChange) {
 
 TEST_F(WriteEndpoints, ChangesAndRemovesTheMailSettings) {
   load(kConfig);
-  const auto put = [this](std::string_view fields) {
-    return change("PUT", "settings/mail",
-                  R"({"mail":{"smtp_host":"mx","from":"a@b","to":["c@d","e@f"])" +
-                      std::string(fields) + "}}")
-        .verdict();
+  const auto put = [this](const std::string& fields) {
+    return put_settings("mail",
+                        R"({"smtp_host":"mx","from":"a@b","to":["c@d","e@f"])" + fields + "}");
   };
-  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":null})").verdict(),
-            "404 not_found: there is no [mail] section");
-  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"smtp_host":"mx","from":"a@b"}})").verdict(),
+  EXPECT_EQ(put_settings("mail", R"(null)"), "404 not_found: there is no [mail] section");
+  EXPECT_EQ(put_settings("mail", R"({"smtp_host":"mx","from":"a@b"})"),
             "400 invalid_value: 'smtp_host', 'from' and 'to' are required");
-  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"to":[]}})").verdict(),
+  EXPECT_EQ(put_settings("mail", R"({"to":[]})"),
             "400 invalid_value: 'to' must be an array of 1..16 addresses");
-  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":{"to":["a"]}})").verdict(),
+  EXPECT_EQ(put_settings("mail", R"({"to":["a"]})"),
             "400 invalid_value: 'to' entries must be plain addresses like backup@example.com");
   for (const char* reference : {"file:/etc/shadow", "kms:x"}) {
     EXPECT_EQ(put(std::string(R"(,"smtp_user":"u","smtp_password":")") + reference + "\""),
@@ -229,7 +229,7 @@ TEST_F(WriteEndpoints, ChangesAndRemovesTheMailSettings) {
   EXPECT_TRUE(contains(config_text(), "smtp-password='#hush'\n"));
   EXPECT_TRUE(contains(config_text(), "smtp-port=2525\n"));
   EXPECT_FALSE(contains(config_text(), "tls="));
-  EXPECT_EQ(change("PUT", "settings/mail", R"({"mail":null})").verdict(), "200");
+  EXPECT_EQ(put_settings("mail", R"(null)"), "200");
   EXPECT_FALSE(contains(config_text(), "smtp-"));
 }
 
@@ -238,10 +238,8 @@ TEST_F(WriteEndpoints, AnnouncesAChangeByMailUnlessToldNotTo) {
       "[mail]\nsmtp-host=mx\nfrom=a@b\nto=c@d\nsmtp-user=u\nsmtp-password=old\n";
   load(kMail);
   connect_network_process();
-  EXPECT_EQ(change("PUT", "settings/mail",
-                   R"({"mail":{"smtp_host":"mx","from":"a@b","to":["c@d"],)"
-                   R"("smtp_user":"v","smtp_password":"new"}})")
-                .verdict(),
+  EXPECT_EQ(put_settings("mail", R"({"smtp_host":"mx","from":"a@b","to":["c@d"],)"
+                                 R"("smtp_user":"v","smtp_password":"new"})"),
             "200");
   const std::string mail = next_mail();
   EXPECT_TRUE(contains(
@@ -253,7 +251,7 @@ TEST_F(WriteEndpoints, AnnouncesAChangeByMailUnlessToldNotTo) {
       "\n\n--- changed lines ---\n-    smtp-user=u\n-    smtp-password=***\n+5: smtp-user=v\n"
       "+6: smtp-password=***\n"));
   load(std::string(kMail) + "[api]\nnotify-changes=no\n");
-  EXPECT_EQ(change("PUT", "settings/sched", R"({"sched":{"poll_interval":5}})").verdict(), "200");
+  EXPECT_EQ(put_settings("sched", R"({"poll_interval":5})"), "200");
   EXPECT_EQ(next_mail(), "");
 }
 

@@ -20,10 +20,7 @@ std::unique_ptr<JsonValue> parsed(std::string_view text) {
 }
 
 TEST(Printable, LeavesNothingThatSteersATerminal) {
-  struct Case {
-    std::string text, shown;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"plain \xc3\xa4 \xf0\x9f\x98\x80", "plain \xc3\xa4 \xf0\x9f\x98\x80"},
       {"\x1b[31mred\x1b]0;title\x07", "?[31mred?]0;title?"},
       {"a\tb\r\nc\x7f", "a?b??c?"},
@@ -35,7 +32,7 @@ TEST(Printable, LeavesNothingThatSteersATerminal) {
        "?gpj.exe ?"},
       {"\xff\xc3 \xed\xa0\x80", "?? ???"},
   };
-  for (const Case& c : cases) EXPECT_EQ(printable(c.text), c.shown);
+  for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
   EXPECT_EQ(printable("a\tb\r\nc\x1b", Lines::Keep), "a\tb?\nc?");
 }
 

@@ -60,11 +60,8 @@ TEST(Fingerprint, IgnoresColonsAndCase) {
 
 TEST(ServerList, ReadsAllServersOrNamesTheLineAtFault) {
   const std::string whole = "[a]\nserver = a\nfingerprint = " + kFingerprint;
-  struct Case {
-    std::string text;
-    std::string message;  // after "PATH:"; empty: read
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // message after "PATH:"; empty: read
       {"", ""},
       {"# mine\n[a] \nserver='a:1' # here\nfingerprint=\"" + kFingerprint +
            "\"\r\ntoken-file=/t\n\n[b]\nserver=[::1]\nfingerprint=" + kFingerprint +
@@ -89,15 +86,15 @@ TEST(ServerList, ReadsAllServersOrNamesTheLineAtFault) {
   };
   const TempDir dir;
   const ScopedEnv home("HOME", "/home/me");
-  for (const Case& c : cases) {
-    const std::string path = dir.write("servers", c.text);
+  for (const auto& [text, message] : cases) {
+    const std::string path = dir.write("servers", text);
     std::vector<Server> servers;
     std::array<char, kClientMessageSize> err{};
-    EXPECT_EQ(read_server_list(path, servers, err) == 0, c.message.empty()) << c.text << err.data();
-    if (!c.message.empty()) {
-      EXPECT_TRUE(std::string(err.data()).starts_with(path + ":" + c.message)) << err.data();
+    EXPECT_EQ(read_server_list(path, servers, err) == 0, message.empty()) << text << err.data();
+    if (!message.empty()) {
+      EXPECT_TRUE(std::string(err.data()).starts_with(path + ":" + message)) << err.data();
       EXPECT_TRUE(servers.empty());
-    } else if (!c.text.empty()) {
+    } else if (!text.empty()) {
       ASSERT_EQ(servers.size(), 2U);
       EXPECT_EQ(servers[0].name, "a");
       EXPECT_EQ(servers[0].address, (ServerAddress{"a", 1}));

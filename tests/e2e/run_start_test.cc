@@ -31,21 +31,16 @@ TEST_F(RunStartTest, RunExitsWithTheOutcomeAndDecidesOnTheBackground) {
   configure(
       "[plain]\nprofile=p\nonce=1\n[back]\nprofile=p\nrun-background=yes\nenabled=no\n"
       "[check]\ncommand=verify\nafter=plain\n");
-  struct Case {
-    const char* job;
-    const char* flag;
-    int code;
-    int status;
-    const char* args;
-  };
-  static constexpr Case kCases[] = {
+  // clang-format off
+  static constexpr struct { const char *job, *flag; int code, status; const char* args; } kCases[] = {
       {"plain", "--force", 0, 0, "--name p\n"},
       {"plain", "--background", 0, 0, "--name p --background\n"},
       {"back", "--force", 3, 1, "--name p --background\n"},
       {"back", "--no-background", 75, 1, "--name p\n"},
       {"check", "--background", 0, 0, "\n"},
   };
-  for (const Case& c : kCases) {
+  // clang-format on
+  for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.job) + " " + c.flag);
     home_.write("code", std::to_string(c.code));
     const ProgramResult result = sched("run", {c.job, c.flag});

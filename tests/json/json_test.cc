@@ -66,17 +66,17 @@ TEST(JsonReader, RefusesWithTheReasonAndTheOffset) {
 }
 
 TEST(JsonReader, TellsIntegersFromOtherNumbers) {
-  const struct {
-    const char* text;
-    std::optional<std::int64_t> whole;
-    double number;
-  } cases[] = {{"-0", 0, 0},
-               {"9223372036854775807", INT64_MAX, 9223372036854775807.0},
-               {"-9223372036854775808", INT64_MIN, -9223372036854775808.0},
-               {"9223372036854775808", {}, 9223372036854775808.0},
-               {"1.0", {}, 1},
-               {"-1.5E-2", {}, -0.015},
-               {"1111111111222222222233333333334444444444", {}, 1111111111222222222e21}};
+  // clang-format off
+  const struct { const char* text; std::optional<std::int64_t> whole; double number; } cases[] = {
+      {"-0",                   0,         0},
+      {"9223372036854775807",  INT64_MAX, 9223372036854775807.0},
+      {"-9223372036854775808", INT64_MIN, -9223372036854775808.0},
+      {"9223372036854775808",  {},        9223372036854775808.0},
+      {"1.0",                  {},        1},
+      {"-1.5E-2",              {},        -0.015},
+      {"1111111111222222222233333333334444444444", {}, 1111111111222222222e21},
+  };
+  // clang-format on
   for (const auto& c : cases) {
     const Parsed got(c.text);
     ASSERT_EQ(got.rc, 0) << got.message;
