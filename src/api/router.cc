@@ -223,7 +223,7 @@ void route(ApiCall& call) {
     (void)refuse(call, 404, "not_found", "unknown path");
     return;
   }
-  // The row's order decides which of several faults a client is told of.
+  // The row's order decides which of several faults is reported.
   for (const Check check : row->checks) {
     if (!pass(check, call, *row)) return;
   }

@@ -206,7 +206,8 @@ std::string path_segment(std::string_view name) {
   return text;
 }
 
-// What a connection is behind its handle. Coroutines share it, so the handle may go first.
+// The connection itself; ApiConnection is its handle. Coroutines share it, so the handle may go
+// first.
 class ApiConnection::State : public std::enable_shared_from_this<State> {
  public:
   State(asio::any_io_executor executor, ServerAddress address, const Sha256Digest& fingerprint,

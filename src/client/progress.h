@@ -10,7 +10,8 @@
 
 namespace orv {
 
-// Writes to standard error. Whoever prints calls clear() first, so that the line is not in the way.
+// Writes to standard error. Callers that print call clear() first, so that the line is not in the
+// way.
 class Progress {
  public:
   // Shows nothing at all unless `enabled`.

@@ -172,7 +172,7 @@ int read_text(const std::string& path, std::string& text, std::span<char> err) {
   if (!S_ISREG(status.st_mode)) {
     return fail(err, "the list of servers %s is not a regular file", path.c_str());
   }
-  // Whoever writes the list decides whom the administrator's requests are sent to.
+  // Who can write the list decides where the administrator's requests go.
   if ((status.st_mode & S_IWOTH) != 0) {
     return fail(err, "the list of servers %s is writable by everybody (chmod o-w %s)", path.c_str(),
                 path.c_str());

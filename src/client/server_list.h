@@ -67,7 +67,7 @@ struct Server {
 [[nodiscard]] std::string expand_home(std::string_view path);
 
 // Reads the list, in the file's order. 0; -1 with one message, `out` empty. A missing file is an
-// empty list: `out` is empty and the result 0. Token files are not looked at. The file must not be
+// empty list: `out` is empty and the result 0. Token files are not checked. The file must not be
 // writable by everybody.
 [[nodiscard]] int read_server_list(const std::string& path, std::vector<Server>& out,
                                    std::span<char> err);

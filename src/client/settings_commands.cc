@@ -10,7 +10,7 @@
 namespace orv {
 namespace {
 
-// What PUT settings/mail wants to be told every time. Whoever changes one setting keeps the others.
+// What PUT settings/mail requires every time: a change of one setting sends the others as they are.
 constexpr std::array<std::string_view, 3> kRequiredOfMail = {"smtp_host", "from", "to"};
 
 constexpr std::chrono::milliseconds kMailPause{500};

@@ -84,7 +84,8 @@ class Parser {
     return literal();
   }
 
-  // The byte after the word is not looked at: "nullx" fails with whatever comes next.
+  // The byte after the word is not checked: "nullx" fails at the "x", as what cannot follow a
+  // value.
   Node literal() {
     const std::size_t start = pos_;
     struct Row {
@@ -272,7 +273,7 @@ class Parser {
     if (digits_text.size() > kMaxJsonNumber) return fail_node(start, "number too long");
     Node node = new_node(JsonKind::Number, start);
     if (!node) return nullptr;
-    // strtod() needs an end; the input has none behind the number.
+    // strtod() needs a terminator, which the input does not have after the number.
     char copy[kMaxJsonNumber + 1];
     std::memcpy(copy, digits_text.data(), digits_text.size());
     copy[digits_text.size()] = '\0';
