@@ -60,6 +60,8 @@ std::size_t compress(Codec codec, int level, std::span<const unsigned char> sour
 
 ErrorCode decompress(Codec codec, std::span<const unsigned char> source,
                      std::span<unsigned char> destination, std::size_t* produced) {
+  // The source may be damaged: each way checks that the result fits before anything is written
+  // beyond it, and reports what it cannot unpack.
   std::size_t size = 0;
   switch (codec) {
     case Codec::None:

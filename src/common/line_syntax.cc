@@ -45,6 +45,7 @@ std::size_t find_comment(std::string_view line, std::size_t begin, std::size_t e
 
 std::optional<std::size_t> content_length(std::string_view raw_line) {
   const std::string_view line = without_line_end(raw_line);
+  // Quotes count in values only: what begins a comment before the "=" is one.
   const std::size_t equals = line.find('=');
   const std::size_t key_end = equals == kNone ? line.size() : equals;
   if (const std::size_t comment = find_comment(line, 0, key_end); comment < key_end) return comment;
@@ -57,6 +58,8 @@ std::optional<std::size_t> content_length(std::string_view raw_line) {
   }
   const std::size_t close = closing_quote(line, value);
   if (close == kNone) return std::nullopt;
+  // After the closing quote only blanks and a comment may follow: the rest of a value would be
+  // lost.
   std::size_t rest = close + 1;
   while (rest < line.size() && is_blank(line[rest])) ++rest;
   if (rest < line.size() && !starts_comment(line[rest])) return std::nullopt;

@@ -187,6 +187,7 @@ std::uint64_t read_mask(const ArgList& args, const char* option) {
   return kDefaultMask;
 }
 
+// Without its log file the program goes on: that is no reason to miss a backup.
 void open_logfile(RunLog& log, std::string_view directory, std::string_view tool) {
   const std::string dir(directory);
   if (make_directories(directory) != ErrorCode::Ok) {
@@ -265,6 +266,7 @@ void runlog_init(const ArgList& args, std::string_view tool) {
   log.syslog_enabled = !no_syslog;
   if (log.syslog_enabled) open_syslog(log);
   if (!no_log) open_logfile(log, directory, tool);
+  // Not atexit(3): the last line names the exit status.
   (void)::on_exit(on_exit_record_stop, nullptr);
   runlog_write(kRunlogBasic, "started");
 }

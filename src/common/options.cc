@@ -60,6 +60,7 @@ bool WordScan::next(Word& word) {
     return true;
   }
   word.kind = Kind::Option;
+  // Without "=" the next word is the value, whatever it looks like.
   if (!word.option->takes_value || view.find('=') != std::string_view::npos) return true;
   if (next_ < args_.size()) {
     ++next_;

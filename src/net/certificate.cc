@@ -258,6 +258,7 @@ ErrorCode cert_fingerprint(const char* cert_path, std::span<char> out) {
   if (out.size() < kFingerprintSize) return ErrorCode::Invalid;
   std::unique_ptr<FILE, Free<std::fclose>> file(std::fopen(cert_path, "rbe"));
   if (!file) return ErrorCode::NotFound;
+  // The first certificate of the file: of a chain, the one that the server shows as its own.
   const ErrorQueue errors;
   const Certificate cert(::PEM_read_X509(file.get(), nullptr, no_password, nullptr));
   if (!cert) return ErrorCode::Invalid;

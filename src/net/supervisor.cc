@@ -89,6 +89,7 @@ const char* on_mail_result(NetSupervisor& sup, const IpcParsed& in) {
   if (ipc_decode_mail_result(in, status, text, {}) != 0) return "sent a bad MAIL_RESULT: killed";
   blank_controls(text);
   std::erase(sup.mail.unanswered, in.id);
+  // Kept for net_wait_mail_result(), which may be waiting further up the stack.
   sup.mail.last_mail_id = in.id;
   sup.mail.last_mail_status = status;
   sup.mail.last_mail_error.set_truncated(text);
@@ -114,6 +115,7 @@ void answer(NetSupervisor& sup, std::uint32_t id, const ApiResponse& response) {
 }
 
 const char* on_api_request(NetSupervisor& sup, const IpcParsed& in) {
+  // The child has checked what clients send: a request that is refused here is a fault of its own.
   ApiRequest request;
   char err[256];
   if (ipc_decode_api_request(in, request, err) != 0) {

@@ -102,6 +102,7 @@ bool move_fd(int from, int& scratch) {
 }
 
 bool place_descriptors(const ChildPlan& plan) {
+  // Out of the way first: each may stand on the number that the other is to get.
   int ipc = -1;
   int listener = -1;
   if (!move_fd(plan.child_end, ipc)) return false;
@@ -110,6 +111,7 @@ bool place_descriptors(const ChildPlan& plan) {
   if (listener >= 0 && ::dup2(listener, kListenFd) < 0) return false;
   const int first = listener >= 0 ? kListenFd + 1 : kListenFd;
   if (::close_range(static_cast<unsigned>(first), ~0U, 0) == 0) return true;
+  // A kernel before 5.9, or a filter, knows no close_range(2).
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
   const int end = static_cast<int>(std::min(limit.rlim_cur, kMaxClosedOneByOne));
@@ -223,6 +225,8 @@ bool start_child(NetSupervisor& sup) {
   set_send_buffer(ours.get());
   refuse_descriptors(ours.get());
 
+  // All that the child needs is worked out here: between fork and exec only async-signal-safe calls
+  // are allowed (signal-safety(7)).
   plan.parent_end = ours.get();
   plan.child_end = theirs.get();
   plan.listen_fd = sup.api.enabled ? sup.api.listen_fd.get() : -1;

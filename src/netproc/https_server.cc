@@ -82,6 +82,7 @@ HttpsServer::HttpsServer(asio::io_context& loop, const HttpsLimits& limits,
     host_.clients.leave(connection->client().key);
     connections_.erase(connection);
     if (connections_.empty()) on_empty();
+    // The place goes to the client that has waited for one before anybody else is accepted.
     seat_waiting_client();
     await_clients();
   };
@@ -97,7 +98,7 @@ int HttpsServer::listen_on(ScopedFd listener, std::span<char> err) {
   error_code ec;
   (void)acceptor_.assign(address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), listener.get(), ec);
   if (!ec) {
-    (void)listener.release();
+    (void)listener.release();  // the acceptor owns it from here on
     (void)acceptor_.non_blocking(true, ec);
   }
   return ec ? fail(err, "the listening socket cannot be used: %s", ec.message().c_str()) : 0;

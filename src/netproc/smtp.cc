@@ -173,6 +173,8 @@ CURLcode set_server(CURL* curl, const IpcMailConfig& settings) {
 }
 
 CURLcode set_delivery(CURL* curl, Delivery& delivery, curl_slist* recipients, char* error) {
+  // A recipient that is refused does not keep the mail from the others. The trace is not printed:
+  // it is how the dialogue is followed.
   CURLcode rc = CURLE_OK;
   set(curl, rc, CURLOPT_MAIL_FROM, delivery.envelope.from.c_str());
   set(curl, rc, CURLOPT_MAIL_RCPT, recipients);

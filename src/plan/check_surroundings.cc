@@ -47,6 +47,7 @@ bool others_may(const std::string& path, mode_t permissions) {
 void check_modes(const Plan& plan, std::vector<Finding>& out) {
   const std::string path = printable(plan.config_path);
   const MailSection& mail = plan.config.mail;
+  // The file that holds the secret itself is the one that counts.
   const bool in_file = mail.smtp_password_kind == SecretKind::File;
   const std::string secret = in_file ? password_file(plan.config_path) : plan.config_path;
   if (mail.smtp_password_set && others_may(secret, S_IRGRP | S_IROTH)) {

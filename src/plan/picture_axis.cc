@@ -123,6 +123,7 @@ std::vector<Shade> make_shades(const TimeScale& scale) {
   std::vector<Shade> shades;
   if (day_width < kWeekendFrom) return shades;
   const struct tm base = local(scale.from);
+  // From the day before on, whose night reaches into the picture.
   for (int i = -1;; ++i) {
     const std::int64_t midnight = moment(base.tm_year, base.tm_mon, base.tm_mday + i, 0);
     if (midnight >= scale.to || midnight == -1) return shades;
