@@ -13,10 +13,6 @@ namespace orv {
   return static_cast<std::uint32_t>(load_le16(p)) | static_cast<std::uint32_t>(load_le16(p + 2))
                                                         << 16;
 }
-[[nodiscard]] inline std::uint64_t load_le64(const unsigned char* p) {
-  return static_cast<std::uint64_t>(load_le32(p)) | static_cast<std::uint64_t>(load_le32(p + 4))
-                                                        << 32;
-}
 inline void store_le16(unsigned char* p, std::uint16_t value) {
   p[0] = static_cast<unsigned char>(value);
   p[1] = static_cast<unsigned char>(value >> 8);
@@ -24,10 +20,6 @@ inline void store_le16(unsigned char* p, std::uint16_t value) {
 inline void store_le32(unsigned char* p, std::uint32_t value) {
   store_le16(p, static_cast<std::uint16_t>(value));
   store_le16(p + 2, static_cast<std::uint16_t>(value >> 16));
-}
-inline void store_le64(unsigned char* p, std::uint64_t value) {
-  store_le32(p, static_cast<std::uint32_t>(value));
-  store_le32(p + 4, static_cast<std::uint32_t>(value >> 32));
 }
 
 }  // namespace orv

@@ -48,10 +48,6 @@ void ServiceManager::stopping(std::string_view status) const {
   send("STOPPING=1\n" + status_field(status));
 }
 
-void ServiceManager::extend_timeout(std::uint32_t seconds) const {
-  send("EXTEND_TIMEOUT_USEC=" + std::to_string(std::uint64_t{seconds} * 1'000'000));
-}
-
 void ServiceManager::send(const std::string& message) const {
   if (!present()) return;
   const ScopedFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));

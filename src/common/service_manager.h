@@ -3,7 +3,6 @@
 #ifndef ORV_COMMON_SERVICE_MANAGER_H_
 #define ORV_COMMON_SERVICE_MANAGER_H_
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -25,9 +24,6 @@ class ServiceManager {
   void status(std::string_view text) const;
   // The daemon is to stop; `status` says what it waits for.
   void stopping(std::string_view status) const;
-  // Start or stop may take that much longer, from now on. For managers whose time limit is not
-  // infinite.
-  void extend_timeout(std::uint32_t seconds) const;
 
  private:
   // One message of "NAME=value" lines. Whatever goes wrong is passed over: the manager's view of

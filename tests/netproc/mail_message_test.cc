@@ -48,10 +48,7 @@ TEST(MailMessage, HasTheHeadersOfAWellFormedMail) {
 }
 
 TEST(MailMessage, EncodesAndFoldsSubjects) {
-  const std::string words = "=?UTF-8?B?";
-  const struct {
-    std::string subject, expected;
-  } kCases[] = {
+  const std::pair<std::string, std::string> kCases[] = {
       {"", "Subject: (no subject)"},
       {"Prüfung", "Subject: =?UTF-8?B?UHLDvGZ1bmc=?="},
       {"\xC3(", "Subject: =?UTF-8?B?77+9KA==?="},          // not UTF-8: the replacement character
@@ -60,7 +57,9 @@ TEST(MailMessage, EncodesAndFoldsSubjects) {
       {std::string(40, 'a') + " " + std::string(40, 'b'),
        "Subject: " + std::string(40, 'a') + "\r\n " + std::string(40, 'b')},
   };
-  for (const auto& c : kCases) EXPECT_EQ(subject_of(message(c.subject, "")), c.expected);
+  for (const auto& [subject, expected] : kCases) {
+    EXPECT_EQ(subject_of(message(subject, "")), expected);
+  }
   std::string umlauts;
   for (int i = 0; i < 250; ++i) umlauts += "ü";
   std::istringstream lines(subject_of(message(umlauts, "")));
@@ -72,9 +71,7 @@ TEST(MailMessage, EncodesAndFoldsSubjects) {
 }
 
 TEST(MailMessage, KeepsBodiesWithinTheRulesOfTheTransport) {
-  const struct {
-    std::string body, expected;
-  } kCases[] = {
+  const std::pair<std::string, std::string> kCases[] = {
       {"a\nb\r\nc\rd", "a\r\nb\r\nc\r\nd\r\n"},
       {"größer = 1 \n", "gr=C3=B6=C3=9Fer =3D 1=20\r\n"},
       {"\xFF\x1B\n.\n", "=EF=BF=BD=1B\r\n=2E\r\n"},
@@ -82,9 +79,9 @@ TEST(MailMessage, KeepsBodiesWithinTheRulesOfTheTransport) {
       {std::string(999, '='), ""},
       {std::string(80, 'x') + "ü", std::string(75, 'x') + "=\r\nxxxxx=C3=BC\r\n"},
   };
-  for (const auto& c : kCases) {
-    const std::string body = body_of(message("s", c.body));
-    EXPECT_EQ(body.substr(0, c.expected.size()), c.expected);
+  for (const auto& [text, expected] : kCases) {
+    const std::string body = body_of(message("s", text));
+    EXPECT_EQ(body.substr(0, expected.size()), expected);
     std::istringstream lines(body);
     for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 999U);
   }

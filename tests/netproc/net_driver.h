@@ -75,7 +75,6 @@ class TlsClient {
   void finish_sending() const;                 // close_notify and a half-closed socket
   Reply reply();
   Reply ask(std::string_view text) { return send(text) ? reply() : Reply{}; }
-  [[nodiscard]] bool connected() const { return ssl_ != nullptr; }
   // The server has closed the connection.
   bool closed() const;
 
