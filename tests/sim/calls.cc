@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -66,12 +65,6 @@ int failed(int error) {
   return -1;
 }
 
-std::string absolute(const char* path) {
-  std::string text = *path == '/' ? path : "/" + std::string(path);
-  while (text.size() > 1 && text.ends_with('/')) text.pop_back();
-  return text;
-}
-
 // A line of /proc/<pid>/comm or .../stat.
 std::string proc_text(bool comm, int pid, const char* name, char state, std::int64_t ticks) {
   if (comm) return std::string(name) + "\n";
@@ -105,38 +98,13 @@ NodeRef proc_file(World& world, const std::string& path) {
   return node;
 }
 
-// The lines that a process writes to its standard error are its log.
-void take_log(const Call& call, std::string_view bytes) {
-  std::string& line = call.self.log_line;
-  for (const char c : bytes) {
-    if (c != '\n') {
-      line += c;
-      continue;
-    }
-    const std::size_t start = line.find("job '") + 5;
-    const std::size_t end = line.find("' starting (");
-    if (end != std::string::npos) call.self.job = line.substr(start, end - start);
-    call.world.model.logged(call.self, line);
-    line.clear();
-  }
-}
-
-// The log of a process that has cut itself loose from its terminal. Other processes' lines were
-// seen on their standard error.
-void take_syslog(const char* format, va_list args) {
-  if (current_world == nullptr || !current_world->running->fds.contains(STDERR_FILENO)) return;
-  std::array<char, 1024> text{};
-  std::vsnprintf(text.data(), text.size(), format, args);
-  const Call call;
-  take_log(call, std::string(21, ' ') + text.data() + "\n");
-}
-
-void handle_signal(const Call& call, int number, sighandler_t handler) {
-  if (handler == SIG_DFL) {
-    call.self.handlers.erase(number);
-  } else {
-    call.self.handlers[number] = handler == SIG_IGN ? nullptr : handler;
-  }
+// The lines that a process writes to its standard error are its log, also when it has cut itself
+// loose from its terminal.
+void take_log(const Call& call, std::string_view line) {
+  const std::size_t start = line.find("job '") + 5;
+  const std::size_t end = line.find("' starting (");
+  if (end != line.npos) call.self.job = line.substr(start, end - start);
+  call.world.model.logged(call.self, line.substr(0, line.find('\n')));
 }
 
 time_t now(time_t* into) {
@@ -163,9 +131,8 @@ struct Listing {
 namespace calls {
 namespace {
 
-int open(const Call& call, const char* name, int flags, mode_t mode) {
+int open(const Call& call, const std::string& path, int flags, mode_t mode) {
   Disk& disk = call.world.disk;
-  const std::string path = absolute(name);
   NodeRef node = path.starts_with("/proc/") ? proc_file(call.world, path) : disk.find(path);
   if (node && (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) return failed(EEXIST);
   if (!node) {
@@ -175,16 +142,8 @@ int open(const Call& call, const char* name, int flags, mode_t mode) {
     node = disk.create(path, false, call.world.mono);
     node->mode = mode;
     node->modified = call.world.wall_ns();
-  } else if (node->directory && (flags & O_ACCMODE) != O_RDONLY) {
-    return failed(EISDIR);
-  } else if (!node->directory && (flags & O_DIRECTORY) != 0) {
-    return failed(ENOTDIR);
   }
-  if ((flags & O_TRUNC) != 0 && !node->data.empty()) {
-    disk.change(*node, call.world.mono, call.world.wall_ns());
-    node->data.clear();
-  }
-  return call.add(std::make_shared<OpenFile>(std::move(node), nullptr, path, flags));
+  return call.add(std::make_shared<OpenFile>(std::move(node), nullptr, flags));
 }
 
 int close(const Call& call, int fd) {
@@ -209,11 +168,11 @@ ssize_t read(const Call& call, int fd, void* into, std::size_t size) {
 
 ssize_t write(const Call& call, int fd, const void* bytes, std::size_t size) {
   const std::string_view text(static_cast<const char*>(bytes), size);
-  OpenFile* const open = call.file(fd);
   if (fd <= STDERR_FILENO) {
-    if (open == nullptr) take_log(call, text);
+    take_log(call, text);
     return static_cast<ssize_t>(size);
   }
+  OpenFile* const open = call.file(fd);
   if (open == nullptr) return failed(EBADF);
   if (const int error = call.bad_luck()) return failed(error);
   if (call.world.disk.full) return failed(ENOSPC);
@@ -289,7 +248,7 @@ int stat_node(const NodeRef& node, struct stat* st) {
 }
 
 int stat(const Call& call, const char* path, struct stat* st) {
-  return stat_node(call.world.disk.find(absolute(path)), st);
+  return stat_node(call.world.disk.find(path), st);
 }
 
 constexpr auto* lstat = &stat;
@@ -299,11 +258,11 @@ int fstat(const Call& call, int fd, struct stat* st) {
   return open == nullptr ? failed(EBADF) : stat_node(open->node, st);
 }
 
-DIR* opendir(const Call& call, const char* path) {
+DIR* opendir(const Call& call, std::string path) {
   if (const int error = call.bad_luck()) return failed(error), nullptr;
-  const NodeRef node = call.world.disk.find(absolute(path));
-  if (!node || !node->directory) return failed(ENOENT), nullptr;
-  return reinterpret_cast<DIR*>(new Listing{call.world.disk.list(absolute(path))});
+  if (path.ends_with('/')) path.pop_back();
+  if (!call.world.disk.find(path)) return failed(ENOENT), nullptr;
+  return reinterpret_cast<DIR*>(new Listing{call.world.disk.list(path)});
 }
 
 dirent* readdir(const Call&, DIR* dir) {
@@ -335,14 +294,6 @@ int fcntl(const Call& call, int fd, int command, long) {
   if (command != F_DUPFD_CLOEXEC) return 0;
   const auto at = call.self.fds.find(fd);
   return at == call.self.fds.end() ? failed(EBADF) : call.add(at->second);
-}
-
-int dup2(const Call& call, int from, int to) {
-  const auto at = call.self.fds.find(from);
-  if (at == call.self.fds.end()) return failed(EBADF);
-  const OpenRef open = at->second;
-  call.self.fds[to] = open;
-  return to;
 }
 
 // The leash of a child that waits to be let go.
@@ -404,9 +355,6 @@ int clone(const Call& call, int (*)(void*), void*, int, void*) {
   tool.job = self.job;
   tool.forced = self.forced;
   tool.started_ticks = world.mono / (kSecond / 100);
-  for (const auto& [fd, open] : self.fds) {
-    if (open->path.starts_with(kLogDir) && !open->node->directory) tool.output = open;
-  }
   return tool.pid;
 }
 
@@ -439,22 +387,20 @@ int kill(const Call& call, pid_t pid, int number) {
   return 0;
 }
 
-int sigaction(const Call& call, int number, const struct ::sigaction* set,
-              struct ::sigaction* old) {
-  if (old != nullptr) {
-    *old = {};
-    const auto at = call.self.handlers.find(number);
-    if (at != call.self.handlers.end()) {
-      old->sa_handler = at->second != nullptr ? at->second : SIG_IGN;
-    }
-  }
-  if (set != nullptr) handle_signal(call, number, set->sa_handler);
-  return 0;
+sighandler_t signal(const Call& call, int number, sighandler_t handler) {
+  const auto at = call.self.handlers.find(number);
+  const sighandler_t before = at == call.self.handlers.end() ? SIG_DFL : at->second;
+  call.self.handlers[number] = handler;
+  return before;
 }
 
-sighandler_t signal(const Call& call, int number, sighandler_t handler) {
-  handle_signal(call, number, handler);
-  return SIG_DFL;
+int sigaction(const Call& call, int number, const struct ::sigaction* set,
+              struct ::sigaction* old) {
+  const sighandler_t before = signal(call, number, set != nullptr ? set->sa_handler : SIG_DFL);
+  if (set == nullptr) (void)signal(call, number, before);
+  if (old != nullptr) *old = {};
+  if (old != nullptr) old->sa_handler = before;
+  return 0;
 }
 
 }  // namespace
@@ -504,7 +450,6 @@ ORV_SIM_CALL(dirent*, readdir, (DIR* dir), dir)
 ORV_SIM_CALL(int, closedir, (DIR* dir), dir)
 ORV_SIM_RISK(int, flock, (int fd, int operation), fd, operation)
 ORV_SIM_CALL(int, fcntl, (int fd, int command, long argument), fd, command, argument)
-ORV_SIM_CALL(int, dup2, (int from, int to), from, to)
 ORV_SIM_RISK(int, socketpair, (int domain, int type, int protocol, int* ends), domain, type, protocol, ends)
 ORV_SIM_CALL(ssize_t, send, (int fd, const void* bytes, std::size_t size, int flags), fd, bytes, size, flags)
 ORV_SIM_CALL(ssize_t, recv, (int fd, void* into, std::size_t size, int flags), fd, into, size, flags)
@@ -519,6 +464,7 @@ ORV_SIM_CALL(sighandler_t, signal, (int number, sighandler_t handler), number, h
 
 ORV_SIM_VALUE(time_t, time, (time_t* into), (into), now(into))
 ORV_SIM_VALUE(int, clock_gettime, (clockid_t clock, timespec* into), (clock, into), now(clock, into))
+ORV_SIM_VALUE(int, dup2, (int from, int to), (from, to), to)
 ORV_SIM_VALUE(pid_t, getpid, (), (), current_world->running->pid)
 ORV_SIM_VALUE(pid_t, setsid, (), (), current_world->running->pid)
 ORV_SIM_VALUE(int, setpgid, (pid_t pid, pid_t group), (pid, group), 0)
@@ -529,19 +475,3 @@ ORV_SIM_VALUE(int, fchmod, (int fd, mode_t mode), (fd, mode), 0)
 ORV_SIM_VALUE(int, fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group), 0)
 ORV_SIM_VALUE(char*, realpath, (const char* path, char* into), (path, into), ::strdup(path))
 // clang-format on
-
-extern "C" void __wrap_syslog(int priority, const char* format, ...);
-void __wrap_syslog(int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  take_syslog(format, args);
-  va_end(args);
-}
-
-extern "C" void __wrap___syslog_chk(int priority, int flag, const char* format, ...);
-void __wrap___syslog_chk(int, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  take_syslog(format, args);
-  va_end(args);
-}

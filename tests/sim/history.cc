@@ -155,7 +155,7 @@ void History::start_daemon() {
 Process& History::run_by_hand(const std::string& command, const std::string& job, bool force) {
   model.story("a person types: orv_sched " + command + " " + job + (force ? " --force" : ""));
   Process& process = world.spawn(command + " " + job, [command, job, force] {
-    return run_command_line({"orv_sched", command, job, "--job-log-dir", kLogDir,
+    return run_command_line({"orv_sched", command, job, "--job-log-dir", kLogDir, "--no-syslog",
                              force ? "--force" : "--no-background"});
   });
   process.forced = force;
@@ -200,9 +200,8 @@ std::size_t History::schedule_incidents() {
       if (!options.without.contains(made++)) {
         world.at(when, [this, &incident, luck] {
           Rng rng(luck);
-          Process* const daemon = world.find_process("daemon");
-          if (incident.needs_daemon && daemon == nullptr) return;
-          incident.happen(*this, rng, jobs[rng.below(jobs.size())], daemon);
+          Scene scene{*this, rng, jobs[rng.below(jobs.size())], world.find_process("daemon")};
+          if (!incident.needs_daemon || scene.daemon != nullptr) incident.happen(scene);
         });
       }
       when += world.rng.between(0, 200) * kSecond;

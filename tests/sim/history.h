@@ -60,10 +60,20 @@ struct History {
   std::map<std::string, std::uint64_t> runs_;  // so far, by job
 };
 
-// Something that befalls the server. `job` is one of its jobs by chance.
+// What an incident is about: `job` is one of the jobs, by chance.
+struct Scene {
+  History& history;
+  Rng& rng;
+  JobPlan& job;
+  Process* daemon;  // null while there is none
+  Process& run_by_hand(const char* command, bool force) const {
+    return history.run_by_hand(command, job.name, force);
+  }
+};
+// Something that befalls the server.
 struct Incident {
   bool needs_daemon;
-  void (*happen)(History& history, Rng& rng, JobPlan& job, Process* daemon);
+  void (*happen)(Scene& scene);
 };
 [[nodiscard]] std::span<const Incident> incidents();
 

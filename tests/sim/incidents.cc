@@ -30,7 +30,9 @@ void ask(History& history, const std::string& method, const std::string& path,
   });
 }
 
-void rename_job(History& h, JobPlan& job) {
+void rename_job(Scene& s) {
+  History& h = s.history;
+  JobPlan& job = s.job;
   const std::string old = job.name;
   job.name = "j" + std::to_string(++h.numbers);
   for (JobPlan& other : h.jobs) std::replace(other.after.begin(), other.after.end(), old, job.name);
@@ -38,16 +40,38 @@ void rename_job(History& h, JobPlan& job) {
   h.write_config();
 }
 
-void edit_times(History& h, Rng& rng, JobPlan& job) {
-  const JobPlan fresh = h.make_job(rng, job.name);
+void edit_times(Scene& s) {
+  JobPlan& job = s.job;
+  const JobPlan fresh = s.history.make_job(s.rng, job.name);
   job.schedule = fresh.schedule;
   job.once = fresh.once;
   if (job.schedule.empty() && job.once == 0 && job.after.empty()) job.schedule = "7 3 * * *";
-  h.model.story("a person edits " + job.name);
-  h.write_config();
+  s.history.model.story("a person edits " + job.name);
+  s.history.write_config();
 }
 
-void change_by_client(History& h, const std::string& name) {
+void switch_job(Scene& s) {
+  bool& enabled = s.job.enabled;
+  enabled = !enabled;
+  s.history.model.story(std::string(enabled ? "a person enables " : "a person disables ") +
+                        s.job.name);
+  s.history.write_config();
+}
+
+void break_file(Scene& s) {
+  History& h = s.history;
+  h.model.story("a person breaks the configuration");
+  h.model.people_edited();
+  h.world.disk.replace(kConfigPath, "[oops\n# end of the file\n", h.world.mono, h.world.wall_ns());
+  h.world.at(h.world.mono + s.rng.between(60, 20000) * kSecond, [&h] {
+    h.model.story("a person mends the configuration");
+    h.write_config();
+  });
+}
+
+void change_by_client(Scene& s) {
+  History& h = s.history;
+  const std::string name = s.job.name;
   const std::int64_t serial = ++h.numbers;
   ask(h, "PUT", name, R"({"args":"--serial )" + std::to_string(serial) + "\"}", [&h, name, serial] {
     h.model.change_told(name, serial);
@@ -57,96 +81,77 @@ void change_by_client(History& h, const std::string& name) {
   });
 }
 
-void interrupt_a_person(History& h, Rng& rng) {
-  for (const auto& process : h.world.processes) {
+void interrupt_a_person(Scene& s) {
+  for (const auto& process : s.history.world.processes) {
     if (process->gone || process->what == "daemon") continue;
-    h.model.story("a person interrupts " + process->what);
-    return h.world.send_signal(*process, rng.one_in(2) ? SIGINT : SIGTERM);
+    s.history.model.story("a person interrupts " + process->what);
+    return s.history.world.send_signal(*process, s.rng.one_in(2) ? SIGINT : SIGTERM);
   }
 }
 
-constexpr bool kDaemon = true;  // it must be there
-constexpr bool kAnyTime = false;
+void disk_fills(Scene& s) {
+  History& h = s.history;
+  h.model.story("the disk is full");
+  h.model.trouble();
+  h.world.disk.full = true;
+  h.world.at(h.world.mono + s.rng.between(60, 40000) * kSecond, [&h] {
+    h.model.story("the disk has room again");
+    h.world.disk.full = false;
+  });
+}
 
+void a_call_fails(Scene& s) {
+  static constexpr std::array kErrors = {EIO, EMFILE, ENOMEM, ENOSPC, EINTR};
+  s.history.model.story("a call of the daemon fails");
+  s.history.model.trouble();
+  s.daemon->fails_at = s.daemon->calls + 1 + s.rng.below(600);
+  s.daemon->fails_with = kErrors[s.rng.below(kErrors.size())];
+}
+
+void clock_is_set(Scene& s) {
+  static constexpr std::array kSizes = {5, 120, 3600, 7200, 86400, 10 * 86400};
+  const std::int64_t by = kSizes[s.rng.below(kSizes.size())] * (s.rng.one_in(2) ? -1 : 1);
+  s.history.world.wall_offset += by * kSecond;
+  s.history.model.clock_set(by);
+}
+
+void machine_restarts(Scene& s) {
+  const bool power_loss = s.rng.one_in(2);
+  s.history.world.reboot(power_loss);
+  s.history.model.rebooted(power_loss);
+}
+
+void request_run(Scene& s) {
+  ask(s.history, "POST", s.job.name + "/run", "",
+      [&h = s.history, name = s.job.name] { h.model.requested(name); });
+}
+
+void cancel_run(Scene& s) {
+  const std::string& job = s.daemon->job;
+  if (!job.empty()) ask(s.history, "POST", job + "/cancel", "", {});
+}
+
+// Some need the daemon.
 constexpr Incident kIncidents[] = {
-    {kDaemon, [](History& h, Rng&, JobPlan&, Process* daemon) { h.world.kill_process(*daemon); }},
-    {kDaemon,
-     [](History& h, Rng&, JobPlan&, Process* daemon) {
-       h.model.story("the daemon is told to stop");
-       h.world.send_signal(*daemon, SIGTERM);
-     }},
-    {kDaemon, [](History&, Rng& rng, JobPlan&,
-                 Process* daemon) { daemon->dies_at = daemon->calls + 1 + rng.below(400); }},
-    {kDaemon,
-     [](History& h, Rng& rng, JobPlan&, Process* daemon) {
-       static constexpr std::array kErrors = {EIO, EMFILE, ENOMEM, ENOSPC, EINTR};
-       h.model.story("a call of the daemon fails");
-       h.model.trouble();
-       daemon->fails_at = daemon->calls + 1 + rng.below(600);
-       daemon->fails_with = kErrors[rng.below(kErrors.size())];
-     }},
-    {kAnyTime,
-     [](History& h, Rng& rng, JobPlan& job, Process*) {
-       h.run_by_hand("run", job.name, false).dies_at = 1 + rng.below(120);
-     }},
-    {kAnyTime,
-     [](History& h, Rng& rng, JobPlan&, Process*) {
-       static constexpr std::array kSizes = {5, 120, 3600, 7200, 86400, 10 * 86400};
-       const std::int64_t by = kSizes[rng.below(kSizes.size())] * (rng.one_in(2) ? -1 : 1);
-       h.world.wall_offset += by * kSecond;
-       h.model.clock_set(by);
-     }},
-    {kAnyTime,
-     [](History& h, Rng& rng, JobPlan&, Process*) {
-       const bool power_loss = rng.one_in(2);
-       h.world.reboot(power_loss);
-       h.model.rebooted(power_loss);
-     }},
-    {kAnyTime,
-     [](History& h, Rng& rng, JobPlan&, Process*) {
-       h.model.story("the disk is full");
-       h.model.trouble();
-       h.world.disk.full = true;
-       h.world.at(h.world.mono + rng.between(60, 40000) * kSecond, [&h] {
-         h.model.story("the disk has room again");
-         h.world.disk.full = false;
-       });
-     }},
-    {kAnyTime, [](History& h, Rng& rng, JobPlan& job, Process*) { edit_times(h, rng, job); }},
-    {kAnyTime,
-     [](History& h, Rng&, JobPlan& job, Process*) {
-       job.enabled = !job.enabled;
-       h.model.story("a person " + std::string(job.enabled ? "enables " : "disables ") + job.name);
-       h.write_config();
-     }},
-    {kAnyTime, [](History& h, Rng&, JobPlan& job, Process*) { rename_job(h, job); }},
-    {kAnyTime,
-     [](History& h, Rng& rng, JobPlan&, Process*) {
-       h.model.story("a person breaks the configuration");
-       h.model.people_edited();
-       h.world.disk.replace(kConfigPath, "[oops\n# end of the file\n", h.world.mono,
-                            h.world.wall_ns());
-       h.world.at(h.world.mono + rng.between(60, 20000) * kSecond, [&h] {
-         h.model.story("a person mends the configuration");
-         h.write_config();
-       });
-     }},
-    {kAnyTime,
-     [](History& h, Rng&, JobPlan& job, Process*) { h.run_by_hand("run", job.name, false); }},
-    {kAnyTime,
-     [](History& h, Rng&, JobPlan& job, Process*) { h.run_by_hand("start", job.name, false); }},
-    {kAnyTime,
-     [](History& h, Rng&, JobPlan& job, Process*) { h.run_by_hand("run", job.name, true); }},
-    {kAnyTime, [](History& h, Rng& rng, JobPlan&, Process*) { interrupt_a_person(h, rng); }},
-    {kAnyTime,
-     [](History& h, Rng&, JobPlan& job, Process*) {
-       ask(h, "POST", job.name + "/run", "", [&h, name = job.name] { h.model.requested(name); });
-     }},
-    {kAnyTime, [](History& h, Rng&, JobPlan& job, Process*) { change_by_client(h, job.name); }},
-    {kDaemon,
-     [](History& h, Rng&, JobPlan&, Process* daemon) {
-       if (!daemon->job.empty()) ask(h, "POST", daemon->job + "/cancel", "", {});
-     }},
+    {true, [](Scene& s) { s.history.world.kill_process(*s.daemon); }},
+    {true, [](Scene& s) { s.history.world.send_signal(*s.daemon, SIGTERM); }},
+    {true, [](Scene& s) { s.daemon->dies_at = s.daemon->calls + 1 + s.rng.below(400); }},
+    {true, a_call_fails},
+    {true, cancel_run},
+    {false, [](Scene& s) { s.run_by_hand("run", false).dies_at = 1 + s.rng.below(120); }},
+    {false, [](Scene& s) { s.run_by_hand("run", false); }},
+    {false, [](Scene& s) { s.run_by_hand("start", false); }},
+    {false, [](Scene& s) { s.run_by_hand("run", true); }},
+    {false, interrupt_a_person},
+    {false, clock_is_set},
+    {false, machine_restarts},
+    {false, disk_fills},
+    {false, edit_times},
+    {false, switch_job},
+    {false, rename_job},
+    {false, break_file},
+    {false, request_run},
+    {false, change_by_client},
 };
 
 }  // namespace

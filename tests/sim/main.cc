@@ -4,6 +4,7 @@
 //   orv_sim --minutes M [--from N]         as many histories as fit, from seed N on
 //   orv_sim --count C [--from N]           so many histories
 // Exit status 0 when everything held, 1 when something did not, 2 for wrong usage.
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,38 +31,36 @@ struct Outcome {
   std::array<char, 400> failure{};
 };
 
-Outcome play(const HistoryOptions& options) {
-  Outcome outcome;
+void play(const HistoryOptions& options, Outcome& outcome) {
   History history(options);
   outcome.incidents = history.play();
   outcome.runs = history.model.runs;
   outcome.held = history.model.failure.empty();
+  outcome.failure = {};
   history.model.failure.copy(outcome.failure.data(), outcome.failure.size() - 1);
-  return outcome;
+  (void)std::fflush(nullptr);
 }
 
 // Plays one history in a process of its own: what the killed leave behind goes with it, and a crash
 // is a failure like any other.
 Outcome play_apart(const HistoryOptions& options) {
-  Outcome outcome{.failure = {"the program crashed"}};
-  int ends[2];
-  if (::pipe(ends) != 0) std::abort();
+  void* const page =
+      ::mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) std::abort();
+  auto* const shared = new (page) Outcome{.failure = {"the program crashed"}};
   (void)std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child == 0) {
+  if (const pid_t child = ::fork(); child != 0) {
+    (void)::waitpid(child, nullptr, 0);
+  } else {
     if (!options.verbose) {
       (void)!std::freopen("/dev/null", "w", stdout);
       (void)!std::freopen("/dev/null", "w", stderr);
     }
-    outcome = play(options);
-    (void)std::fflush(nullptr);
-    (void)!::write(ends[1], &outcome, sizeof outcome);
+    play(options, *shared);
     ::_exit(0);
   }
-  ::close(ends[1]);
-  (void)!::read(ends[0], &outcome, sizeof outcome);  // whole or not at all
-  ::close(ends[0]);
-  (void)::waitpid(child, nullptr, 0);
+  const Outcome outcome = *shared;
+  (void)::munmap(page, sizeof(Outcome));
   return outcome;
 }
 

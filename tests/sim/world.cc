@@ -153,7 +153,7 @@ void World::block(std::function<bool()> ready, std::int64_t deadline) {
     const int number = self.signals.front();
     self.signals.erase(self.signals.begin());
     const auto handler = self.handlers.find(number);
-    if (handler != self.handlers.end() && handler->second != nullptr) handler->second(number);
+    if (handler != self.handlers.end()) handler->second(number);
   }
 }
 
@@ -179,9 +179,9 @@ void World::kill_process(Process& process) {
 
 void World::send_signal(Process& process, int number) {
   const auto handler = process.handlers.find(number);
-  if (handler == process.handlers.end()) {
-    kill_process(process);  // the default action
-  } else if (handler->second != nullptr) {
+  if (handler == process.handlers.end() || handler->second == SIG_DFL) {
+    kill_process(process);
+  } else if (handler->second != SIG_IGN) {
     process.signals.push_back(number);
     process.deadline = 0;  // the wait is interrupted
   }
@@ -232,10 +232,6 @@ ToolRef World::tool_of(int pid) {
 void World::let_go(Tool& tool) {
   tool.state = Tool::State::Running;
   shape(tool);
-  if (tool.output && !disk.full) {
-    disk.change(*tool.output->node, mono, wall_ns());
-    tool.output->node->data += "working\n";
-  }
   model.tool_started(tool);
 }
 
@@ -243,7 +239,6 @@ void World::end_tool(Tool& tool, int status) {
   happened();
   tool.state = Tool::State::Ended;
   tool.status = status;
-  tool.output.reset();
   model.tool_ended(tool);
   // Nobody waits for the tool of a dead runner; the system reaps it.
   const Process* const runner = process_of(tool.runner);

@@ -35,7 +35,6 @@ using ToolRef = std::shared_ptr<Tool>;
 struct OpenFile {
   NodeRef node;       // none: a socket, or what `tool` says
   ToolRef tool = {};  // of a pidfd
-  std::string path = {};
   int flags = 0;
   std::uint64_t offset = 0;
   ~OpenFile() {
@@ -57,7 +56,6 @@ struct Tool {
   std::int64_t ends = kForever;  // nanoseconds since the world began
   int exit_code = 0;
   int status = 0;  // as waitpid() reports it
-  OpenRef output;
 };
 
 // One process of the scheduler.
@@ -79,14 +77,13 @@ struct Process {
   std::int64_t deadline = 0;
 
   std::map<int, OpenRef> fds;
-  std::map<int, void (*)(int)> handlers;  // null: ignored
+  std::map<int, void (*)(int)> handlers;  // as signal() takes them; none: the default action
   std::vector<int> signals;               // sent, not yet handled
   ToolRef tool;                           // the newest that it forked
   std::uint64_t calls = 0;
   std::uint64_t dies_at = UINT64_MAX;   // the call in which it is killed
   std::uint64_t fails_at = UINT64_MAX;  // the call that fails
   int fails_with = 0;                   // errno
-  std::string log_line;                 // not ended yet
 };
 
 class World {
