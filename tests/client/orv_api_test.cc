@@ -215,55 +215,44 @@ TEST_F(OrvApi, CollectsPagesAndBeginsAnewWhenTheConfigurationChanges) {
 }
 
 TEST_F(OrvApi, FollowsARunAndExitsByItsOutcome) {
-  const std::string queued =
-      R"({"queued":true,"already_queued":false,"position":1,"running_job":"b"})";
-  const auto job = [](const char* status, const char* requested) {
-    return std::string(R"({"job":{"name":"a","state":{"status":")") + status +
-           R"(","run_requested":)" + requested + "}}}";
+  // A server where job "a" has run before; once it is asked to run, `entry` is what its new run is
+  // listed as, and `status` the job's. An empty entry: it never starts.
+  const auto server_with = [](const std::string& entry, const std::string& status, bool log_ends) {
+    const std::string old = R"({"id":"20260101T000000Z","finished":true,"exit_code":0}]})";
+    const std::string run =
+        R"({"runs":[{"id":"20260102T000000Z","start":5,"finished":)" + entry + "},";
+    const std::string log = R"({"offset":0,"size":4,"data":"log\n","next_offset":4,"finished":)";
+    return Script::Replies{
+        {"GET jobs/a/runs", {R"({"runs":[)" + old, (entry.empty() ? R"({"runs":[)" : run) + old}},
+        {"POST jobs/a/run",
+         {R"({"queued":true,"already_queued":false,"position":1,"running_job":"b"})"}},
+        {"GET jobs/a",
+         {R"({"job":{"name":"a","state":{"status":")" + status + R"(","run_requested":false}}})"}},
+        {"GET jobs/a/runs/20260102T000000Z/log?offset=0", {log + (log_ends ? "true}" : "false}")}},
+        {"GET jobs/a/runs/20260102T000000Z/log?offset=4", {log + "false}"}}};
   };
-  const auto runs = [](const std::string& entries) { return R"({"runs":[)" + entries + "]}"; };
-  const std::string old = R"({"id":"20260101T000000Z","finished":true,"exit_code":0})";
-  const auto run = [](const char* end) {
-    return std::string(R"({"id":"20260102T000000Z","start":5,"finished":)") + end + "},";
+  // clang-format off
+  static constexpr struct { int status; const char *entry, *err; } kCases[] = {
+      {0, R"(true,"exit_code":0)",                     ""},
+      {6, R"(true,"exit_code":3)",                     "the run of job 'a' failed with exit code 3"},
+      {6, "false",                                     "the run of job 'a' was lost: its log has no end"},
+      {7, R"(true,"exit_code":-1,"cancelled":true)",   "the run of job 'a' was cancelled"},
+      {7, R"(true,"exit_code":-1,"timed_out":true)",   "the run of job 'a' took too long"},
+      {7, "",                                          "the run of job 'a' was taken out of the queue"},
+      {8, R"(true,"exit_code":75)",                    "the run of job 'a' found its tool busy"},
   };
-  const auto log = [](const char* finished) {
-    return std::string(R"({"offset":0,"size":4,"data":"log\n","next_offset":4,"finished":)") +
-           finished + "}";
-  };
-  const struct {
-    int status;
-    std::string entry;  // of the run; empty: it never starts
-    const char* err;
-  } cases[] = {
-      {0, run(R"(true,"exit_code":0)"), ""},
-      {6, run(R"(true,"exit_code":3)"), "the run of job 'a' failed with exit code 3"},
-      {6, run("false"), "the run of job 'a' was lost: its log has no end"},
-      {7, run(R"(true,"exit_code":-1,"cancelled":true)"), "the run of job 'a' was cancelled"},
-      {7, run(R"(true,"exit_code":-1,"timed_out":true)"), "the run of job 'a' took too long"},
-      {7, "", "the run of job 'a' was taken out of the queue"},
-      {8, run(R"(true,"exit_code":75)"), "the run of job 'a' found its tool busy"},
-  };
-  for (const auto& c : cases) {
-    const bool lost = c.entry == run("false");
-    Script script(
-        {{"GET jobs/a/runs", {runs(old), runs(c.entry + old)}},
-         {"POST jobs/a/run", {queued}},
-         {"GET jobs/a", {job("DONE", "false")}},
-         {"GET jobs/a/runs/20260102T000000Z/log?offset=0", {log(lost ? "false" : "true")}},
-         {"GET jobs/a/runs/20260102T000000Z/log?offset=4",
-          {R"({"offset":4,"size":4,"data":"","next_offset":4,"finished":false})"}}});
+  // clang-format on
+  for (const auto& c : kCases) {
+    const std::string_view entry = c.entry;
+    Script script(server_with(c.entry, "DONE", entry != "false"));
     const ProgramResult got = ask(script, {"run", "a", "--wait"});
     EXPECT_EQ(got.status, c.status) << got.err;
     EXPECT_THAT(got.err, HasSubstr(c.err));
     EXPECT_EQ(got.out, std::string("the run of job 'a' is queued, number 1, after the running job "
                                    "'b'\n") +
-                           (c.entry.empty() ? "" : "log\n"));
+                           (entry.empty() ? "" : "log\n"));
   }
-  Script going_on({{"GET jobs/a/runs", {runs(old), runs(run("false") + old)}},
-                   {"POST jobs/a/run", {queued}},
-                   {"GET jobs/a", {job("RUNNING", "false")}},
-                   {"GET jobs/a/runs/20260102T000000Z/log?offset=0", {log("false")}},
-                   {"GET jobs/a/runs/20260102T000000Z/log?offset=4", {log("false")}}});
+  Script going_on(server_with("false", "RUNNING", false));
   const LyingServer server(going_on.answer());
   list_.clear();
   list("s", server.address(), server.fingerprint());
