@@ -1,6 +1,7 @@
 #include "json/json_writer.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 
@@ -15,12 +16,20 @@ unsigned byte_at(std::string_view text, std::size_t at) {
 }
 
 // DEL is escaped, too, although RFC 8259 lets it stand: terminals and logs obey it.
-bool is_plain(char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; }
+constexpr bool is_plain(std::size_t byte) {
+  return byte >= 0x20 && byte < 0x7f && byte != '"' && byte != '\\';
+}
+
+constexpr auto kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t byte = 0; byte < plain.size(); ++byte) plain[byte] = is_plain(byte);
+  return plain;
+}();
 
 // Bytes at the front of `text` that need no escape and can be cut anywhere.
 std::size_t plain_run(std::string_view text) {
   std::size_t n = 0;
-  while (n < text.size() && is_plain(text[n])) ++n;
+  while (n < text.size() && kPlain[byte_at(text, n)]) ++n;
   return n;
 }
 
@@ -141,8 +150,22 @@ std::size_t JsonWriter::put_escaped(std::string_view text, std::size_t limit) {
   return done;
 }
 
+// Nearly every key and text is plain, and goes in with its quotes at once.
+bool JsonWriter::put_plain(std::string_view text) {
+  if (overflow_ || length_ + text.size() + 3 > buffer_.size()) return false;
+  if (plain_run(text) < text.size()) return false;
+  char* const out = buffer_.data() + length_;
+  out[0] = '"';
+  std::copy(text.begin(), text.end(), out + 1);
+  out[text.size() + 1] = '"';
+  out[text.size() + 2] = '\0';
+  length_ += text.size() + 2;
+  return true;
+}
+
 void JsonWriter::string(std::string_view text) {
   separate();
+  if (put_plain(text)) return;
   put("\"");
   if (put_escaped(text, SIZE_MAX) < text.size()) overflow_ = true;
   put("\"");

@@ -54,6 +54,7 @@ class JsonWriter {
   void open(char bracket);
   void close(char bracket);
   // The escaped content of a string, as far as it fits; returns the bytes of `text` it covers.
+  bool put_plain(std::string_view text);
   std::size_t put_escaped(std::string_view text, std::size_t limit);
 
   std::span<char> buffer_;

@@ -28,7 +28,11 @@ Connection::Connection(ConnectionHost& host, TcpSocket socket,
       tls_(std::move(tls)),
       stream_(std::move(socket), *tls_),
       timer_(tcp().get_executor()),
-      buffer_(kMaxHttpBuffered) {}
+      buffer_(kMaxHttpBuffered) {
+  // Releasing OpenSSL's buffers after each record means zeroing 16 KiB for each request: a tenth of
+  // what this process does for it. They go with the connection.
+  SSL_clear_mode(stream_.native_handle(), SSL_MODE_RELEASE_BUFFERS);
+}
 
 // A completion handler that keeps the connection alive and does nothing once it is closed.
 template <typename Next>

@@ -52,7 +52,6 @@ void harden(SSL_CTX* ctx) {
   SSL_CTX_set_cipher_list(ctx, kCiphers);
   SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET |
                                SSL_OP_CLEANSE_PLAINTEXT);
-  SSL_CTX_set_mode(ctx, SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_num_tickets(ctx, 0);
   SSL_CTX_set_alpn_select_cb(ctx, choose_protocol, nullptr);
