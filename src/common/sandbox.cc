@@ -213,6 +213,7 @@ void sandbox_enter() {
   if (::setrlimit(RLIMIT_CORE, &none) != 0) {
     log_msg(LogLevel::Warn, "cannot forbid core dumps: %s", ::strerror(errno));
   }
+  // Sanitizers need what the steps below forbid.
   if (kInstrumented) return;
   if (::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
     log_msg(LogLevel::Warn, "cannot forbid debuggers: %s", ::strerror(errno));

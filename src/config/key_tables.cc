@@ -114,7 +114,7 @@ bool mail_to(KeyTarget& target, std::string_view value, std::span<char> words) {
     if (addresses.size() == kMaxRecipients) {
       return refuse(words, "too many addresses in 'to'");
     }
-    addresses.emplace_back().set_truncated(address);
+    addresses.emplace_back().set_truncated(address);  // it fits: that was checked with the rest
   }
   target.config.mail.to.swap(addresses);
   return true;

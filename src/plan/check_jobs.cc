@@ -193,6 +193,7 @@ void check_tool(const JobCheck& check, std::string_view path) {
 
 std::vector<Finding> check_jobs(const Plan& plan, const Durations& durations,
                                 std::string_view path) {
+  // Found once for all jobs: each change is a search through two years.
   const std::vector<ClockChange> changes = clock_changes(plan.now, plan.now + kTwoYears);
   std::vector<Finding> out;
   for (const Job& job : plan.config.jobs) {

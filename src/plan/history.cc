@@ -71,6 +71,7 @@ std::optional<std::int64_t> trend_of(std::vector<std::int64_t> durations) {
 JobTotals totals_of(const Job& job, const std::vector<PastRun>& runs) {
   JobTotals totals;
   totals.job = &job;
+  // Only runs that did their work say how long it takes: a failed one may have ended at once.
   std::vector<std::int64_t> durations;
   for (const PastRun& run : runs) {
     ++totals.runs;

@@ -64,6 +64,7 @@ JobFacts collect_facts(const Plan& plan, const Job& job, JobRuns& runs, LongestG
                    [](const LogNote& note) { return note.fault == LogFault::Unreadable; });
   if (facts.last_run) facts.first_start = runs.start(runs.size() - 1);
   facts.queue_known = plan.queue_message.empty();
+  // Without the queue the logs have said what they can; the times to come stay unknown.
   const QueueRecord* const record = queue_find(plan.queue, job.name.view());
   if (record == nullptr || !facts.queue_known) return facts;
   facts.due_since = due_since(plan, job, *record);

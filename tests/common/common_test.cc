@@ -223,19 +223,16 @@ TEST(Crc32c, BothPathsAgreeAtEveryLength) {
   EXPECT_EQ(crc32c_portable(0, "123456789"), 0xE3069283U);
 }
 
-TEST(Compression, KeepsOnlyWhatGains) {
-  const std::vector<unsigned char> zeros(1000);
-  std::vector<unsigned char> out(compress_bound(Codec::Zstd, 1000) +
-                                 compress_bound(Codec::Lz4, 1000));
+// --selftest makes the round trips.
+TEST(Compression, RefusesDamageAndWhatGainsNothing) {
+  const std::vector<unsigned char> zeros(16);
+  std::vector<unsigned char> out(1000);
   for (const Codec codec : {Codec::Zstd, Codec::Lz4}) {
-    const std::size_t size = compress(codec, 3, zeros, out);
-    ASSERT_GT(size, 0U);  // --selftest makes the round trip
-    std::vector<unsigned char> back(1000);
-    EXPECT_EQ(decompress(codec, std::span(zeros).first(16), back, nullptr), ErrorCode::Corrupt);
-    EXPECT_EQ(compress(codec, 3, std::span(zeros).first(2), out), 0U);  // nothing gained
+    EXPECT_EQ(decompress(codec, zeros, out, nullptr), ErrorCode::Corrupt);
+    EXPECT_EQ(compress(codec, 3, std::span(zeros).first(2), out), 0U);
   }
   EXPECT_EQ(compress(Codec::None, 3, zeros, out), 0U);
-  EXPECT_EQ(decompress(Codec::None, zeros, std::span(out).first(10), nullptr), ErrorCode::Invalid);
+  EXPECT_EQ(decompress(Codec::None, out, std::span(out).first(10), nullptr), ErrorCode::Invalid);
   EXPECT_EQ(decompress(static_cast<Codec>(9), zeros, out, nullptr), ErrorCode::Invalid);
 }
 

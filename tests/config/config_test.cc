@@ -87,7 +87,7 @@ TEST(ConfigLoad, StoresEveryKey) {
       "[a]\ncommand=xenv\nprofile=p\nargs=\"x \\\"y z\\\"\"\nschedule=5 4 * * 1\nenabled=yes\n"
       "run-background=no\nstart-background=yes\nretention=4w\nretention-class=w_1-x\n"
       "notify=never\ntimeout-seconds=0\n"
-      "[b]\nonce=1700000000\nafter=a\nafter-mode=finished\n");
+      "[b]\nonce=1700000000\nafter=a, Mail\nafter-mode=finished\n[Mail]\nenabled=no\n");
   ASSERT_EQ(loaded.rc, 0) << loaded.message;
   const Config& c = *loaded.config;
   EXPECT_EQ(c.sched.poll_interval_s, 5U);
@@ -115,8 +115,7 @@ TEST(ConfigLoad, StoresEveryKey) {
   EXPECT_EQ(a.notify, Notify::Never);
   const Job& b = c.jobs[1];
   EXPECT_TRUE(b.has_once && b.once == 1700000000);
-  ASSERT_EQ(b.after.size(), 1U);
-  EXPECT_EQ(b.after_mode, AfterMode::Finished);
+  EXPECT_EQ(after_text(b), "a,Mail (finished)");
   config_release(*loaded.config);
   EXPECT_TRUE(c.mail.smtp_password.empty() && c.jobs.empty() && !c.mail.present);
   EXPECT_EQ(c.api.listen.port, 8447U);

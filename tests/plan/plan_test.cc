@@ -5,7 +5,6 @@
 
 #include "common/times.h"
 #include "plan/check.h"
-#include "plan/clock_changes.h"
 #include "plan/daemon_process.h"
 #include "plan/describe.h"
 #include "plan/forecast.h"
@@ -203,17 +202,6 @@ TEST_F(WhyTest, NamesEachThingThatBlocks) {
   EXPECT_TRUE(contains(reasons_not_now(plan_, job("first"), none).back(), "no daemon is running"));
 }
 
-TEST(ClockChanges, SkippedTimesAreFound) {
-  const ScopedTimeZone zone("Europe/Berlin");
-  const std::vector<ClockChange> changes = clock_changes(kMonday, kMonday + 366 * kDay);
-  ASSERT_EQ(changes.size(), 2U);
-  ASSERT_TRUE(changes[0].forward());
-  EXPECT_FALSE(changes[1].forward());
-  EXPECT_EQ(skipped_times(cron("30 2 * * *"), changes[0]),
-            std::vector<std::string>{"2027-03-28 02:30"});
-  EXPECT_TRUE(skipped_times(cron("30 3 * * *"), changes[0]).empty());
-}
-
 std::string kinds_of(const std::vector<Finding>& findings) {
   std::string kinds;
   for (const Finding& finding : findings) kinds += std::string(finding.kind) + " ";
@@ -227,6 +215,7 @@ TEST_F(ForecastTest, CheckFindsWhatIsLegalButSurprising) {
       {"", "[a]\nschedule=0 4 * * *\n[b]\nafter=a\n", {{"a", 60}}},
       {"never-fires", "[a]\nschedule=0 0 30 2 *\n", {}},
       {"skipped-time", "[a]\nschedule=30 2 * * *\n", {}},
+      {"", "[a]\nschedule=30 5 * * *\n", {}},
       {"", "[a]\nschedule=0 * * * *\n", {}},
       {"stands-still", "[a]\nschedule=*/15 * * * *\n", {}},
       {"longer-than-interval", "[a]\nschedule=0 4,5 * * *\n", {{"a", 7200}}},
