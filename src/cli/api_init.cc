@@ -55,7 +55,7 @@ std::string cause_of(ErrorCode rc, const char* common_name, int error_number) {
 
 int create_pair(const ApiSection& api, const char* common_name, bool force) {
   remove_pair_leftovers(api.cert.c_str(), api.key.c_str());
-  // errno is the reason of a failure below; 0 says that it was none of the system's.
+  // errno is the reason for a failure below; 0 means that no system call failed.
   const ScopedFd lock = lock_pair(api);
   errno = lock.valid() ? 0 : errno;
   const ErrorCode rc = lock.valid() ? cert_create(api.cert.c_str(), api.key.c_str(), common_name,

@@ -111,7 +111,7 @@ std::string_view word_at(const CommandContext& context, std::size_t index) {
 int run_token_command(const CommandContext& context) {
   const std::string_view action = word_at(context, 2);
   const bool changes = action == "add" || action == "remove";
-  // The file comes before the words: that it cannot be read is said whatever was asked for.
+  // The file comes before the words: one that cannot be read is reported whatever was asked for.
   TokenFile file;
   if (const int status = load_tokens(context, changes, file); status != kExitOk) return status;
   if (action == "list") return list_tokens(file);

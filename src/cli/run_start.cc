@@ -118,7 +118,7 @@ int run_start_command(const CommandContext& context, bool detached) {
     return complain("cannot open queue %s", context.queue_path);
   }
   JobRunSettings settings = settle(context, config->sched).run;
-  // Of `run`, an unknown job is reported by run_now(); of `start`, that would go to syslog alone.
+  // For `run`, run_now() reports an unknown job; for `start`, that would go to syslog alone.
   const Job* const job = find_job(*config, args[2]);
   if (job == nullptr && detached) {
     return complain("unknown job '%s'", args[2]);

@@ -7,7 +7,7 @@ namespace orv {
 
 bool parse_after(std::string_view text, std::vector<JobName>& out, std::span<char> err) {
   if (text.size() > kMaxAfterText) return refuse(err, "'after' value too long");
-  // No item between two commas is none; a blank one stands where a name should be.
+  // Empty items are skipped; a blank one stands where a name should be.
   std::vector<JobName> names;
   for (std::string_view item; next_list_item(text, item);) {
     const std::string_view name = trim(item);

@@ -45,7 +45,7 @@ using JobName = FixedText<kMaxJobName>;
 
 // What a dependency must have done: ended well, or just ended.
 enum class AfterMode : std::uint32_t { Success = 0, Finished = 1 };
-// A switch that may be left to somebody else's default.
+// A switch that may be left unset, and then follows the default of the command that asks.
 enum class Tristate : std::int32_t { Unset = -1, No = 0, Yes = 1 };
 
 struct Job {

@@ -164,7 +164,7 @@ bool check_job(const Config& config, const Job& job, const JobIndex& index, std:
 
 bool cross_check(Config& config, std::string_view written_password, std::span<char> err) {
   if (!check_mail(config.mail, written_password, err)) return false;
-  // Circles come last: their search takes every name for one that exists.
+  // Circles come last: a name that is unknown, or the job's own, has a clearer message.
   const JobIndex index(config.jobs);
   for (const Job& job : config.jobs) {
     if (!check_job(config, job, index, err)) return false;

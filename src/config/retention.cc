@@ -27,7 +27,7 @@ constexpr RetentionRow kRetentionUnits[] = {
 constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 
 // In UTC, so that neither the server's zone nor a clock change moves an expiry. Beyond what a
-// calendar can name, nothing expires: a backup is rather kept than lost.
+// calendar can name, nothing expires: a backup is better kept than lost.
 std::int64_t add_months(std::int64_t from, std::int64_t months) {
   const time_t start = from;
   struct tm date {};

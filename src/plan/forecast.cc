@@ -106,7 +106,7 @@ class Simulation {
                                     : StartReason::Once;
     const std::int64_t time = actor.record->next_run;
     const bool timed = has_time(job) && time > 0 && time != kNever;
-    // Late is what comes after the later of the two things that let it start.
+    // Lateness counts from the later of the two things that let the run start.
     const std::int64_t due = std::max(timed ? time : 0, stamp);
     if (due > 0) run.late_s = now_ - due;
     out_.runs.push_back(run);

@@ -91,8 +91,9 @@ bool reads_as_code(std::string_view text) {
 
 }  // namespace
 
-// Label values are UTF-8, but names of jobs may hold any byte: what is none becomes a code, and a
-// backslash that would read as such a code becomes one itself, so that no two names share a label.
+// Label values are UTF-8, but names of jobs may hold any byte: a byte that is not part of UTF-8
+// becomes a code, and so does a backslash that would read as one, so that no two names share a
+// label.
 std::string prometheus_label(std::string_view text) {
   std::string out;
   const auto code = [&](unsigned byte) {  // the format itself doubles a backslash

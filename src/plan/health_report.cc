@@ -66,7 +66,7 @@ HealthReport make_health_report(const Plan& plan, const DaemonProcess& daemon,
   report.queue_path = plan.queue_path;
   report.queue_message = plan.queue_message;
   report.logs_path = plan.job_log_dir;
-  LongestGaps gaps(plan.config, plan.now);  // shared: jobs look at the gaps of those they wait for
+  LongestGaps gaps(plan.config, plan.now);  // shared: a job needs the gaps of those it waits for
   for (const Job& job : plan.config.jobs) {
     if (only != nullptr && only != &job) continue;
     JobRuns runs = runs_of(plan, job);

