@@ -13,7 +13,7 @@
 namespace orv {
 namespace {
 
-// Made first and looked at afterwards: another process may make it between the two.
+// Made first and checked afterwards: another process may make it between the two.
 ErrorCode make_directory(const char* path) {
   if (::mkdir(path, 0777) == 0) return ErrorCode::Ok;
   const int saved = errno;

@@ -168,7 +168,7 @@ void NetProcess::on_mail_done(std::uint32_t id, const SmtpOutcome& outcome) {
 }
 
 bool NetProcess::send_request(std::uint32_t id, const ApiRequest& request) {
-  // A busy link takes no more requests: the clients are told at once instead of waiting in vain.
+  // A busy link takes no more requests: the clients get a 503 at once instead of waiting in vain.
   if (link_.busy() || ipc_encode_api_request(*out_, id, request) != 0) {
     out_->wipe();
     return false;

@@ -78,7 +78,7 @@ std::vector<Finding> check_surroundings(const Plan& plan) {
   if (colon != host.npos && host.find(':', colon + 1) == host.npos &&
       parse_u32(host.substr(colon + 1), port)) {
     out.push_back(
-        {"port-in-host", "", "[mail]: 'smtp-host' holds a port, which belongs into 'smtp-port'"});
+        {"port-in-host", "", "[mail]: 'smtp-host' holds a port, which belongs in 'smtp-port'"});
   }
   return out;
 }
