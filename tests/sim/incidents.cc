@@ -97,6 +97,7 @@ void disk_fills(Scene& s) {
   h.world.at(h.world.mono + s.rng.between(60, 40000) * kSecond, [&h] {
     h.model.story("the disk has room again");
     h.world.disk.full = false;
+    h.world.at(h.world.mono + 3600 * kSecond, [&h] { h.model.trouble_ends(); });
   });
 }
 

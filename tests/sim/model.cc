@@ -48,7 +48,7 @@ std::int64_t next_nominal(const std::string& schedule, std::int64_t after) {
   for (const std::int64_t end = at + 9 * 86400; at < end; at += 60) {
     const tm local = local_time(at);
     if (!names_value(hour, local.tm_hour) || !names_value(weekday, local.tm_wday)) {
-      at += (59 - local.tm_min) * 60;  // to the next local hour
+      at += (14 - local.tm_min % 15) * 60;  // some clocks change at a quarter
     } else if (names_value(minute, local.tm_min)) {
       return at;
     }
@@ -200,6 +200,7 @@ std::optional<std::int64_t> Model::dependency_stamp(const JobPlan& job) const {
 
 void Model::tool_started(const Tool& tool) {
   ++runs;
+  tracks_[tool.job].unlogged = troubled();
   starts.push_back({tool.job, world_->wall()});
   story("tool of '" + tool.job + "' starts (pid " + std::to_string(tool.pid) + ", runner " +
         std::to_string(tool.runner) + (tool.forced ? ", forced)" : ")"));
@@ -227,7 +228,7 @@ void Model::check_cause(const Tool& tool, const JobPlan& job) {
   if (!job.schedule.empty() && !track.loose && !again && track.next > world_->wall()) {
     fail("'" + tool.job + "' runs before its time " + day_time(track.next));
   }
-  if (job.after.empty() || troubled_) return;
+  if (job.after.empty() || troubled()) return;
   const std::optional<std::int64_t> stamp = dependency_stamp(job);
   if (!stamp) return fail("'" + tool.job + "' runs although what it waits for has not ended");
   if (*stamp == track.consumed && !again && !track.loose) {
@@ -250,7 +251,7 @@ void Model::finished(const Process& process, const std::string& job, const std::
   if (process.what != "daemon" || std::exchange(track.requested, false)) return;
   track.busy = result == "busy";
   if (track.busy) return;
-  track.loose = troubled_;
+  track.loose = troubled();
   track.consumed = track.about_to_consume;
   cover(track);
 }
@@ -286,7 +287,7 @@ void Model::mail_handed_over(const Process& process, std::string_view subject) {
     return fail("a mail that nobody owed: " + std::string(subject));
   }
   story("  mail: " + std::string(subject));
-  if (troubled_) return;
+  if (troubled()) return;
   const std::map<std::string, Record> records = read_queue(world_->disk.read(kQueuePath));
   if (const auto at = records.find(job); at != records.end()) {
     // A run of another may have begun meanwhile.
@@ -296,7 +297,7 @@ void Model::mail_handed_over(const Process& process, std::string_view subject) {
       fail("'" + job + "' was reported before its end was recorded");
     }
   }
-  if (world_->disk.list(std::string(kLogDir) + "/" + job).empty()) {
+  if (!tracks_[job].unlogged && world_->disk.list(std::string(kLogDir) + "/" + job).empty()) {
     fail("'" + job + "' was reported and has no log");
   }
 }
@@ -331,7 +332,7 @@ void Model::rebooted(bool power_lost) {
 
 void Model::check_nothing_waits() {
   const std::int64_t quiet = (poll_s_ + 70) * kSecond;
-  if (world_->find_process("daemon") == nullptr || troubled_) return;
+  if (world_->find_process("daemon") == nullptr || troubled()) return;
   if (world_->mono - world_->last_change < quiet) return;
   for (const ToolRef& tool : world_->tools) {
     if (tool->state == Tool::State::Running) return;

@@ -55,9 +55,10 @@ class Model {
   void people_edited() { told_serials_.clear(); }
   void clock_set(std::int64_t seconds);
   void rebooted(bool power_lost);
-  // From now until `calm`, writing may fail: what was reported may be missing on the disk.
-  void trouble() { troubled_ = true; }
-  void calm() { troubled_ = false; }
+  // From now until its end, writing may fail: what was reported may be missing on the disk.
+  void trouble() { ++troubles_; }
+  void trouble_ends() { --troubles_; }
+  void calm() { troubles_ = 0; }
 
   // Whether everything that was due has run; to be asked when nothing runs.
   void check_nothing_waits();
@@ -86,6 +87,7 @@ class Model {
     bool loose = true;         // the clock was put back: its next time is not known from outside
     bool interrupted = false;  // the outcome of its last run was not kept
     bool busy = false;
+    bool unlogged = false;      // its run began when nothing could be written
     bool requested = false;     // what runs now was asked for by a client
     std::int64_t consumed = 0;  // the newest dependency finish that a run was made for
     std::int64_t about_to_consume = 0;
@@ -98,6 +100,7 @@ class Model {
   void finished(const Process& process, const std::string& job, const std::string& result);
   void settle(const Process& process);
   void loosen_all();
+  [[nodiscard]] bool troubled() const { return troubles_ > 0; }
   [[nodiscard]] const JobPlan* job_of(const std::string& name) const;
   // The newest end of what the job waits for, when all of that is as it must be.
   [[nodiscard]] std::optional<std::int64_t> dependency_stamp(const JobPlan& job) const;
@@ -105,7 +108,7 @@ class Model {
   World* world_ = nullptr;
   std::int64_t poll_s_ = 30;
   bool verbose_ = false;
-  bool troubled_ = false;
+  int troubles_ = 0;
   std::vector<JobPlan> jobs_;  // in force
   std::map<std::string, Track> tracks_;
   std::map<std::string, int> requests_;
