@@ -138,11 +138,13 @@ bool begins_at_midnight(const TriedDay& day) {
 }
 
 // Whether the day's midnight is what was asked for and has the offset of the day before. Then it
-// neither is missing nor comes twice, and every way to ask for it gives this answer.
-bool is_plain_midnight(const TriedDay& day, const CivilDate& civil) {
+// neither is missing nor comes twice, and every way to ask for it gives this answer. Of a date that
+// is not wanted it is enough that it is not another one.
+bool is_plain_midnight(const TriedDay& day, const CivilDate& civil, bool wanted) {
   if (!begins_at_midnight(day) || static_cast<std::size_t>(day.local.tm_mday) != civil.day) {
     return false;
   }
+  if (!wanted) return true;
   const auto day_before = local_time(day.midnight - 86400);
   return day_before && day_before->tm_gmtoff == day.local.tm_gmtoff;
 }
@@ -160,11 +162,11 @@ std::optional<TriedDay> midnight_before(std::int64_t start, const std::tm& start
 // last call, whatever that was. Asking for the day before first settles that, and makes the first
 // pass of a repeated hour win, for the day's later times as well. It is only done where it matters.
 std::optional<TriedDay> try_day(std::int64_t start, const std::tm& start_local, int days,
-                                const CivilDate& civil) {
+                                const CivilDate& civil, bool wanted) {
   auto day = days == 0 ? midnight_before(start, start_local) : std::nullopt;
-  if (day && is_plain_midnight(*day, civil)) return day;
+  if (day && is_plain_midnight(*day, civil, wanted)) return day;
   day = ask_midnight(start_local, days);
-  if (day && is_plain_midnight(*day, civil)) return day;
+  if (day && is_plain_midnight(*day, civil, wanted)) return day;
   (void)ask_midnight(start_local, days - 1);  // only for what mktime() remembers of it
   return ask_midnight(start_local, days);
 }
@@ -252,7 +254,7 @@ std::int64_t search(const CronSpec& cron, std::int64_t start, const std::tm& sta
     const CivilDate next = day_after(civil);
     const bool after = qualifies(cron, next);
     if ((before || here || after) && next_clock_time(cron, from)) {
-      const auto day = try_day(start, start_local, days, civil);
+      const auto day = try_day(start, start_local, days, civil, here);
       if (day && qualifies(cron, date_of(day->local))) {
         if (const auto at = search_day(cron, *day, from, start)) return *at;
       }
