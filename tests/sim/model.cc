@@ -45,7 +45,7 @@ std::int64_t next_nominal(const std::string& schedule, std::int64_t after) {
   std::string minute, hour, day, month, weekday;
   words >> minute >> hour >> day >> month >> weekday;
   std::int64_t at = (after / 60 + 1) * 60;
-  for (const std::int64_t end = at + 9 * 86400; at < end; at += 60) {
+  for (const std::int64_t end = at + 16 * 86400; at < end; at += 60) {  // a week may lack it
     const tm local = local_time(at);
     if (!names_value(hour, local.tm_hour) || !names_value(weekday, local.tm_wday)) {
       at += (14 - local.tm_min % 15) * 60;  // some clocks change at a quarter
