@@ -180,6 +180,7 @@ void Model::adopt(std::string_view text) {
     // A new time: when it comes first is for the scheduler to say, and for us to see in its record.
     track.schedule = job.schedule;
     track.once = job.once;
+    track.once_ran = false;
     track.loose = true;
     cover(track);
   }
@@ -228,6 +229,9 @@ void Model::check_cause(const Tool& tool, const JobPlan& job) {
   if (!job.schedule.empty() && !track.loose && !again && track.next > world_->wall()) {
     fail("'" + tool.job + "' runs before its time " + day_time(track.next));
   }
+  if (job.schedule.empty() && job.after.empty() && track.once_ran && !track.loose && !again) {
+    fail("'" + tool.job + "' runs again after its only time");
+  }
   if (job.after.empty() || troubled()) return;
   const std::optional<std::int64_t> stamp = dependency_stamp(job);
   if (!stamp) return fail("'" + tool.job + "' runs although what it waits for has not ended");
@@ -252,6 +256,7 @@ void Model::finished(const Process& process, const std::string& job, const std::
   track.busy = result == "busy";
   if (track.busy) return;
   track.loose = troubled();
+  track.once_ran = true;
   track.consumed = track.about_to_consume;
   cover(track);
 }

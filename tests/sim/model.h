@@ -82,6 +82,7 @@ class Model {
   struct Track {
     std::string schedule;
     std::int64_t once = 0;
+    bool once_ran = false;
     std::int64_t next = 0;     // the first nominal time that is not done with
     std::int64_t wanted = 0;   // the first of them that the wall clock shows but once
     bool loose = true;         // the clock was put back: its next time is not known from outside
