@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <sstream>
+#include <utility>
 
 #include "cli/commands.h"
 #include "common/options.h"
@@ -180,6 +181,11 @@ void History::shape_tool(Tool& tool) {
     seconds = rng.between(600, 9000);
   }
   tool.ends = world.mono + seconds * kSecond + rng.between(0, kSecond - 1);
+  if (!std::exchange(power_fails, false)) return;
+  world.at(world.mono + rng.between(0, 20) * kSecond, [this] {
+    world.reboot(true);
+    model.rebooted(true);
+  });
 }
 
 std::size_t History::schedule_incidents() {

@@ -47,6 +47,7 @@ struct History {
   std::vector<JobPlan> jobs;
   std::int64_t numbers = 0;  // of names and of clients' changes, given so far
   bool at_peace = false;
+  bool power_fails = false;  // soon after the next tool has started
   // Clients' requests that the daemon has not served yet.
   std::deque<std::function<void(void* api_context)>> requests;
 

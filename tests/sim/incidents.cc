@@ -122,6 +122,9 @@ void machine_restarts(Scene& s) {
   s.history.model.rebooted(power_loss);
 }
 
+// When much of what was just written has not reached the disk yet.
+void power_fails_at_next_run(Scene& s) { s.history.power_fails = true; }
+
 void request_run(Scene& s) {
   ask(s.history, "POST", s.job.name + "/run", "",
       [&h = s.history, name = s.job.name] { h.model.requested(name); });
@@ -146,6 +149,7 @@ constexpr Incident kIncidents[] = {
     {false, interrupt_a_person},
     {false, clock_is_set},
     {false, machine_restarts},
+    {false, power_fails_at_next_run},
     {false, disk_fills},
     {false, edit_times},
     {false, switch_job},

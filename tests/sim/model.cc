@@ -315,9 +315,10 @@ void Model::process_ended(const Process& process, bool killed) {
   if (!process.job.empty()) {
     Track& track = tracks_[process.job];
     track.interrupted = track.loose = true;
-    track.requested = false;
   }
-  if (process.what == "daemon") requests_.clear();
+  if (process.what != "daemon") return;
+  requests_.clear();
+  for (auto& [name, track] : tracks_) track.requested = false;
 }
 
 void Model::loosen_all() {
@@ -332,6 +333,8 @@ void Model::clock_set(std::int64_t seconds) {
 void Model::rebooted(bool power_lost) {
   story(power_lost ? "the power is lost" : "the machine is restarted");
   check_files();
+  const bool settled = runs > jobs_.size();  // the queue is long on the disk
+  if (settled && world_->disk.read(kQueuePath).empty()) fail("the queue is lost");
   loosen_all();
 }
 
