@@ -32,7 +32,7 @@ constexpr int kExecFailed = 127;
 // wait is short, because many clients at once look the same, and they wait for their answers.
 constexpr int kMaxHotRounds = 8;
 constexpr int kHotPauseMs = 2;
-constexpr std::size_t kChildStack = 64 * 1024;  // bytes; what is not touched takes no memory
+constexpr std::size_t kChildStack = std::size_t{64} << 10;  // what is not touched takes no memory
 // How long a child that was let go is waited for until it executes its program. Longer takes only a
 // program on a mount that does not answer.
 constexpr int kExecPatienceMs = 2000;
