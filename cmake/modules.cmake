@@ -11,10 +11,14 @@ function(orv_module name)
   endif()
 endfunction()
 
-# orv_test(name SOURCES a_test.cc ... LINK libs...): one GoogleTest binary; every TEST in it is a
-# test of its own for ctest.
+# orv_test(name FOLDER folder | SOURCES a_test.cc ... LINK libs...): one GoogleTest binary, of every
+# source of the folder; every TEST in it is a test of its own for ctest.
 function(orv_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "FOLDER" "SOURCES;LINK" ${ARGN})
+  if(ARG_FOLDER)
+    # A test that nobody listed would pass unseen.
+    file(GLOB ARG_SOURCES CONFIGURE_DEPENDS ${ARG_FOLDER}/*.cc)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINK} orv_test_support GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE

