@@ -46,23 +46,6 @@ TEST(ReplySignature, IsThatOfThePublishedVectorAndOfNothingElse) {
   EXPECT_FALSE(is_reply_signature(*token, kNonce, 404, body, sig.substr(0, 63)));
 }
 
-// The example for authors of other clients; that it signs well shows when it meets a server.
-TEST(ExampleClient, BelievesSignedRepliesOnly) {
-  const char* const kScript = R"(
-import sys
-module = {"__name__": "client"}
-exec(open(sys.argv[1]).read(), module)
-secret, nonce = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8", "000102030405060708090a0b0c0d0e0f"
-body = b'{"error":{"code":"not_found","message":"no job named \'nightly\'"}}'
-signature = "6147f6f7828add0e5ba85e256c861714fe8e49df0a5a2f661e6d27b3440357df"
-print(module["is_genuine"](secret, nonce, 404, body, signature),
-      module["is_genuine"](secret, nonce, 200, body, signature))
-)";
-  const test::ProgramResult got =
-      test::run_program({"python3", "-c", kScript, ORV_SOURCE_DIR "/examples/orv_api"});
-  EXPECT_EQ(got.out, "True False\n") << got.err;
-}
-
 TEST(Nonce, Is32HexadecimalDigitsAndNeverTheSame) {
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {

@@ -80,8 +80,7 @@ TEST_F(CliTest, MasksSelectWhatIsLogged) {
 TEST_F(CliTest, SaysWhatIsWrongWithTheConfigurationOrTheQueue) {
   const std::string config = home_.file("sched.cfg");
   const struct {
-    const char* text;
-    const char* command;
+    const char *text, *command;
     int status;
     std::string err;
   } cases[] = {

@@ -15,7 +15,7 @@
 
 #include "client/connection.h"
 #include "client/token.h"
-#include "e2e/network_fixture.h"
+#include "e2e/network/network_fixture.h"
 #include "json/json.h"
 
 namespace orv::test {

@@ -1,6 +1,6 @@
 // The scheduler with the real network process in a private home: certificate, tokens, and clients.
-#ifndef ORV_TESTS_E2E_NETWORK_FIXTURE_H_
-#define ORV_TESTS_E2E_NETWORK_FIXTURE_H_
+#ifndef ORV_TESTS_E2E_NETWORK_NETWORK_FIXTURE_H_
+#define ORV_TESTS_E2E_NETWORK_NETWORK_FIXTURE_H_
 
 #include <utility>
 
@@ -74,4 +74,4 @@ class Network : public DaemonFixture {
 
 }  // namespace orv::test
 
-#endif  // ORV_TESTS_E2E_NETWORK_FIXTURE_H_
+#endif  // ORV_TESTS_E2E_NETWORK_NETWORK_FIXTURE_H_

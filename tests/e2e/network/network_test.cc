@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "e2e/network_fixture.h"
+#include "e2e/network/network_fixture.h"
 
 namespace orv::test {
 namespace {
