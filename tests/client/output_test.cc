@@ -24,12 +24,8 @@ TEST(Printable, LeavesNothingThatSteersATerminal) {
       {"plain \xc3\xa4 \xf0\x9f\x98\x80", "plain \xc3\xa4 \xf0\x9f\x98\x80"},
       {"\x1b[31mred\x1b]0;title\x07", "?[31mred?]0;title?"},
       {"a\tb\r\nc\x7f", "a?b??c?"},
-      {"\xc2\x9b"
-       "31m \xc2\x80",
-       "?31m ?"},
-      {"\xe2\x80\xae"
-       "gpj.exe \xe2\x81\xa6",
-       "?gpj.exe ?"},
+      {"\u009b31m \u0080", "?31m ?"},
+      {"\u202egpj.exe \u2066", "?gpj.exe ?"},
       {"\xff\xc3 \xed\xa0\x80", "?? ???"},
   };
   for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);

@@ -63,19 +63,17 @@ TEST(Secrets, AreZeroedWhereTheyStood) {
 }
 
 TEST(Utf8, KnowsWhatIsASequence) {
-  struct Case {
+  static constexpr struct {
     std::string_view text;
-    std::size_t sequence;  // at the front
-    std::size_t length;
-  };
-  static constexpr Case kCases[] = {
+    std::size_t sequence, length;  // sequence: of the one at the front
+  } kCases[] = {
       {"a\xc3\xa9", 1, 2},    {"\xc3\xa9!", 2, 2},
       {"\xe2\x82\xac", 3, 1}, {"\xf0\x9f\x92\xbe", 4, 1},
       {"\xc0\xaf", 0, 2},     {"\xe0\x80\xaf", 0, 3},
       {"\xed\xa0\x80", 0, 3}, {"\xf4\x90\x80\x80", 0, 4},
       {"\xe2\x82", 0, 2},     {"\x80", 0, 1},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.text));
     EXPECT_EQ(utf8_sequence(c.text), c.sequence);
     EXPECT_EQ(utf8_length(c.text), c.length);

@@ -143,12 +143,9 @@ TEST(CronExpression, NamesTheFieldAtFault) {
 
 TEST(CronNextRun, FollowsTheFields) {
   const ScopedTimeZone zone("UTC");
-  struct Case {
-    const char* schedule;
-    const char* now;
-    const char* next;
-  };
-  static constexpr Case kCases[] = {
+  static constexpr struct {
+    const char *schedule, *now, *next;
+  } kCases[] = {
       {"* * * * *", "2026-03-01 10:00:59", "2026-03-01 10:01"},
       {"30 2 * * *", "2026-03-01 02:30:00", "2026-03-02 02:30"},
       {"0 0 13 * 5", "2026-03-14 00:00:00", "2026-11-13 00:00"},  // both must match
@@ -158,7 +155,7 @@ TEST(CronNextRun, FollowsTheFields) {
       {"0 0 29 2 *", "2096-03-01 00:00:00", "2104-02-29 00:00"},  // 2100 is no leap year
       {"0 0 30 2 *", "2026-01-01 00:00:00", "never"},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.schedule);
     EXPECT_EQ(shown(cron_next_run(cron(c.schedule), local(c.now), false)), c.next);
   }

@@ -18,20 +18,18 @@ using test::ScopedTimeZone;
 using test::TempDir;
 
 TEST(ListenSetting, TakesAnAddressAndPortOrAPortAlone) {
-  struct Case {
-    const char* value;
-    const char* host;
-    std::uint32_t port;  // 0: refused
-  };
   // clang-format off
-  static constexpr Case kCases[] = {
+  static constexpr struct {
+    const char *value, *host;
+    std::uint32_t port;  // 0: refused
+  } kCases[] = {
       {"8443", "0.0.0.0", 8443}, {"[::1]:65535", "::1", 65535}, {"10.0.0.7:1", "10.0.0.7", 1},
       {"[10.0.0.7]:9", "10.0.0.7", 9}, {"::1:8443", "", 0}, {"localhost:8443", "", 0}, {"0", "", 0},
       {"65536", "", 0}, {"4294967297", "", 0}, {"-1", "", 0}, {"+80", "", 0}, {":80", "", 0},
       {"[]:80", "", 0}, {"[::1]80", "", 0}, {"[::1]", "", 0}, {"1.2.3.4:", "", 0},
       {"1.2.3.4: 80", "", 0}, {"010.1:80", "", 0}, {"", "", 0}};
   // clang-format on
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.value);
     ListenAddress at;
     EXPECT_EQ(parse_listen(c.value, at), c.port != 0);

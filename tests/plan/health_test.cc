@@ -89,13 +89,11 @@ TEST(Health, IsTheFirstWordThatApplies) {
 }
 
 TEST(LongestGaps, LookAtTenTimesOnEitherSide) {
-  struct Case {
+  static constexpr struct {
     const char* zone;
-    const char* config;  // of job "a"
-    std::int64_t now;
-    std::int64_t gap;  // seconds; 0: none
-  };
-  static constexpr Case kCases[] = {
+    const char* config;     // of job "a"
+    std::int64_t now, gap;  // gap: seconds, 0: none
+  } kCases[] = {
       {"UTC", "schedule=0 2 * * *\n", kMonday, kDay},
       {"UTC", "schedule=*/15 * * * *\n", kMonday, 900},
       {"UTC", "schedule=0 8-17 * * 1-5\n", kMonday, 63 * kHour},  // over the weekend
@@ -110,7 +108,7 @@ TEST(LongestGaps, LookAtTenTimesOnEitherSide) {
       {"UTC", "schedule=0 2 * * *\nafter=w\n[w]\nschedule=0 1 * * 0\n", kMonday, 7 * kDay},
       {"UTC", "after=o\n[o]\nonce=1796601600\n", kMonday, 0},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.zone) + " " + c.config);
     const ScopedTimeZone zone(c.zone);
     const auto config = test::parsed(std::string("[a]\n") + c.config);

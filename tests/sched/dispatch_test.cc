@@ -144,11 +144,10 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
   const std::string pid = std::to_string(sleeper);
   const std::string boot = boot_name();
   const std::string live = pid + "." + std::to_string(process_id(sleeper).start);
-  struct Case {
+  const struct {
     std::string text;  // of a run file
     const char* line;  // what the pass logs; null: it runs the jobs
-  };
-  const Case cases[] = {
+  } cases[] = {
       // A renamed job's runner lives; a lost run's tool does; the pid of neither, but that pid
       // again.
       {boot + "/" + live + "/0.0/old/",
@@ -160,7 +159,7 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
       {"00000000/" + live + "/" + live + "/a//log", nullptr},
       {"nonsense", nullptr},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const std::string file = settings_.queue_path + ".run.4194304";
     std::filesystem::remove(file);

@@ -16,12 +16,8 @@ namespace {
 using test::TempDir;
 
 TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
-  struct Case {
-    std::string text;
-    JobLogTrailer expected;
-  };
   const std::string marker = "\n--- end ---\n";
-  const Case cases[] = {
+  const std::pair<std::string, JobLogTrailer> cases[] = {
       {"", {}},
       {job_log_trailer(1791208805, -1, true, nullptr), {true, 1791208805, -1, true, false}},
       {std::string(100000, '\0') + job_log_trailer(5, 75, false, "API token x"),
@@ -33,16 +29,16 @@ TEST(JobLogTrailer, IsReadFromTheEndOfTheFile) {
       {marker + std::string(512, 'x'), {}},  // out of sight
   };
   const TempDir dir;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.substr(c.text.size() > 60 ? c.text.size() - 60 : 0));
-    const ScopedFd fd = open_file(dir.write("log", c.text).c_str(), O_RDONLY);
+  for (const auto& [text, expected] : cases) {
+    SCOPED_TRACE(text.substr(text.size() > 60 ? text.size() - 60 : 0));
+    const ScopedFd fd = open_file(dir.write("log", text).c_str(), O_RDONLY);
     JobLogTrailer got{true, 99, 99, true, true};
-    read_job_log_trailer(fd.get(), static_cast<std::int64_t>(c.text.size()), got);
-    EXPECT_EQ(got.finished, c.expected.finished);
-    EXPECT_EQ(got.finish_unix, c.expected.finish_unix);
-    EXPECT_EQ(got.exit_code, c.expected.exit_code);
-    EXPECT_EQ(got.timed_out, c.expected.timed_out);
-    EXPECT_EQ(got.cancelled, c.expected.cancelled);
+    read_job_log_trailer(fd.get(), static_cast<std::int64_t>(text.size()), got);
+    EXPECT_EQ(got.finished, expected.finished);
+    EXPECT_EQ(got.finish_unix, expected.finish_unix);
+    EXPECT_EQ(got.exit_code, expected.exit_code);
+    EXPECT_EQ(got.timed_out, expected.timed_out);
+    EXPECT_EQ(got.cancelled, expected.cancelled);
   }
 }
 

@@ -42,19 +42,18 @@ class JobRunTest : public ::testing::Test {
 };
 
 TEST_F(JobRunTest, TurnsTheExitCodeIntoAResult) {
-  struct Case {
+  static constexpr struct {
     const char* tool;
     RunResult result;
     JobState state;
     int exit_code;
-  };
-  static constexpr Case kCases[] = {
+  } kCases[] = {
       {"echo fine; printf 'a\\000b' >&2", RunResult::Done, JobState::Done, 0},
       {"exit 75", RunResult::Busy, JobState::Pending, 75},
       {"exit 1", RunResult::Failed, JobState::Failed, 1},
       {"kill -9 $$", RunResult::Failed, JobState::Failed, -1},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.tool);
     tool(c.tool);
     std::filesystem::remove_all(dir_.file("logs"));

@@ -277,15 +277,13 @@ TEST(QueueRefresh, TellsSchedulesApart) {
 
 TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
   const test::ScopedTimeZone zone("UTC");
-  struct Case {
+  static constexpr struct {
     const char* what;
     JobState state;
     std::uint32_t fingerprint;
     std::int64_t started;
-    bool moved;
-    bool stored;
-  };
-  static constexpr Case kCases[] = {
+    bool moved, stored;
+  } kCases[] = {
       {"edited", JobState::Done, 1, 5, true, true},
       {"failed before", JobState::Failed, 1, 5, true, true},
       {"never ran", JobState::Pending, 1, 0, true, true},
@@ -296,7 +294,7 @@ TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
   };
   const auto config = parsed("[a]\nschedule=0 1 * * *\n");
   const std::uint32_t fingerprint = schedule_fingerprint(config->jobs[0]);
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
     QueueState state;
     append_one(state, record_of("a", c.state));
@@ -310,17 +308,14 @@ TEST(QueueRefresh, MovesTheNextRunOfAnEditedSchedule) {
 }
 
 TEST(QueueDue, LooksAtTimesAndDependencies) {
-  struct Case {
-    const char* what;
-    const char* settings;
+  static constexpr struct {
+    const char *what, *settings;
     JobState state;
     std::int64_t next_run;
     JobState other;  // of the two jobs it may wait for; the first finished at 10
     std::int64_t other_finished;
-    std::int64_t stamp;  // what the record has answered
-    std::int64_t due;    // the stamp handed back; -1: not due
-  };
-  static constexpr Case kCases[] = {
+    std::int64_t stamp, due;  // what the record has answered; what is handed back, -1: not due
+  } kCases[] = {
       {"time has come", "once=1", JobState::Pending, kNow, JobState::Done, 0, 0, 0},
       {"time ahead", "once=1", JobState::Pending, kNow + 1, JobState::Done, 0, 0, -1},
       {"running", "once=1", JobState::Running, 1, JobState::Done, 0, 0, -1},
@@ -339,7 +334,7 @@ TEST(QueueDue, LooksAtTimesAndDependencies) {
       {"both, time ahead", "after=x,y\nonce=1", JobState::Pending, kNow + 1, JobState::Done, 20, 0,
        -1},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
     const auto config = parsed("[a]\n" + std::string(c.settings) + "\n[x]\nonce=1\n[y]\nonce=1\n");
     QueueState state;

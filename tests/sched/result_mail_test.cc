@@ -49,13 +49,11 @@ class ResultMailTest : public ::testing::Test {
 };
 
 TEST_F(ResultMailTest, AsksTheJobThenTheMailSection) {
-  struct Case {
+  static constexpr struct {
     RunResult result;
-    Notify job;
-    Notify mail;
+    Notify job, mail;
     bool wanted;
-  };
-  static constexpr Case kCases[] = {
+  } kCases[] = {
       {RunResult::Busy, Notify::Always, Notify::Always, false},
       {RunResult::Failed, Notify::Inherit, Notify::Failed, true},
       {RunResult::Done, Notify::Inherit, Notify::Failed, false},
@@ -64,7 +62,7 @@ TEST_F(ResultMailTest, AsksTheJobThenTheMailSection) {
       {RunResult::Done, Notify::Always, Notify::Never, true},
       {RunResult::Done, Notify::Failed, Notify::Always, false},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     result_.result = c.result;
     config_.jobs[0].notify = c.job;
     config_.mail.notify = c.mail;
@@ -94,18 +92,16 @@ TEST_F(ResultMailTest, EndsWithTheLastLinesOfTheLog) {
   std::string numbered;
   for (int n = 1; n <= 100; ++n) numbered += std::to_string(n) + "\n";
   const std::string last40 = numbered.substr(numbered.find("61\n"));
-  struct Case {
-    std::string log;
-    std::string tail;
-  };
-  const Case cases[] = {
+  const struct {
+    std::string log, tail;
+  } cases[] = {
       {numbered, last40},
       {numbered + "\n", last40.substr(3) + "\n"},
       {std::string("one\ntw\0o\n", 9), "one\ntw o\n"},
       {"", ""},
       {std::string(20000, 'x'), std::string(16384, 'x')},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.log.substr(0, 20));
     const std::string path = dir_.write("job.log", c.log);
     ASSERT_TRUE(result_.log_path.set(path));
