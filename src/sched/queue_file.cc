@@ -41,7 +41,8 @@ ErrorCode read_records(int fd, std::vector<QueueRecord>& records) {
   return got == bytes.size() ? ErrorCode::Ok : ErrorCode::Corrupt;
 }
 
-// To be called before the file is read.
+// Keeps the file and notes its status. Of a file that is to be read, before that: what changes it
+// meanwhile then shows.
 HeldFile hold(ScopedFd fd) {
   const int saved = errno;
   const FileIdentity identity = fd.valid() ? file_identity(fd.get()) : FileIdentity{};

@@ -34,12 +34,13 @@ class NextMatches {
 };
 
 // The next run says "never" although there is a time to run at. Empty when it does not.
-std::string never_text(const Job& job, const QueueRecord& record, std::int64_t now) {
+std::string never_text(const Job& job, const QueueRecord& record, std::int64_t now,
+                       NextMatches& matches) {
   if (!has_time_ahead(job, now) || record.next_run != kNever ||
       record_state(record) == JobState::Running) {
     return {};
   }
-  if (job.has_schedule && first_next_run(job, now) == kNever) {
+  if (job.has_schedule && matches.of(job) == kNever) {
     return "has a schedule that matches no date: it never starts by itself";
   }
   const std::string what = job.has_schedule ? "schedule" : "once time";
@@ -86,7 +87,7 @@ void queue_warn_of_times(const QueueState& queue, const Config& config, std::int
   for (const Job& job : config.jobs) {
     const QueueRecord* const record = queue_find(queue, job.name.view());
     if (record == nullptr) continue;
-    std::string text = never_text(job, *record, now);
+    std::string text = never_text(job, *record, now, matches);
     if (text.empty()) text = clock_text(job, *record, now, matches);
     if (text.empty()) continue;
     log_msg(LogLevel::Warn, "orv_sched: job '%s' %s", job.name.c_str(), text.c_str());
