@@ -26,9 +26,10 @@ namespace orv {
 [[nodiscard]] bool dependency_met(const QueueRecord& record, AfterMode mode);
 
 // Brings the records in line with the configured jobs: new jobs get a record, removed ones lose
-// theirs, disabling and enabling is carried over, and a job without a next run that was first run
-// by hand, or edited while it ran, gets its first one. True when anything changed. `quiet` logs
-// nothing.
+// theirs, disabling and enabling is carried over. A job without a next run that was first run by
+// hand, or edited while it ran, gets its first one, and one whose schedule or once time was taken
+// away loses its next run. True when anything changed. `quiet` logs nothing and does neither of the
+// last two.
 [[nodiscard]] bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now,
                                    bool quiet);
 // Reconciles, logging, and saves when anything changed.

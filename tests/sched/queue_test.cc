@@ -264,6 +264,35 @@ TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
   EXPECT_FALSE(queue_reconcile(state, *config, kNow, false));
 }
 
+TEST(QueueReconcile, ForgetsTheTimeOfAScheduleThatWasTakenAway) {
+  const auto config = parsed("[a]\nafter=b\n[b]\nonce=1\n");
+  const std::uint32_t own = schedule_fingerprint(config->jobs[0]);
+  static constexpr std::int64_t kAhead = kNow + 86400;
+  const struct {
+    std::uint32_t fingerprint;
+    JobState state;
+    std::int64_t next_run;
+  } cases[] = {
+      {1, JobState::Pending, kNever},  // it would pass for the time of a retry
+      {1, JobState::Done, kNever},      {1, JobState::Running, kAhead},
+      {own, JobState::Pending, kAhead},  // this is one
+      {0, JobState::Pending, kAhead},
+  };
+  for (const auto& c : cases) {
+    QueueState state;
+    append_one(state, record_of("b", JobState::Done));
+    state.records()[0].next_run = 1;
+    append_one(state, record_of("a", c.state));
+    QueueRecord& record = state.records()[1];
+    record.started_at = 5;
+    record.schedule_fingerprint = c.fingerprint;
+    record.next_run = kAhead;
+    EXPECT_EQ(queue_reconcile(state, *config, kNow, false), c.next_run == kNever);
+    EXPECT_EQ(state.records()[1].next_run, c.next_run);
+    EXPECT_FALSE(queue_reconcile(state, *config, kNow, false)) << "once";
+  }
+}
+
 TEST(QueueRefresh, TellsSchedulesApart) {
   Job job;
   EXPECT_EQ(schedule_fingerprint(job), 0x117697CDU);
