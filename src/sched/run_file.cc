@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
-#include <utility>
 
 #include "common/files.h"
 #include "common/log.h"
@@ -18,52 +17,55 @@ namespace orv {
 namespace {
 
 constexpr const char* kInfix = ".run.";
-constexpr const char* kNewSuffix = ".new";  // of a link on its way to replace another
 
 std::string text_of(const ProcessId& process) {
   return std::to_string(process.pid) + "." + std::to_string(process.start);
 }
 
 std::string text_of(const RunNote& note) {
-  return note.boot + "/" + text_of(note.runner) + "/" + text_of(note.tool) + "/" + note.job + "/" +
-         note.log;
+  return note.boot + "/" + text_of(note.runner) + "/" + note.job + "/" + note.log;
 }
 
-// Takes what stands before the next slash off `text`; nothing when there is none.
-std::optional<std::string_view> take_part(std::string_view& text) {
-  const std::size_t slash = text.find('/');
-  if (slash == std::string_view::npos) return std::nullopt;
-  const std::string_view part = text.substr(0, slash);
-  text.remove_prefix(slash + 1);
+// Takes what stands before the next `end` off `text`; nothing when there is none.
+std::optional<std::string_view> take_part(std::string_view& text, char end) {
+  const std::size_t length = text.find(end);
+  if (length == std::string_view::npos) return std::nullopt;
+  const std::string_view part = text.substr(0, length);
+  text.remove_prefix(length + 1);
   return part;
 }
 
-std::optional<ProcessId> take_process(std::string_view& text) {
-  const std::optional<std::string_view> part = take_part(text);
-  if (!part) return std::nullopt;
-  ProcessId process;
-  const char* const end = part->data() + part->size();
-  const auto [dot, pid_error] = std::from_chars(part->data(), end, process.pid);
-  if (pid_error != std::errc() || dot == end || *dot != '.') return std::nullopt;
-  const auto [rest, start_error] = std::from_chars(dot + 1, end, process.start);
-  if (start_error != std::errc() || rest != end) return std::nullopt;
-  return process;
+template <typename Number>
+bool read_number(std::string_view digits, Number& number) {
+  const char* const end = digits.data() + digits.size();
+  const auto [rest, error] = std::from_chars(digits.data(), end, number);
+  return error == std::errc() && rest == end;
 }
 
-std::optional<RunNote> parse_note(std::string_view text) {
-  const std::optional<std::string_view> boot = take_part(text);
-  const std::optional<ProcessId> runner = take_process(text);
-  const std::optional<ProcessId> tool = take_process(text);
-  const std::optional<std::string_view> job = take_part(text);  // a job's name holds no slash
-  if (!boot || !runner || !tool || !job) return std::nullopt;
-  return RunNote{std::string(*boot), *runner, *tool, std::string(*job), std::string(text)};
+bool read_process(std::string_view text, ProcessId& process) {
+  const std::optional<std::string_view> pid = take_part(text, '.');
+  return pid && read_number(*pid, process.pid) && read_number(text, process.start);
 }
 
-std::optional<RunNote> read_note(const std::string& path) {
+// What a link says: its text and the end of its name, "<runner pid>" or "<runner pid>.<tool>".
+std::optional<RunNote> parse_note(std::string_view text, std::string_view name) {
+  const std::optional<std::string_view> boot = take_part(text, '/');
+  const std::optional<std::string_view> runner = take_part(text, '/');
+  const std::optional<std::string_view> job = take_part(text, '/');  // its name holds no slash
+  RunNote note;
+  if (!boot || !runner || !job || !read_process(*runner, note.runner)) return std::nullopt;
+  if (take_part(name, '.') && !read_process(name, note.tool)) return std::nullopt;
+  note.boot = *boot;
+  note.job = *job;
+  note.log = text;
+  return note;
+}
+
+std::optional<RunNote> read_note(const std::string& path, std::string_view name) {
   std::array<char, PATH_MAX> text{};
   const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
   if (length < 0) return std::nullopt;
-  return parse_note({text.data(), static_cast<std::size_t>(length)});
+  return parse_note({text.data(), static_cast<std::size_t>(length)}, name);
 }
 
 // Calls `visit(path, note)` for each run file of the queue. The errno of what could not be read,
@@ -80,39 +82,14 @@ int for_each_run_file(const std::string& queue_path, Visit visit) {
     if (!name.starts_with(prefix)) continue;
     const std::string path = directory + name;
     errno = 0;
-    if (const std::optional<RunNote> note = read_note(path)) {
+    const std::string_view own_part = std::string_view(name).substr(prefix.size());
+    if (const std::optional<RunNote> note = read_note(path, own_part)) {
       visit(path, *note);
     } else if (errno != 0 && errno != ENOENT && errno != EINVAL) {
       unread = errno;  // neither gone meanwhile nor something else than a link
     }
   }
   return unread;
-}
-
-// The name of this process's run file: `path`, or one made from it. A lost run's runner may have
-// had the same pid: its file must stay.
-std::string own_path(const std::string& path, const ProcessId& self) {
-  std::string free = path;
-  for (int n = 2;; ++n) {
-    const std::optional<RunNote> present = read_note(free);
-    if (!present || present->runner == self || run_phase(*present) == RunPhase::Over) return free;
-    free = path + "." + std::to_string(n);
-  }
-}
-
-// Makes the link, replacing the one that is there.
-bool put_link(const std::string& text, const std::string& path) {
-  const std::string fresh = path + kNewSuffix;
-  int rc = ::symlink(text.c_str(), fresh.c_str());
-  if (rc != 0 && errno == EEXIST && ::unlink(fresh.c_str()) == 0) {
-    rc = ::symlink(text.c_str(), fresh.c_str());  // one was left by a run that was killed in here
-  }
-  if (rc != 0) return false;
-  if (::rename(fresh.c_str(), path.c_str()) == 0) return true;
-  const int error = errno;
-  (void)::unlink(fresh.c_str());
-  errno = error;
-  return false;
 }
 
 }  // namespace
@@ -122,8 +99,9 @@ RunPhase run_phase(const RunNote& note) {
   const std::string boot = boot_name();
   const bool told = boot != kUnknownBoot && note.boot != kUnknownBoot;
   if (told && note.boot != boot) return RunPhase::Over;
+  if (note.tool.pid != 0 && !process_lives(note.tool)) return RunPhase::Over;
   if (process_lives(note.runner)) return RunPhase::Running;
-  return process_lives(note.tool) ? RunPhase::Lost : RunPhase::Over;
+  return note.tool.pid != 0 ? RunPhase::Lost : RunPhase::Over;
 }
 
 OtherRuns other_runs(const std::string& queue_path) {
@@ -151,30 +129,36 @@ RunFile::RunFile(const std::string& queue_path, std::string_view job, std::strin
   note_.job = job;
   note_.log = log_path;
   path_ = queue_path + kInfix + std::to_string(note_.runner.pid);
-  // Mostly nothing has the name. Whatever goes wrong is found out again by the steps below.
-  if (::symlink(text_of(note_).c_str(), path_.c_str()) == 0) return;
-  path_ = own_path(path_, note_.runner);
-  write();
+  (void)make(path_);  // what failed is tried again with the tool
 }
 
+// What cannot be removed is known as a leftover: the second name because its tool has ended, the
+// first one to this process, whose next run takes it.
 RunFile::~RunFile() {
-  if (!path_.empty()) (void)::unlink(path_.c_str());  // what stays is a leftover, and known as one
+  if (!tool_path_.empty()) (void)::unlink(tool_path_.c_str());
+  (void)::unlink(path_.c_str());
 }
 
 void RunFile::add_tool(pid_t tool) {
-  note_.tool = process_id(tool);
-  write();
-}
-
-void RunFile::write() {
-  if (put_link(text_of(note_), path_)) return;
-  // Too long for the file system, or no block left for it: what must be known fits into the inode.
-  const RunNote brief{note_.boot, note_.runner, note_.tool, {}, {}};
-  if (put_link(text_of(brief), path_)) return;
+  tool_path_ = path_ + "." + text_of(process_id(tool));
+  // There may be no first name to link to, and not every file system has links of this kind.
+  if (::link(path_.c_str(), tool_path_.c_str()) == 0 || make(tool_path_)) return;
   log_msg(LogLevel::Error,
           "orv_sched: cannot write down the run of job '%s' in %s: %s -- should this scheduler be "
           "killed, another one will not see that the tool still runs",
-          note_.job.c_str(), path_.c_str(), std::strerror(errno));
+          note_.job.c_str(), tool_path_.c_str(), std::strerror(errno));
+}
+
+bool RunFile::make(const std::string& path) const {
+  const auto put = [&path](const RunNote& note) {
+    const std::string text = text_of(note);
+    if (::symlink(text.c_str(), path.c_str()) == 0) return true;
+    // Whoever left this had our pid and no tool, or had our tool, too.
+    return errno == EEXIST && ::unlink(path.c_str()) == 0 &&
+           ::symlink(text.c_str(), path.c_str()) == 0;
+  };
+  // Too long for the file system, or no block left for it: what must be known fits into the inode.
+  return put(note_) || put({note_.boot, note_.runner, {}, {}, {}});
 }
 
 }  // namespace orv

@@ -2,13 +2,17 @@
 // about runs: a queue record can be disabled, renamed, overwritten by a forced run or left unsaved
 // on a full disk while its job still runs, and it does not know the tool.
 //
-// A run has one beside the queue, "<queue>.run.<runner pid>", from before the tool is let go until
-// the run's outcome is known. It is a symbolic link whose text is
-//   <boot>/<runner pid>.<its start>/<tool pid>.<its start>/<job>/<path of the job log>
-// with the tool's numbers 0 until it has one. A link is made and replaced in one step, so that no
-// reader ever sees half of one, and a short one needs no block of its own, so that it can be made
-// on a full disk too (then without job and log). Nothing is flushed: no process outlives a power
-// loss.
+// A run has one beside the queue, from before the tool is let go until the run's outcome is known:
+// a symbolic link with the name
+//   <queue>.run.<runner pid>
+// and the text
+//   <boot>/<runner pid>.<its start>/<job>/<path of the job log>
+// Once there is a tool, the link has a second name (link(2)), which says what goes on should the
+// runner die:
+//   <queue>.run.<runner pid>.<tool pid>.<tool's start>
+// A name is added or removed in one step, so that no reader ever sees half of a link or none, and a
+// short link needs no block of its own, so that it can be made on a full disk too (then without job
+// and log). Nothing is flushed: no process outlives a power loss.
 #ifndef ORV_SCHED_RUN_FILE_H_
 #define ORV_SCHED_RUN_FILE_H_
 
@@ -22,24 +26,25 @@
 
 namespace orv {
 
-// What a run file says.
+// What a run file says, under one of its names.
 struct RunNote {
   std::string boot;
   ProcessId runner;
-  ProcessId tool;
+  ProcessId tool;   // 0 under the first name
   std::string job;  // empty when there was no room for it
   std::string log;  // path; likewise
 };
 
 enum class RunPhase {
-  Running,  // its runner lives
+  Running,  // its runner lives, and its tool, if the name tells one
   Lost,     // its runner is gone, its tool is not
-  Over,     // both are gone: the file is a leftover
+  Over,     // else: the name is a leftover, or another one says more
 };
 [[nodiscard]] RunPhase run_phase(const RunNote& note);
 
-// The runs of other processes that are not over, by the run files of the queue at `queue_path`.
-// Files that are no run files are passed over. Changes nothing, needs no lock.
+// The runs of other processes that are not over, by the run files of the queue at `queue_path`; one
+// may stand there under both names. Files that are no run files are passed over. Changes nothing,
+// needs no lock.
 struct OtherRun {
   RunNote note;
   RunPhase phase;
@@ -52,7 +57,7 @@ struct OtherRuns {
 };
 [[nodiscard]] OtherRuns other_runs(const std::string& queue_path);
 
-// Removes the run files of runs that are over. Needs the queue's lock.
+// Removes the names that are over. Needs the queue's lock.
 void remove_dead_run_files(const std::string& queue_path);
 
 // The run file of a run of this process, removed at the end of its life. A run that cannot be
@@ -69,9 +74,11 @@ class RunFile {
   void add_tool(pid_t tool);
 
  private:
-  void write();
+  // Makes the link `path`, in the place of a leftover of that name; false, errno kept, on failure.
+  [[nodiscard]] bool make(const std::string& path) const;
 
-  std::string path_;  // empty when the run could not be written down
+  std::string path_;
+  std::string tool_path_;  // the second name, empty while there is no tool
   RunNote note_;
 };
 

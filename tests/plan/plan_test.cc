@@ -193,9 +193,8 @@ TEST_F(WhyTest, NamesEachThingThatBlocks) {
   EXPECT_EQ(why("third"),
             "it is due, but job 'first' is due too and stands before it in the configuration\n");
   // A run file whose runner is gone; this very process stands for the tool that goes on.
-  std::filesystem::create_symlink(
-      boot_name() + "/1.1/" + std::to_string(::getpid()) + ".0/first//log",
-      plan_.queue_path + ".run.1");
+  std::filesystem::create_symlink(boot_name() + "/1.1/first//log",
+                                  plan_.queue_path + ".run.1." + std::to_string(::getpid()) + ".0");
   EXPECT_TRUE(contains(why("third"), "a run of job 'first' whose scheduler is gone"));
   DaemonProcess none;
   none.running = false;

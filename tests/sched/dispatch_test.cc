@@ -145,24 +145,26 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
   const std::string boot = boot_name();
   const std::string live = pid + "." + std::to_string(process_id(sleeper).start);
   const struct {
-    std::string text;  // of a run file
+    std::string tool;  // in the name of a run file
+    std::string text;
     const char* line;  // what the pass logs; null: it runs the jobs
   } cases[] = {
       // A renamed job's runner lives; a lost run's tool does; the pid of neither, but that pid
       // again.
-      {boot + "/" + live + "/0.0/old/",
+      {"", boot + "/" + live + "/old/",
        "INFO  orv_sched: job 'old' is running in another process "},
-      {boot + "/" + pid + ".1/" + live + "/a//log",
+      {"." + live, boot + "/" + pid + ".1/a//log",
        "WARN  orv_sched: job 'a': the tool of a run whose scheduler is gone is still running "},
-      {boot + "/" + pid + ".1/" + live + "//", "WARN  orv_sched: job '?': the tool "},
-      {boot + "/" + pid + ".1/" + pid + ".1/a//log", nullptr},
-      {"00000000/" + live + "/" + live + "/a//log", nullptr},
-      {"nonsense", nullptr},
+      {"." + live, boot + "/" + pid + ".1//", "WARN  orv_sched: job '?': the tool "},
+      {"." + pid + ".1", boot + "/" + pid + ".1/a//log", nullptr},
+      {"." + live, "00000000/" + live + "/a//log", nullptr},
+      {"." + pid + ".2", boot + "/" + live + "/a//log", nullptr},  // its first name would tell
+      {"", "nonsense", nullptr},
+      {".new", boot + "/" + live + "/a//log", nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    const std::string file = settings_.queue_path + ".run.4194304";
-    std::filesystem::remove(file);
+    const std::string file = settings_.queue_path + ".run.4194304" + c.tool;
     std::filesystem::create_symlink(c.text, file);
     const std::string log = cycle();
     EXPECT_EQ(runs(), c.line == nullptr ? "a\nb\n" : "");
@@ -176,10 +178,10 @@ TEST_F(DispatchTest, StartsNothingBesideTheRunOfAnotherWhateverTheRecordsSay) {
               ErrorCode::Unavailable);
     EXPECT_EQ(job_runs_elsewhere(dispatch_->queue, "a"), contains(c.text, "/a/"));
     remove_dead_run_files(settings_.queue_path);
-    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    EXPECT_TRUE(std::filesystem::remove(file)) << "not to be removed by anyone else";
   }
   remove_dead_run_files(settings_.queue_path);
-  EXPECT_TRUE(std::filesystem::is_symlink(settings_.queue_path + ".run.4194304")) << "not ours";
+  EXPECT_TRUE(std::filesystem::is_symlink(settings_.queue_path + ".run.4194304.new")) << "not ours";
 }
 
 TEST_F(DispatchTest, TriesAgainWhatItCouldNotReadForWantOfDescriptors) {

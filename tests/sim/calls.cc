@@ -216,6 +216,15 @@ int symlink(const Call& call, const char* text, const char* path) {
   return 0;
 }
 
+int link(const Call& call, const char* from, const char* to) {
+  Disk& disk = call.world.disk;
+  const NodeRef node = disk.find(from);
+  if (!node) return failed(ENOENT);
+  if (disk.find(to)) return failed(EEXIST);
+  disk.name(to, node, call.world.mono);
+  return 0;
+}
+
 ssize_t readlink(const Call& call, const char* path, char* into, std::size_t size) {
   const NodeRef node = call.world.disk.find(path);
   if (!node) return failed(ENOENT);
@@ -439,8 +448,9 @@ ORV_SIM_CALL(ssize_t, write, (int fd, const void* bytes, std::size_t size), fd, 
 ORV_SIM_RISK(int, fsync, (int fd), fd)
 ORV_SIM_RISK(int, rename, (const char* from, const char* to), from, to)
 ORV_SIM_RISK(int, symlink, (const char* text, const char* path), text, path)
+ORV_SIM_RISK(int, link, (const char* from, const char* to), from, to)
 ORV_SIM_RISK(ssize_t, readlink, (const char* path, char* into, std::size_t size), path, into, size)
-ORV_SIM_CALL(int, unlink, (const char* path), path)
+ORV_SIM_RISK(int, unlink, (const char* path), path)
 ORV_SIM_RISK(int, mkdir, (const char* path, mode_t mode), path, mode)
 ORV_SIM_CALL(int, stat, (const char* path, struct stat* st), path, st)
 ORV_SIM_CALL(int, lstat, (const char* path, struct stat* st), path, st)
