@@ -79,6 +79,7 @@ void read_queue(Dispatch& d) {
 
 void reconcile(Dispatch& d, std::int64_t now) {
   note_save(d, queue_sync_with_config(d.queue, *d.live.config, now));
+  note_save(d, queue_drop_far_retries(d.queue, *d.live.config, now, d.settings.busy_retry_s));
 }
 
 void reload_config(Dispatch& d, std::int64_t now) {

@@ -70,17 +70,6 @@ bool give_first_run(QueueRecord& record, const Job& job, std::int64_t now) {
   return true;
 }
 
-// A job that was left with its dependencies alone forgets the next time of the schedule it had:
-// after a run by hand that found its tool busy it would wait for that as for a retry.
-bool drop_old_time(QueueRecord& record, const Job& job) {
-  if (!job.enabled || has_time(job) || record_state(record) == JobState::Running) return false;
-  const std::uint32_t fingerprint = schedule_fingerprint(job);
-  if (record.schedule_fingerprint == 0 || record.schedule_fingerprint == fingerprint) return false;
-  record.next_run = kNever;
-  record.schedule_fingerprint = fingerprint;
-  return true;
-}
-
 // queue_find() for jobs in the configuration's order, which mostly is that of the records: `place`
 // is where the next one is looked for first.
 QueueRecord* find_near(QueueState& state, std::string_view name, std::size_t& place) {
@@ -162,10 +151,8 @@ bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, 
   for (const Job& job : config.jobs) {
     if (QueueRecord* const record = find_near(state, job.name.view(), next)) {
       changed = follow_enabled(*record, job, now) || changed;
-      // The daemon's to change: a view shows what there is.
-      if (!quiet) {
-        changed = give_first_run(*record, job, now) || drop_old_time(*record, job) || changed;
-      }
+      // The daemon's to give: a view shows what there is.
+      if (!quiet) changed = give_first_run(*record, job, now) || changed;
       continue;
     }
     added.push_back(new_record(job, now));
@@ -184,6 +171,20 @@ bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now, 
 
 ErrorCode queue_sync_with_config(QueueState& state, const Config& config, std::int64_t now) {
   return queue_reconcile(state, config, now, false) ? queue_save(state) : ErrorCode::Ok;
+}
+
+ErrorCode queue_drop_far_retries(QueueState& state, const Config& config, std::int64_t now,
+                                 std::int64_t busy_retry_s) {
+  bool changed = false;
+  for (const Job& job : config.jobs) {
+    if (has_time(job)) continue;
+    QueueRecord* const record = queue_find(state, job.name.view());
+    if (record == nullptr || !waits_for_retry(*record)) continue;
+    if (record->next_run <= now + busy_retry_s) continue;
+    record->next_run = kNever;
+    changed = true;
+  }
+  return changed ? queue_save(state) : ErrorCode::Ok;
 }
 
 void queue_view_with_config(QueueState& state, const Config& config, std::int64_t now) {

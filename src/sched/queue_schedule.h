@@ -26,15 +26,20 @@ namespace orv {
 [[nodiscard]] bool dependency_met(const QueueRecord& record, AfterMode mode);
 
 // Brings the records in line with the configured jobs: new jobs get a record, removed ones lose
-// theirs, disabling and enabling is carried over. A job without a next run that was first run by
-// hand, or edited while it ran, gets its first one, and one whose schedule or once time was taken
-// away loses its next run. True when anything changed. `quiet` logs nothing and does neither of the
-// last two.
+// theirs, disabling and enabling is carried over, and a job without a next run that was first run
+// by hand, or edited while it ran, gets its first one. True when anything changed. `quiet` logs
+// nothing.
 [[nodiscard]] bool queue_reconcile(QueueState& state, const Config& config, std::int64_t now,
                                    bool quiet);
 // Reconciles, logging, and saves when anything changed.
 [[nodiscard]] ErrorCode queue_sync_with_config(QueueState& state, const Config& config,
                                                std::int64_t now);
+// Lets jobs that only wait for others no longer wait for a retry that is further ahead than one is
+// ever set: such a time is that of a schedule that was taken away, or of a clock that was ahead,
+// and a run by hand that found its tool busy has made it look like a retry. Saves when anything
+// changed.
+[[nodiscard]] ErrorCode queue_drop_far_retries(QueueState& state, const Config& config,
+                                               std::int64_t now, std::int64_t busy_retry_s);
 // Reconciles quietly and refreshes schedules, and never saves: for readers.
 void queue_view_with_config(QueueState& state, const Config& config, std::int64_t now);
 

@@ -264,32 +264,29 @@ TEST(QueueReconcile, GivesAJobThatWasFirstRunByHandItsFirstTime) {
   EXPECT_FALSE(queue_reconcile(state, *config, kNow, false));
 }
 
-TEST(QueueReconcile, ForgetsTheTimeOfAScheduleThatWasTakenAway) {
-  const auto config = parsed("[a]\nafter=b\n[b]\nonce=1\n");
-  const std::uint32_t own = schedule_fingerprint(config->jobs[0]);
-  static constexpr std::int64_t kAhead = kNow + 86400;
-  const struct {
-    std::uint32_t fingerprint;
+TEST(QueueRetry, IsNoneWhenItIsFurtherAheadThanRetriesAreSet) {
+  static constexpr std::int64_t kRetry = 600;
+  static constexpr struct {
+    const char* settings;
     JobState state;
     std::int64_t next_run;
-  } cases[] = {
-      {1, JobState::Pending, kNever},  // it would pass for the time of a retry
-      {1, JobState::Done, kNever},      {1, JobState::Running, kAhead},
-      {own, JobState::Pending, kAhead},  // this is one
-      {0, JobState::Pending, kAhead},
+    bool dropped;
+  } kCases[] = {
+      {"after=b", JobState::Pending, kNow + kRetry + 1, true},
+      {"after=b", JobState::Pending, kNow + kRetry, false},
+      {"after=b", JobState::Pending, kNever, false},
+      {"after=b", JobState::Done, kNow + kRetry + 1, false},  // nothing waits for it
+      {"after=b", JobState::Running, kNow + kRetry + 1, false},
+      {"after=b\nschedule=0 1 * * *", JobState::Pending, kNow + kRetry + 1, false},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : kCases) {
+    const auto config = parsed("[b]\nonce=1\n[a]\n" + std::string(c.settings) + "\n");
     QueueState state;
-    append_one(state, record_of("b", JobState::Done));
-    state.records()[0].next_run = 1;
     append_one(state, record_of("a", c.state));
-    QueueRecord& record = state.records()[1];
-    record.started_at = 5;
-    record.schedule_fingerprint = c.fingerprint;
-    record.next_run = kAhead;
-    EXPECT_EQ(queue_reconcile(state, *config, kNow, false), c.next_run == kNever);
-    EXPECT_EQ(state.records()[1].next_run, c.next_run);
-    EXPECT_FALSE(queue_reconcile(state, *config, kNow, false)) << "once";
+    state.records()[0].started_at = 5;
+    state.records()[0].next_run = c.next_run;
+    (void)queue_drop_far_retries(state, *config, kNow, kRetry);
+    EXPECT_EQ(state.records()[0].next_run, c.dropped ? kNever : c.next_run) << c.settings;
   }
 }
 
