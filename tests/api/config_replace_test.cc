@@ -41,7 +41,6 @@ bool fails(const char* name) {
 }  // namespace
 
 // The linker leads the program's calls here (--wrap). The names are the linker's.
-// NOLINTBEGIN(bugprone-reserved-identifier)
 #define ORV_FAULTY(result, name, parameters, ...)                               \
   extern "C" result __real_##name parameters;                                   \
   extern "C" result __wrap_##name parameters;                                   \
@@ -83,7 +82,6 @@ extern "C" int __wrap_close(int fd) {  // also a close that fails has closed
   const int rc = __real_close(fd);
   return failed ? -1 : rc;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace orv {
 namespace {

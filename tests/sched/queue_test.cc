@@ -26,7 +26,6 @@ bool g_flush_fails = false;
 }  // namespace
 
 // The linker leads the calls of fsync() here (--wrap). The names are the linker's.
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" int __real_fsync(int fd);
 extern "C" int __wrap_fsync(int fd);
 extern "C" int __wrap_fsync(int fd) {
@@ -34,7 +33,6 @@ extern "C" int __wrap_fsync(int fd) {
   errno = ENOSPC;
   return -1;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace orv {
 namespace {
