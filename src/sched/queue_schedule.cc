@@ -176,12 +176,11 @@ ErrorCode queue_sync_with_config(QueueState& state, const Config& config, std::i
 ErrorCode queue_drop_far_retries(QueueState& state, const Config& config, std::int64_t now,
                                  std::int64_t busy_retry_s) {
   bool changed = false;
-  for (const Job& job : config.jobs) {
-    if (has_time(job)) continue;
-    QueueRecord* const record = queue_find(state, job.name.view());
-    if (record == nullptr || !waits_for_retry(*record)) continue;
-    if (record->next_run <= now + busy_retry_s) continue;
-    record->next_run = kNever;
+  for (QueueRecord& record : state.records()) {
+    if (!waits_for_retry(record) || record.next_run <= now + busy_retry_s) continue;
+    const Job* const job = find_job(config, record_name(record));  // hardly ever comes to this
+    if (job == nullptr || has_time(*job)) continue;
+    record.next_run = kNever;
     changed = true;
   }
   return changed ? queue_save(state) : ErrorCode::Ok;
